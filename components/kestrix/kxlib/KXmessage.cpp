@@ -1,0 +1,102 @@
+#include "KXmessage.h"
+
+#include <cstring>
+#include <new>
+
+#include "KXlog.h"
+
+namespace {
+
+constexpr int header_size = sizeof(msg_header_t);
+constexpr std::size_t tag_width = 1;
+
+template <std::size_t entries>
+const char* name_of(const char* const (&names)[entries], std::uint8_t code) {
+  return code < entries ? names[code] : "unknown";
+}
+
+}  // namespace
+
+const char* const msg_type2str[5] = {"", "REQ", "RSP", "ERR", "SIG"};
+
+const char* const mgmt_cmd2str[12] = {"",           "REG-COMPONENT",  "UNREG-COMPONENT", "REG-FUNCTION",
+                                      "REG-SIGNAL", "UNREG-FUNCTION", "UNREG-SIGNAL",    "SUB-FUNCTION",
+                                      "SUB-SIGNAL", "UNSUB-FUNCTION", "UNSUB-SIGNAL",    "KILL-COMPONENT"};
+
+const char* msg_type_name(std::uint8_t msg_type) { return name_of(msg_type2str, msg_type); }
+const char* mgmt_cmd_name(std::uint8_t cmd) { return name_of(mgmt_cmd2str, cmd); }
+
+KXmessage::KXmessage() : m_header(new (data) msg_header_t()) { offset = header_size; }
+
+KXmessage::KXmessage(const KXmessage& other)
+    : buffer_t(other), m_header(reinterpret_cast<msg_header_t*>(data + offset - header_size)) {}
+
+void KXmessage::operator=(const KXmessage& other) {
+  buffer_t::operator=(other);
+  m_header = reinterpret_cast<msg_header_t*>(data + offset - header_size);
+}
+
+bool KXmessage::has_room(std::size_t needed) const {
+  if (static_cast<std::size_t>(room()) >= needed) return true;
+  KX_LOG_WARNING_IN("operator<<", "buffer full\n");
+  return false;
+}
+
+void KXmessage::skip_tag() const {
+  unsigned char tag = 0;
+  buffer_t::operator>>(tag);
+}
+
+#define TAGGED_OPERATORS(type, wire_type, tag)             \
+  void KXmessage::operator<<(type value) {                 \
+    if (!has_room(tag_width + sizeof(type))) return;       \
+    buffer_t::operator<<(static_cast<unsigned char>(tag)); \
+    buffer_t::operator<<(static_cast<wire_type>(value));   \
+  }                                                        \
+  void KXmessage::operator>>(type& value) const {          \
+    skip_tag();                                            \
+    buffer_t::operator>>(value);                           \
+  }
+
+TAGGED_OPERATORS(signed char, unsigned char, TAG_INT8)
+TAGGED_OPERATORS(short, unsigned short, TAG_INT16)
+TAGGED_OPERATORS(int, unsigned int, TAG_INT32)
+TAGGED_OPERATORS(long long, unsigned long long, TAG_INT64)
+TAGGED_OPERATORS(unsigned char, unsigned char, TAG_UINT8)
+TAGGED_OPERATORS(unsigned short, unsigned short, TAG_UINT16)
+TAGGED_OPERATORS(unsigned int, unsigned int, TAG_UINT32)
+TAGGED_OPERATORS(unsigned long long, unsigned long long, TAG_UINT64)
+TAGGED_OPERATORS(bool, bool, TAG_BOOL)
+
+#undef TAGGED_OPERATORS
+
+void KXmessage::operator<<(const std::string& value) {
+  if (!has_room(value.size() + 4)) return;
+  buffer_t::operator<<(static_cast<unsigned char>(TAG_STRING));
+  buffer_t::operator<<(value);
+}
+
+void KXmessage::operator<<(const buffer_t& value) {
+  // The tag would lengthen a message that is written into itself.
+  if (&value == this) return *this << buffer_t(value);
+  if (!has_room(static_cast<std::size_t>(value.size) + 3)) return;
+  buffer_t::operator<<(static_cast<unsigned char>(TAG_BUFFER));
+  buffer_t::operator<<(value);
+}
+
+void KXmessage::operator<<(const char* value) { *this << std::string(value == nullptr ? "" : value); }
+
+void KXmessage::operator>>(std::string& value) const {
+  value.clear();
+  skip_tag();
+  buffer_t::operator>>(value);
+}
+
+void KXmessage::operator>>(buffer_t& value) const {
+  value.size = 0;
+  value.pos = 0;
+  skip_tag();
+  buffer_t::operator>>(value);
+}
+
+void KXmessage::operator>>(const std::string&) const {}

@@ -1,0 +1,7 @@
+/// Marks what libkxlib exports; everything else is hidden.
+#ifndef KXEXPORT_H
+#define KXEXPORT_H
+
+#define KX_EXPORT __attribute__((visibility("default")))
+
+#endif
