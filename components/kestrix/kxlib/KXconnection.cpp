@@ -1,0 +1,43 @@
+#include "KXconnection.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <atomic>
+#include <iterator>
+
+const char* const KXconnection::interface_type2str[3] = {"SYNC", "ASYNC", "SGNL"};
+
+namespace {
+
+// Ids with a meaning of their own: none, registration, unregistration, kill.
+constexpr unsigned int reserved_ids[] = {0, 0x11111111, 0x22222222, 0x33333333};
+
+unsigned int next_request_id() {
+  static std::atomic<unsigned int> last{0};
+  for (;;) {
+    const unsigned int id = ++last;
+    if (std::find(std::begin(reserved_ids), std::end(reserved_ids), id) == std::end(reserved_ids)) return id;
+  }
+}
+
+}  // namespace
+
+bool KXconnection::connection_send(KXmessage& message) {
+  message.m_header->src_siid = htonl(m_siid);
+  return m_component->send_data_message(message) > 0;
+}
+
+bool KXconnection::connection_receive(KXmessage& message) { return receive_datagram(message) > 0; }
+
+int KXconnection::receive_datagram(KXmessage& message) {
+  message.size = 0;
+  message.pos = 0;
+  peer_info_t peer;
+  return m_component->rec_message(m_component->m_data_fd, message, true, peer);
+}
+
+void KXconnection::begin_request(KXmessage& message, mgmt_cmd_e cmd) {
+  message.m_header->cmd = cmd;
+  message.m_header->msg_id = htonl(next_request_id());
+}

@@ -1,0 +1,74 @@
+#ifndef KXPROXY_H
+#define KXPROXY_H
+
+#include "KXconnection.h"
+#include "KXexport.h"
+#include "KXproxyReplyInterface.h"
+
+/// The using end of a service.
+///
+/// An application subscribes it to a service by name and calls proxy_send with messages of which it has set
+/// cmd and the payload. To receive asynchronous responses and signals it derives from the class and overrides
+/// process_message(KXmessage&), which runs on the event loop's thread.
+class KX_EXPORT KXproxy : public KXconnection {
+ public:
+  /// @param timeout seconds after which a synchronous request gives up while only other messages arrive; when
+  /// none
+  ///                arrives at all it gives up after 10 seconds, whatever `timeout` is
+  explicit KXproxy(KXcomponent* component, unsigned int timeout = 10)
+      : KXconnection(component),
+        m_reply_interface(nullptr),
+        m_service_siid(no_siid),
+        m_mid(0),
+        m_mid_first(0),
+        m_mid_end(0),
+        m_timeout(timeout) {}
+
+  /// Subscribe to the service `name` with kxcore and wait, without limit, for its answer.
+  /// @param reply stored for process_message of the application's own class; not owned, may be null
+  /// @return 1, or 0 when kxcore could not be reached
+  /// @throws KXerror::ERR_ERROR_REPLY when kxcore refuses, for instance because nobody offers the service
+  /// yet;
+  ///         KXerror::ERR_SIID_PRESENT when it grants a taken siid. Subscribing again later is fine.
+  int subscribe_synchronous(const char* name);
+  int subscribe_asynchronous(const char* name, KXproxyReplyInterface* reply);
+  int subscribe_signal(const char* name);
+  int subscribe_service(const char* name, interface_type_e type, KXproxyReplyInterface* reply);
+
+  /// Sends a request or signal to the service. A synchronous proxy then blocks for the response: messages
+  /// that arrive meanwhile are dispatched by the event loop afterwards, timers do not fire. It may be called
+  /// from handlers of every kind, and from another thread than the loop's: requests of one component run one
+  /// at a time.
+  /// @return synchronous: 1 with the response in `message` (a msg_type of MSG_ERR is one, too), read cursor
+  /// at the
+  ///         start of its payload; 0 when it was not sent or no response came. Others: 1 when sent, else 0.
+  int proxy_send(KXmessage& message);
+
+  /// Tells kxcore that the subscription ends; with `remove` also leaves the component's table of siids.
+  void disconnect(bool remove) override;
+
+  /// Passes the message on to process_message.
+  void connection_process_message(KXmessage& message) override;
+
+  void process_message(KXmessage& /*message*/) override {
+    KX_LOG_ERROR("Error, this function should never be called [%s]]\n",
+                 "virtual void KXproxy::process_message(KXmessage&)");
+  }
+  using KXconnection::process_message;
+
+ protected:
+  friend class KXclientComponent;
+
+  KXproxyReplyInterface* m_reply_interface;
+  unsigned int m_service_siid;
+  unsigned int m_mid;
+  unsigned int m_mid_first;
+  unsigned int m_mid_end;
+  unsigned int m_timeout;
+
+ private:
+  void address(KXmessage& message);
+  bool await_response(KXmessage& message, unsigned int awaited);
+};
+
+#endif
