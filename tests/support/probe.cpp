@@ -1,0 +1,113 @@
+#include "probe.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <sstream>
+
+#include "seam.h"
+
+namespace {
+
+sockaddr_un address_of(const std::string& path) {
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, path.data(), path.size());
+  return address;
+}
+
+}  // namespace
+
+raw_socket::raw_socket(const std::string& path)
+    : m_path(path), m_fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
+  unlink(path.c_str());
+  const sockaddr_un address = address_of(path);
+  EXPECT_EQ(0, bind(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address)) << path;
+}
+
+raw_socket::~raw_socket() {
+  close(m_fd);
+  unlink(m_path.c_str());
+}
+
+bool raw_socket::send(const std::string& path, const std::vector<unsigned char>& bytes) const {
+  const sockaddr_un address = address_of(path);
+  const ssize_t sent = sendto(m_fd, bytes.data(), bytes.size(), MSG_DONTWAIT,
+                              reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  return sent == static_cast<ssize_t>(bytes.size());
+}
+
+bool raw_socket::send(const std::string& path, const KXmessage& message) const {
+  return send(path, bytes_of(message));
+}
+
+std::vector<unsigned char> raw_socket::receive() const {
+  std::vector<unsigned char> bytes(2 * buffer_t::capacity);
+  sockaddr_un address = {};
+  socklen_t length = sizeof address;
+  const ssize_t count = recvfrom(m_fd, bytes.data(), bytes.size(), MSG_DONTWAIT,
+                                 reinterpret_cast<sockaddr*>(&address), &length);
+  bytes.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+  if (count > 0) m_sender = address.sun_path;
+  return bytes;
+}
+
+KXmessage raw_socket::receive_message() const {
+  KXmessage message;
+  const std::vector<unsigned char> bytes = receive();
+  if (bytes.size() < sizeof(msg_header_t)) return message;
+  std::memcpy(message.m_header, bytes.data(), bytes.size());
+  message.incr_size(static_cast<int>(bytes.size() - sizeof(msg_header_t)));
+  return message;
+}
+
+KXmessage make_message(unsigned int dst_siid, unsigned int src_siid, msg_type_e type, unsigned char cmd,
+                       unsigned int msg_id) {
+  KXmessage message;
+  message.m_header->dst_siid = htonl(dst_siid);
+  message.m_header->src_siid = htonl(src_siid);
+  message.m_header->msg_type = type;
+  message.m_header->cmd = cmd;
+  message.m_header->msg_id = htonl(msg_id);
+  return message;
+}
+
+std::vector<unsigned char> bytes_of(const KXmessage& message) {
+  const auto* begin = reinterpret_cast<const unsigned char*>(message.m_header);
+  return {begin, begin + message.datagram_size()};
+}
+
+std::vector<unsigned char> hex(const std::string& text) {
+  std::vector<unsigned char> bytes;
+  std::istringstream words(text);
+  for (std::string word; words >> word;)
+    bytes.push_back(static_cast<unsigned char>(std::stoul(word, nullptr, 16)));
+  return bytes;
+}
+
+fake_core::fake_core() : mgmt(mgmt_path), data(data_path) {
+  seam::before(seam::SELECT, [this] { serve(); });
+}
+
+void fake_core::reply(msg_type_e type, std::function<void(KXmessage&)> fill) {
+  m_replies.push_back({type, std::move(fill)});
+}
+
+void fake_core::serve() {
+  for (;;) {
+    const KXmessage request = mgmt.receive_message();
+    if (request.m_header->msg_type == MSG_NONE) return;
+    received.push_back(request);
+    if (request.m_header->msg_type != MSG_REQ || m_replies.empty()) continue;
+    KXmessage answer = request;
+    answer.size = 0;
+    answer.m_header->msg_type = m_replies.front().type;
+    if (m_replies.front().fill) m_replies.front().fill(answer);
+    m_replies.pop_front();
+    mgmt.send(mgmt.sender(), answer);
+  }
+}

@@ -1,0 +1,174 @@
+// Components and connections whose state a test can look at, and a raw socket that plays a peer.
+#ifndef TESTS_PROBE_H
+#define TESTS_PROBE_H
+
+#include <deque>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "KXclientComponent.h"
+#include "KXproxy.h"
+#include "KXstub.h"
+#include "seam.h"
+
+// The base of every test that arms the seam.
+class seam_test : public testing::Test {
+ protected:
+  void SetUp() override { seam::reset(); }
+  void TearDown() override { seam::disarm(); }
+};
+
+// Opens the state of a component class. The receivers of a plain KXcomponent read and drop, ending on KILL.
+template <typename Base>
+class probe_of : public Base {
+ public:
+  using Base::Base;
+  using Base::deliver;
+  using Base::m_close_cb;
+  using Base::m_connections;
+  using Base::m_data_fd;
+  using Base::m_data_socket_name;
+  using Base::m_fd_handlers;
+  using Base::m_fda;
+  using Base::m_interfaces;
+  using Base::m_mgmt_fd;
+  using Base::m_mgmt_socket_name;
+  using Base::m_mutex;
+  using Base::m_name;
+  using Base::m_nfds;
+  using Base::m_running;
+  using Base::m_siid_map;
+  using Base::m_socket_dir;
+  using Base::m_timers;
+  using Base::m_waiting_queue;
+
+  ~probe_of() override { Base::stop(); }
+};
+
+class bare_component : public KXcomponent {
+ public:
+  using KXcomponent::KXcomponent;
+  void get_data_message(int fd) override { receive(fd); }
+  void get_mgmt_message(int fd) override {
+    if (receive(fd).m_header->cmd == CMD_KILL_COMPONENT) m_running = false;
+  }
+
+ private:
+  KXmessage receive(int fd) {
+    KXmessage message;
+    peer_info_t peer;
+    rec_message(fd, message, true, peer);
+    return message;
+  }
+};
+
+using component_probe = probe_of<bare_component>;
+
+class client_probe : public probe_of<KXclientComponent> {
+ public:
+  using KXclientComponent::m_kxcore_data_socket_name;
+  using KXclientComponent::m_kxcore_mgmt_socket_name;
+  using probe_of::probe_of;
+};
+
+// A stub or proxy with open state that hands its messages to `on_message`.
+template <typename Base>
+class connection_probe : public Base {
+ public:
+  using Base::Base;
+  using Base::m_interface_type;
+  using Base::m_service_name;
+  using Base::m_siid;
+  using Base::process_message;
+
+  void process_message(KXmessage& message) override {
+    if (on_message) on_message(message);
+  }
+
+  std::function<void(KXmessage&)> on_message;
+};
+
+using stub_probe = connection_probe<KXstub>;
+
+class proxy_probe : public connection_probe<KXproxy> {
+ public:
+  using connection_probe::connection_probe;
+  using KXproxy::m_mid;
+  using KXproxy::m_mid_end;
+  using KXproxy::m_mid_first;
+  using KXproxy::m_reply_interface;
+  using KXproxy::m_service_siid;
+  using KXproxy::m_timeout;
+};
+
+// A bound datagram socket outside the library.
+class raw_socket {
+ public:
+  explicit raw_socket(const std::string& path);
+  ~raw_socket();
+  raw_socket(const raw_socket&) = delete;
+  raw_socket& operator=(const raw_socket&) = delete;
+
+  int fd() const { return m_fd; }
+  const std::string& path() const { return m_path; }
+
+  // One non-blocking attempt each: whether it was sent; the next datagram's bytes, empty when there is none.
+  bool send(const std::string& path, const std::vector<unsigned char>& bytes) const;
+  bool send(const std::string& path, const KXmessage& message) const;
+  std::vector<unsigned char> receive() const;
+
+  // The path of the sender of what was received last.
+  const std::string& sender() const { return m_sender; }
+
+  // The next datagram as a message; one with MSG_NONE when there is none.
+  KXmessage receive_message() const;
+
+ private:
+  std::string m_path;
+  mutable std::string m_sender;
+  int m_fd;
+};
+
+// A message with this header.
+KXmessage make_message(unsigned int dst_siid, unsigned int src_siid, msg_type_e type, unsigned char cmd,
+                       unsigned int msg_id);
+
+// The bytes of the datagram that `message` is.
+std::vector<unsigned char> bytes_of(const KXmessage& message);
+
+// "05 00 00" as bytes.
+std::vector<unsigned char> hex(const std::string& text);
+
+// A core made of raw sockets on the real paths. It works on the test's own thread, whenever the component is
+// about to wait in select: each request gets the first of the replies laid ready, and none when there is none
+// left.
+class fake_core {
+ public:
+  static constexpr char mgmt_path[] = "/tmp/kxcore/kxcore";
+  static constexpr char data_path[] = "/tmp/kxcore/kxcore-d";
+
+  // Takes over the hook that the seam runs before select.
+  fake_core();
+
+  // Lays a reply ready, MSG_RSP or MSG_ERR, whose payload `fill` writes.
+  void reply(msg_type_e type, std::function<void(KXmessage&)> fill = nullptr);
+
+  // Reads what has come to the management socket and answers it.
+  void serve();
+
+  raw_socket mgmt;
+  raw_socket data;
+  std::vector<KXmessage> received;  // on the management socket, in order
+
+ private:
+  struct prepared {
+    msg_type_e type;
+    std::function<void(KXmessage&)> fill;
+  };
+  std::deque<prepared> m_replies;
+};
+
+#endif

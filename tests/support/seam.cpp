@@ -1,0 +1,293 @@
+#include "seam.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <stdarg.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+#include "trace.h"
+
+namespace {
+
+struct armed_call {
+  int count = 0;
+  int error = 0;
+  int failures = 0;
+  int skip = 0;
+  std::function<void()> hook;
+};
+
+// Lines are taken from signal handlers too, so their storage is fixed.
+struct line_record {
+  std::atomic<bool> complete;
+  int priority;
+  char text[480];
+};
+
+constexpr std::size_t max_lines = 4096;
+
+std::array<armed_call, seam::CALLS> armed;
+std::vector<seam::call_e> made;
+std::array<line_record, max_lines> records;
+std::atomic<std::size_t> record_count{0};
+std::vector<seam::failed_assertion> assertions;
+std::function<void()> idle;
+double fake_now = -1;
+thread_local bool arms = false;    // whether this thread is the one that armed the seam
+thread_local bool inside = false;  // whether it runs a hook
+
+constexpr bool is_fake(double clock) { return clock >= 0; }
+
+// The next definition of a function: the C library's, or a sanitizer's.
+template <typename Function>
+Function real(const char* name, Function) {
+  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
+#define REAL(name) real(#name, &::name)
+
+// Notes a call and runs its hook; whether it is to fail, with errno set.
+bool fails(seam::call_e call) {
+  if (!arms || inside) return false;
+  armed_call& entry = armed[call];
+  ++entry.count;
+  made.push_back(call);
+  if (entry.hook) {
+    inside = true;
+    const auto hook = entry.hook;
+    hook();
+    inside = false;
+  }
+  if (entry.failures == 0) return false;
+  if (entry.skip > 0) {
+    --entry.skip;
+    return false;
+  }
+  --entry.failures;
+  errno = entry.error;
+  return true;
+}
+
+void run_idle_hook() {
+  if (!idle || inside) return;
+  inside = true;
+  const auto hook = idle;
+  hook();
+  inside = false;
+}
+
+bool clock_is_fake() { return arms && is_fake(fake_now); }
+
+int count_ready(const std::function<int()>& look) {
+  int ready = look();
+  if (ready != 0) return ready;
+  run_idle_hook();
+  return look();
+}
+
+}  // namespace
+
+namespace seam {
+
+void reset() {
+  arms = true;
+  for (armed_call& entry : armed)
+    entry = {};
+  made.clear();
+  assertions.clear();
+  idle = nullptr;
+  fake_now = -1;
+  clear_lines();
+  trace_level(9);
+}
+
+void disarm() {
+  arms = false;
+  idle = nullptr;
+  fake_now = -1;
+}
+
+std::vector<call_e> calls() { return made; }
+int count(call_e call) { return armed[call].count; }
+
+void fail(call_e call, int error, int times, int skip) {
+  armed[call].error = error;
+  armed[call].failures = times;
+  armed[call].skip = skip;
+}
+
+void before(call_e call, std::function<void()> hook) { armed[call].hook = std::move(hook); }
+void fake_clock(double seconds) { fake_now = seconds; }
+void advance(double seconds) { fake_now += seconds; }
+double now() { return fake_now; }
+void when_idle(std::function<void()> hook) { idle = std::move(hook); }
+
+std::vector<log_line> lines() {
+  std::vector<log_line> result;
+  for (std::size_t i = 0; i < std::min(record_count.load(), max_lines); ++i) {
+    if (records[i].complete) result.push_back({records[i].priority, records[i].text});
+  }
+  return result;
+}
+
+int times_logged(const std::string& text) {
+  int times = 0;
+  for (const log_line& line : lines())
+    times += line.text.find(text) != std::string::npos ? 1 : 0;
+  return times;
+}
+
+bool logged(const std::string& text) { return times_logged(text) > 0; }
+
+void clear_lines() {
+  for (std::size_t i = 0; i < std::min(record_count.load(), max_lines); ++i)
+    records[i].complete = false;
+  record_count = 0;
+}
+
+void trace_level(int level) { g_traceObject->level = level; }
+
+std::vector<failed_assertion> failed_assertions() { return assertions; }
+
+}  // namespace seam
+
+extern "C" {
+
+void logAssertFailed(const char* expression, const char* path, int /*line*/, const char* function) {
+  assertions.push_back({expression, path, function});
+}
+
+__attribute__((format(printf, 2, 3))) void syslog(int priority, const char* format, ...) {
+  const std::size_t index = record_count.fetch_add(1);
+  if (index >= max_lines) return;
+  va_list arguments;
+  va_start(arguments, format);
+  vsnprintf(records[index].text, sizeof records[index].text, format, arguments);
+  va_end(arguments);
+  records[index].priority = priority;
+  records[index].complete = true;
+}
+
+int access(const char* path, int mode) noexcept {
+  if (fails(seam::ACCESS)) return -1;
+  return REAL(access)(path, mode);
+}
+
+int bind(int fd, const struct sockaddr* address, socklen_t length) noexcept {
+  if (fails(seam::BIND)) return -1;
+  return REAL(bind)(fd, address, length);
+}
+
+int clock_gettime(clockid_t clock, struct timespec* time) noexcept {
+  if (clock != CLOCK_MONOTONIC) return REAL(clock_gettime)(clock, time);
+  if (fails(seam::CLOCK_GETTIME)) return -1;
+  if (!clock_is_fake()) return REAL(clock_gettime)(clock, time);
+  const double milliseconds = std::round(fake_now * 1000);
+  time->tv_sec = static_cast<time_t>(milliseconds / 1000);
+  time->tv_nsec = static_cast<long>(milliseconds - 1000.0 * static_cast<double>(time->tv_sec)) * 1'000'000;
+  return 0;
+}
+
+int close(int fd) {
+  if (fails(seam::CLOSE)) return -1;
+  return REAL(close)(fd);
+}
+
+int fcntl(int fd, int command, ...) {
+  va_list arguments;
+  va_start(arguments, command);
+  void* argument = va_arg(arguments, void*);
+  va_end(arguments);
+  if (fails(seam::FCNTL)) return -1;
+  return REAL(fcntl)(fd, command, argument);
+}
+
+int mkdir(const char* path, mode_t mode) noexcept {
+  if (fails(seam::MKDIR)) return -1;
+  return REAL(mkdir)(path, mode);
+}
+
+int open(const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const int mode = va_arg(arguments, int);
+  va_end(arguments);
+  if (fails(seam::OPEN)) return -1;
+  return REAL(open)(path, flags, mode);
+}
+
+int poll(struct pollfd* entries, nfds_t count, int timeout) {
+  if (fails(seam::POLL)) return -1;
+  if (!clock_is_fake()) return REAL(poll)(entries, count, timeout);
+  const int ready = count_ready([=] { return REAL(poll)(entries, count, 0); });
+  if (ready != 0) return ready;
+  if (timeout < 0) return REAL(poll)(entries, count, timeout);
+  seam::advance(timeout / 1000.0);
+  return 0;
+}
+
+ssize_t recvfrom(int fd, void* to, size_t size, int flags, struct sockaddr* address, socklen_t* length) {
+  if (fails(seam::RECVFROM)) return -1;
+  return REAL(recvfrom)(fd, to, size, flags, address, length);
+}
+
+int remove(const char* path) noexcept {
+  if (fails(seam::REMOVE)) return -1;
+  return REAL(remove)(path);
+}
+
+int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, struct timeval* limit) {
+  if (fails(seam::SELECT)) return -1;
+  if (!clock_is_fake()) return REAL(select)(count, readable, writable, exceptional, limit);
+  const fd_set asked = *readable;
+  const int ready = count_ready([=] {
+    *readable = asked;
+    struct timeval none = {0, 0};
+    return REAL(select)(count, readable, writable, exceptional, &none);
+  });
+  if (ready != 0) return ready;
+  if (limit == nullptr) {
+    *readable = asked;
+    return REAL(select)(count, readable, writable, exceptional, nullptr);
+  }
+  seam::advance(static_cast<double>(limit->tv_sec) + static_cast<double>(limit->tv_usec) / 1e6);
+  *limit = {0, 0};
+  return 0;
+}
+
+ssize_t sendto(int fd, const void* from, size_t size, int flags, const struct sockaddr* address,
+               socklen_t length) {
+  if (fails(seam::SENDTO)) return -1;
+  return REAL(sendto)(fd, from, size, flags, address, length);
+}
+
+int setsockopt(int fd, int level, int option, const void* value, socklen_t length) noexcept {
+  if (fails(seam::SETSOCKOPT)) return -1;
+  return REAL(setsockopt)(fd, level, option, value, length);
+}
+
+unsigned int sleep(unsigned int seconds) {
+  if (fails(seam::SLEEP)) return seconds;
+  if (!clock_is_fake()) return REAL(sleep)(seconds);
+  seam::advance(seconds);
+  return 0;
+}
+
+int socket(int domain, int type, int protocol) noexcept {
+  if (fails(seam::SOCKET)) return -1;
+  return REAL(socket)(domain, type, protocol);
+}
+
+}  // extern "C"

@@ -1,0 +1,79 @@
+// The seam between the library and the system: this executable defines the system calls that the library
+// makes, and passes them through unless a test counts, fails, hooks or re-clocks them. One thread arms it;
+// calls of others pass.
+#ifndef TESTS_SEAM_H
+#define TESTS_SEAM_H
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace seam {
+
+enum call_e {
+  ACCESS,
+  BIND,
+  CLOCK_GETTIME,
+  CLOSE,
+  FCNTL,
+  MKDIR,
+  OPEN,
+  POLL,
+  RECVFROM,
+  REMOVE,
+  SELECT,
+  SENDTO,
+  SETSOCKOPT,
+  SLEEP,
+  SOCKET,
+  CALLS
+};
+
+struct log_line {
+  int priority;
+  std::string text;  // as syslog would write it
+};
+
+// Forgets faults, hooks, counts and lines, gives the real clock back and sets the trace level to 9.
+void reset();
+
+// Lets everything pass again, the real clock included; counts and lines stay.
+void disarm();
+
+// The calls made since reset, in order, and how many there were of one kind.
+std::vector<call_e> calls();
+int count(call_e call);
+
+// Lets `times` calls fail with `error`, after `skip` calls that pass.
+void fail(call_e call, int error, int times = 1, int skip = 0);
+
+// Runs before every call of this kind; may make calls itself, which run no hook. A second one replaces the
+// first.
+void before(call_e call, std::function<void()> hook);
+
+// The monotonic clock stands still at `seconds`, and sleep, select and poll pass time on it instead of
+// waiting. Where one of the last two would wait, the idle hook runs first and may make a descriptor ready.
+void fake_clock(double seconds);
+void advance(double seconds);
+double now();
+void when_idle(std::function<void()> hook);
+
+// Lines written since reset; whether one contains `text`; how many do.
+std::vector<log_line> lines();
+bool logged(const std::string& text);
+int times_logged(const std::string& text);
+void clear_lines();
+
+void trace_level(int level);
+
+// The expressions that logAssertFailed was called with, and where.
+struct failed_assertion {
+  std::string expression;
+  std::string path;
+  std::string function;
+};
+std::vector<failed_assertion> failed_assertions();
+
+}  // namespace seam
+
+#endif
