@@ -77,6 +77,7 @@ class construction_guard {
 
 [[noreturn]] void refuse_bind(const std::string& path, int error) {
   KX_LOG_ERROR_IN("create_socket", "bind of unixsocket %s failed - %s", path.c_str(), strerror(error));
+  errno = error;
   throw KXerror::ERR_SOCKET_BIND;
 }
 

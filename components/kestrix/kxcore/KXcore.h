@@ -1,0 +1,87 @@
+// The core of the bus: a component named kxcore that answers the management requests of the others and
+// forwards their data messages.
+//
+// It never waits for anybody. Its sockets are emptied at each turn; what a component does not read is queued
+// for it up to a limit and costs the others nothing (outlet.h). A component whose process ends, or whose
+// socket is gone when something is sent to it, is forgotten with all that it was granted. Whatever a sender
+// claims is checked against the socket that it sent from.
+#ifndef KXCORE_H
+#define KXCORE_H
+
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "KXcomponent.h"
+#include "directory.h"
+#include "inbox.h"
+#include "outlet.h"
+#include "peer.h"
+
+class KXcore : public KXcomponent {
+ public:
+  // `verbose` writes one line to standard output for everything that happens to a component.
+  explicit KXcore(bool verbose);
+
+  void get_mgmt_message(int fd) override;
+  void get_data_message(int fd) override;
+
+ private:
+  // A management request and what is known of its sender.
+  struct request {
+    const std::string& sender;
+    pid_t pid;
+    peer* from;  // null for a sender that is not registered
+    const KXmessage& message;
+
+    mgmt_cmd_e cmd() const { return static_cast<mgmt_cmd_e>(message.m_header->cmd); }
+    std::string name() const;
+  };
+
+  static constexpr int stop_limit_ms = 1000;
+
+  void handle_management(const request& received);
+  std::string answer(const request& received, KXmessage& reply);
+  std::string register_peer(const request& received, KXmessage& reply);
+  std::string unregister_peer(const request& received);
+  std::string offer_service(const request& received, KXmessage& reply);
+  std::string withdraw_service(const request& received);
+  std::string subscribe(const request& received, KXmessage& reply);
+  std::string unsubscribe(const request& received);
+  void respond(const request& received, const KXmessage& reply);
+
+  void route(peer& from, KXmessage& message);
+  void fan_out(const service& signal, KXmessage& message);
+  bool forward(peer& to, const KXmessage& message);
+  void report_undelivered(const KXmessage& message, const char* reason);
+
+  outlet::result_e send(peer& to, outlet& way, const KXmessage& message);
+  void watch(peer& watched, int fd, unsigned int events);
+  void flush(peer& to, outlet& way);
+  void serve_watched();
+  static int static_serve_watched(void* context, int fd);
+
+  void give_up(peer& gone, const char* reason);
+  void forget_gone_peers();
+  void answer_lost_requests(std::deque<datagram> queue);
+
+  void begin_stop();
+  static int static_end_stop(void* context, int cookie);
+
+  void event(const char* format, ...) __attribute__((format(printf, 2, 3)));
+  void problem(const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+  const bool m_verbose;
+  bool m_stopping = false;
+  unique_fd m_watched;  // epoll: processes of components, and sockets that wait for room
+  inbox m_mgmt_inbox;
+  inbox m_data_inbox;
+  directory m_directory;
+  std::unordered_map<std::string, std::unique_ptr<peer>> m_peers;  // by name
+  std::unordered_map<std::string, peer*> m_by_mgmt_path;
+  std::unordered_map<std::string, peer*> m_by_data_path;
+  std::vector<peer*> m_gone;
+};
+
+#endif

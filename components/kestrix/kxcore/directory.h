@@ -1,0 +1,106 @@
+// Who offers and who uses what: the services by name, and the siids and message ids that were granted.
+//
+// - A siid belongs to one stub, to one function proxy, or to all subscribers of one signal service together.
+// - A service that lost its owner is kept, without being offered, while it has users: offered again under its
+// name
+//   it has its old siids, and the users' proxies work on without subscribing again.
+// - Siids and ranges of message ids come back into use as late as possible, so that what is still on its way
+// to an
+//   earlier holder does not reach a new one.
+#ifndef DIRECTORY_H
+#define DIRECTORY_H
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "KXmessage.h"
+#include "peer.h"
+
+struct service {
+  std::string name;
+  bool is_signal;
+  std::uint32_t siid;              // of the stub
+  std::uint32_t subscribers_siid;  // shared by all subscribers; signals only
+  peer* owner;                     // null: not offered at present
+  unsigned int proxies = 0;        // function proxies
+  // Signals only: for each component the first message ids of its subscriptions' ranges.
+  std::map<peer*, std::vector<std::uint32_t>> subscribers;
+};
+
+struct endpoint {
+  enum role_e { STUB, PROXY, SUBSCRIBERS };
+
+  role_e role;
+  std::shared_ptr<service> of;
+  peer* owner;              // PROXY only; a stub's is its service's
+  std::uint32_t mid_first;  // PROXY only
+};
+
+// Disjoint ranges of message ids.
+class mid_ranges {
+ public:
+  static constexpr std::uint32_t size = 4096;
+
+  bool exhausted() const { return m_free.empty() && m_next == last; }
+  std::uint32_t take();  // first id of a range that nobody holds; not when exhausted
+  void give_back(std::uint32_t first) { m_free.push_back(first); }
+
+ private:
+  static constexpr std::size_t quarantine = 64;
+  static constexpr std::uint32_t last = 0x7FFFF000;
+
+  std::uint32_t m_next = size;
+  std::deque<std::uint32_t> m_free;
+};
+
+class directory {
+ public:
+  struct subscription {
+    std::uint32_t siid;
+    std::uint32_t service_siid;
+    std::uint32_t mid_first;
+    std::uint32_t mid_end;
+  };
+
+  // The service offered under `name`, or null.
+  std::shared_ptr<service> find_offered(const std::string& name) const;
+
+  // Where messages for `siid` go, or null.
+  const endpoint* find(std::uint32_t siid) const;
+
+  // Whether `sender` may send as `siid`.
+  bool owns(const peer& sender, std::uint32_t siid) const { return sender.siids.count(siid) != 0; }
+
+  bool has_message_ids() const { return !m_mids.exhausted(); }
+
+  // Grants a siid to a stub; nothing may be offered under `name`.
+  std::uint32_t offer(peer& owner, const std::string& name, bool is_signal);
+  subscription subscribe(peer& user, const std::shared_ptr<service>& wanted);  // while has_message_ids
+
+  // Take back what `holder` was granted; false when it does not hold such a siid. Of a signal, one
+  // subscription.
+  bool withdraw(peer& holder, std::uint32_t siid, bool is_signal);
+  bool unsubscribe(peer& holder, std::uint32_t siid, bool is_signal);
+
+  // Takes back everything that `holder` was granted.
+  void forget(peer& holder);
+
+ private:
+  static constexpr std::uint32_t first_siid = 2;
+  static constexpr std::uint32_t last_siid = 0x7FFFFFFF;
+
+  std::uint32_t take_siid();
+  void release_if_unused(const std::shared_ptr<service>& released);
+
+  std::unordered_map<std::string, std::shared_ptr<service>> m_services;
+  std::unordered_map<std::uint32_t, endpoint> m_endpoints;
+  mid_ranges m_mids;
+  std::uint32_t m_next_siid = first_siid;
+};
+
+#endif

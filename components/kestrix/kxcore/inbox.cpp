@@ -1,0 +1,55 @@
+#include "inbox.h"
+
+#include <cstddef>
+#include <cstring>
+
+inbox::inbox() {
+  for (unsigned int i = 0; i < batch_size; ++i) {
+    m_parts[i] = {m_messages[i].m_header, buffer_t::capacity};
+    m_headers[i].msg_hdr.msg_name = &m_senders[i];
+    m_headers[i].msg_hdr.msg_iov = &m_parts[i];
+    m_headers[i].msg_hdr.msg_iovlen = 1;
+    m_headers[i].msg_hdr.msg_control = &m_credentials[i];
+  }
+}
+
+void inbox::ask_for_sender_pid(int fd) {
+  const int on = 1;
+  setsockopt(fd, SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
+}
+
+unsigned int inbox::receive(int fd) {
+  for (mmsghdr& header : m_headers) {
+    header.msg_hdr.msg_namelen = sizeof(sockaddr_un);
+    header.msg_hdr.msg_controllen = sizeof(credentials);
+  }
+  const int received = recvmmsg(fd, m_headers.data(), batch_size, MSG_DONTWAIT, nullptr);
+  if (received <= 0) return 0;
+  for (unsigned int i = 0; i < static_cast<unsigned int>(received); ++i) {
+    m_messages[i].size = 0;
+    m_messages[i].pos = 0;
+    m_messages[i].incr_size(length(i) - static_cast<int>(sizeof(msg_header_t)));
+  }
+  return static_cast<unsigned int>(received);
+}
+
+pid_t inbox::sender_pid(unsigned int i) const {
+  msghdr header = m_headers[i].msg_hdr;
+  for (cmsghdr* part = CMSG_FIRSTHDR(&header); part != nullptr; part = CMSG_NXTHDR(&header, part)) {
+    if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_CREDENTIALS) continue;
+    ucred sender = {};
+    std::memcpy(&sender, CMSG_DATA(part), sizeof sender);
+    return sender.pid;
+  }
+  return 0;
+}
+
+const std::string& inbox::sender(unsigned int i) {
+  constexpr std::size_t path_offset = offsetof(sockaddr_un, sun_path);
+  const std::size_t length = m_headers[i].msg_hdr.msg_namelen;
+  m_sender.clear();
+  if (length > path_offset) {
+    m_sender.assign(m_senders[i].sun_path, strnlen(m_senders[i].sun_path, sizeof m_senders[i].sun_path));
+  }
+  return m_sender;
+}

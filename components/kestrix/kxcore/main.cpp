@@ -1,0 +1,114 @@
+// kxcore: the core daemon of the bus, for development machines and tests.
+#include <fcntl.h>
+#include <getopt.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+
+#include "KXcore.h"
+#include "KXerror.h"
+
+namespace {
+
+constexpr char bus_directory[] = "/tmp/kxcore";
+constexpr int usage_error = 2;
+
+void print_usage(FILE* to) {
+  std::fprintf(
+      to,
+      "usage: kxcore [--verbose]\n"
+      "\n"
+      "The core daemon of the kestrix bus: registers the components of this machine and forwards their\n"
+      "messages, until it is ended by SIGTERM or SIGINT. Its sockets are in %s.\n"
+      "\n"
+      "  -v, --verbose  one line for each registration, subscription, refusal, loss and end of a component\n"
+      "      --version  print the version and exit\n"
+      "  -h, --help     print this text and exit\n"
+      "\n"
+      "KXTRACE_LEVEL in the environment, 0 to 9, sets the level of the log lines (4 without it).\n",
+      bus_directory);
+}
+
+// The lock on the bus directory that tells a running core; it ends with the process and leaves no file
+// behind.
+bool lock_bus() {
+  mkdir(bus_directory, 0777);
+  const int directory = open(bus_directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (directory < 0) {
+    std::fprintf(stderr, "kxcore: cannot open %s: %s\n", bus_directory, strerror(errno));
+    return false;
+  }
+  if (flock(directory, LOCK_EX | LOCK_NB) == 0) return true;
+  if (errno == EWOULDBLOCK) {
+    std::fprintf(stderr, "kxcore: another kxcore is already running on this machine\n");
+  } else {
+    std::fprintf(stderr, "kxcore: cannot lock %s: %s\n", bus_directory, strerror(errno));
+  }
+  return false;
+}
+
+// Each component takes three descriptors.
+void raise_descriptor_limit() {
+  rlimit limit = {};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+int run(bool verbose) {
+  openlog("kxcore", LOG_PID | (verbose ? 0 : LOG_PERROR), LOG_DAEMON);
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  if (!lock_bus()) return EXIT_FAILURE;
+  raise_descriptor_limit();
+  try {
+    KXcore core(verbose);
+    if (verbose) std::printf("kxcore is ready\n");
+    core.start(KXcomponent::CMP_START_AND_LOOP);
+    if (verbose) std::printf("kxcore has stopped\n");
+    return EXIT_SUCCESS;
+  } catch (const KXerror::error_e&) {
+    std::fprintf(stderr, "kxcore: cannot bind its sockets in %s: %s\n", bus_directory, strerror(errno));
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "kxcore: %s\n", error.what());
+  }
+  return EXIT_FAILURE;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  static const option options[] = {{"help", no_argument, nullptr, 'h'},
+                                   {"verbose", no_argument, nullptr, 'v'},
+                                   {"version", no_argument, nullptr, 'V'},
+                                   {nullptr, 0, nullptr, 0}};
+  bool verbose = false;
+  for (int option; (option = getopt_long(argc, argv, "hv", options, nullptr)) != -1;) {
+    switch (option) {
+      case 'h':
+        print_usage(stdout);
+        return EXIT_SUCCESS;
+      case 'v':
+        verbose = true;
+        break;
+      case 'V':
+        std::printf("kxcore " KX_VERSION "\n");
+        return EXIT_SUCCESS;
+      default:
+        print_usage(stderr);
+        return usage_error;
+    }
+  }
+  if (optind < argc) {
+    std::fprintf(stderr, "kxcore: unexpected argument '%s'\n", argv[optind]);
+    print_usage(stderr);
+    return usage_error;
+  }
+  return run(verbose);
+}

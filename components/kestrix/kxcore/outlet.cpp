@@ -1,0 +1,69 @@
+#include "outlet.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+unique_fd::~unique_fd() {
+  if (m_fd >= 0) close(m_fd);
+}
+
+int connect_datagram(const std::string& path) {
+  sockaddr_un address = {};
+  if (path.size() >= sizeof address.sun_path) {
+    errno = ENAMETOOLONG;
+    return -1;
+  }
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, path.data(), path.size());
+  const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (fd < 0) return -1;
+  if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return fd;
+  const int error = errno;
+  close(fd);
+  errno = error;
+  return -1;
+}
+
+outlet::outlet(const std::string& path)
+    : m_socket(connect_datagram(path)), m_connected(m_socket.get() >= 0) {}
+
+outlet::result_e outlet::try_send(const void* bytes, std::size_t size) {
+  for (;;) {
+    if (::send(m_socket.get(), bytes, size, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) return SENT;
+    if (errno == EINTR) continue;
+    const bool no_room = errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOBUFS || errno == ENOMEM;
+    return no_room ? QUEUED : GONE;
+  }
+}
+
+outlet::result_e outlet::send(const void* bytes, std::size_t size) {
+  if (m_queue.empty()) {
+    const result_e result = try_send(bytes, size);
+    if (result != QUEUED) return result;
+  }
+  if (m_queue.size() == max_queued) {
+    ++m_lost;
+    return FULL;
+  }
+  const auto* begin = static_cast<const unsigned char*>(bytes);
+  m_queue.emplace_back(begin, begin + size);
+  return QUEUED;
+}
+
+outlet::result_e outlet::flush() {
+  while (!m_queue.empty()) {
+    const result_e result = try_send(m_queue.front().data(), m_queue.front().size());
+    if (result != SENT) return result;
+    m_queue.pop_front();
+  }
+  return SENT;
+}
+
+unsigned long outlet::take_lost() { return std::exchange(m_lost, 0); }
+
+std::deque<datagram> outlet::take_queue() { return std::exchange(m_queue, {}); }
