@@ -34,12 +34,6 @@ KXmessage make_management(msg_type_e type, std::uint8_t cmd, std::uint32_t wire_
   return message;
 }
 
-std::string format_text(const char* format, va_list arguments) {
-  char text[512];
-  std::vsnprintf(text, sizeof text, format, arguments);
-  return text;
-}
-
 }  // namespace
 
 KXcore::KXcore(bool verbose)
@@ -48,25 +42,27 @@ KXcore::KXcore(bool verbose)
   add_socket_descriptor(m_watched.get(), this, static_serve_watched);
 }
 
-void KXcore::event(const char* format, ...) {
-  if (!m_verbose && !kxlog::enabled(kxlog::LEVEL_INFO)) return;
+void KXcore::say(const char* format, ...) const {
+  if (!m_verbose) return;
   va_list arguments;
   va_start(arguments, format);
-  const std::string text = format_text(format, arguments);
+  std::vprintf(format, arguments);
   va_end(arguments);
-  if (m_verbose) std::printf("%s\n", text.c_str());
-  KX_LOG_INFO("%s", text.c_str());
+  std::putchar('\n');
 }
 
-void KXcore::problem(const char* format, ...) {
-  if (!m_verbose && !kxlog::enabled(kxlog::LEVEL_WARNING)) return;
-  va_list arguments;
-  va_start(arguments, format);
-  const std::string text = format_text(format, arguments);
-  va_end(arguments);
-  if (m_verbose) std::printf("%s\n", text.c_str());
-  KX_LOG_WARNING("%s", text.c_str());
-}
+// One thing that happened to a component: for the user who watches, and for the log.
+#define REPORT_EVENT(...)     \
+  do {                        \
+    say(__VA_ARGS__);         \
+    KX_LOG_INFO(__VA_ARGS__); \
+  } while (false)
+
+#define REPORT_PROBLEM(...)      \
+  do {                           \
+    say(__VA_ARGS__);            \
+    KX_LOG_WARNING(__VA_ARGS__); \
+  } while (false)
 
 // --- management
 // ---------------------------------------------------------------------------------------------------
@@ -79,7 +75,7 @@ void KXcore::get_mgmt_message(int /*fd*/) {
       const std::string& sender = m_mgmt_inbox.sender(i);
       const auto from = m_by_mgmt_path.find(sender);
       if (m_mgmt_inbox.truncated(i) || m_mgmt_inbox.length(i) < static_cast<int>(sizeof(msg_header_t))) {
-        problem("dropped a malformed management message from [%s]", sender.c_str());
+        REPORT_PROBLEM("dropped a malformed management message from [%s]", sender.c_str());
         continue;
       }
       handle_management({sender, m_mgmt_inbox.sender_pid(i),
@@ -97,14 +93,15 @@ void KXcore::handle_management(const request& received) {
                 mgmt_cmd_name(header.cmd), ntohl(header.msg_id));
   if (received.cmd() == CMD_KILL_COMPONENT && received.sender == m_mgmt_socket_name) return begin_stop();
   if (header.msg_type != MSG_REQ && header.msg_type != MSG_SIG) {
-    return problem("dropped a management message of type %s from %s", msg_type_name(header.msg_type),
+    REPORT_PROBLEM("dropped a management message of type %s from %s", msg_type_name(header.msg_type),
                    received.name().c_str());
+    return;
   }
   const std::string name = received.name();  // the sender may be gone afterwards
   KXmessage reply = make_management(MSG_RSP, header.cmd, header.msg_id);
   const std::string refusal = answer(received, reply);
   if (!refusal.empty()) {
-    problem("refused %s of %s: %s", mgmt_cmd_name(header.cmd), name.c_str(), refusal.c_str());
+    REPORT_PROBLEM("refused %s of %s: %s", mgmt_cmd_name(header.cmd), name.c_str(), refusal.c_str());
     reply.m_header->msg_type = MSG_ERR;
     reply << refusal;
   }
@@ -179,7 +176,7 @@ std::string KXcore::register_peer(const request& received, KXmessage& reply) {
   m_by_data_path[registered.data_path] = &registered;
   m_peers[name] = std::move(created);
   if (registered.process.get() >= 0) watch(registered, registered.process.get(), EPOLLIN);
-  event("%s (pid %d) registered with %s", name.c_str(), registered.pid, data_path.c_str());
+  REPORT_EVENT("%s (pid %d) registered with %s", name.c_str(), registered.pid, data_path.c_str());
   reply << m_data_socket_name;
   return {};
 }
@@ -213,8 +210,8 @@ std::string KXcore::offer_service(const request& received, KXmessage& reply) {
     forget_gone_peers();
   }
   const std::uint32_t siid = m_directory.offer(*received.from, name, is_signal);
-  event("%s offers %s '%s' (siid %u)", received.from->name.c_str(), is_signal ? "signal" : "function",
-        name.c_str(), siid);
+  REPORT_EVENT("%s offers %s '%s' (siid %u)", received.from->name.c_str(), is_signal ? "signal" : "function",
+               name.c_str(), siid);
   reply << static_cast<int>(siid);
   return {};
 }
@@ -224,7 +221,7 @@ std::string KXcore::withdraw_service(const request& received) {
   if (!payload(received.message).take(siid)) return unparsable;
   if (!m_directory.withdraw(*received.from, siid, is_signal_cmd(received.cmd())))
     return "the siid is not the sender's";
-  event("%s withdrew the service with siid %u", received.from->name.c_str(), siid);
+  REPORT_EVENT("%s withdrew the service with siid %u", received.from->name.c_str(), siid);
   return {};
 }
 
@@ -238,9 +235,9 @@ std::string KXcore::subscribe(const request& received, KXmessage& reply) {
   if (!m_directory.has_message_ids()) return "all message ids are in use";
 
   const directory::subscription granted = m_directory.subscribe(*received.from, wanted);
-  event("%s subscribed to %s '%s' (siid %u, message ids %u-%u)", received.from->name.c_str(),
-        is_signal ? "signal" : "function", name.c_str(), granted.siid, granted.mid_first,
-        granted.mid_end - 1);
+  REPORT_EVENT("%s subscribed to %s '%s' (siid %u, message ids %u-%u)", received.from->name.c_str(),
+               is_signal ? "signal" : "function", name.c_str(), granted.siid, granted.mid_first,
+               granted.mid_end - 1);
   reply << static_cast<int>(granted.siid);
   reply << static_cast<int>(granted.service_siid);
   reply << static_cast<int>(granted.mid_first);
@@ -254,7 +251,7 @@ std::string KXcore::unsubscribe(const request& received) {
   if (!m_directory.unsubscribe(*received.from, siid, is_signal_cmd(received.cmd()))) {
     return "the siid is not the sender's";
   }
-  event("%s ended its subscription with siid %u", received.from->name.c_str(), siid);
+  REPORT_EVENT("%s ended its subscription with siid %u", received.from->name.c_str(), siid);
   return {};
 }
 
@@ -269,9 +266,9 @@ void KXcore::get_data_message(int /*fd*/) {
       const std::string& sender = m_data_inbox.sender(i);
       const auto from = m_by_data_path.find(sender);
       if (m_data_inbox.truncated(i) || m_data_inbox.length(i) < static_cast<int>(sizeof(msg_header_t))) {
-        problem("dropped a malformed data message from [%s]", sender.c_str());
+        REPORT_PROBLEM("dropped a malformed data message from [%s]", sender.c_str());
       } else if (from == m_by_data_path.end()) {
-        problem("dropped a data message from [%s], which is not registered", sender.c_str());
+        REPORT_PROBLEM("dropped a data message from [%s], which is not registered", sender.c_str());
       } else {
         route(*from->second, m_data_inbox.message(i));
       }
@@ -287,7 +284,8 @@ void KXcore::route(peer& from, KXmessage& message) {
                 msg_type_name(message.m_header->msg_type), message.m_header->cmd,
                 ntohl(message.m_header->msg_id));
   if (!m_directory.owns(from, src_siid)) {
-    return problem("dropped a message of %s: the source siid %u is not its own", from.name.c_str(), src_siid);
+    REPORT_PROBLEM("dropped a message of %s: the source siid %u is not its own", from.name.c_str(), src_siid);
+    return;
   }
   const endpoint* to = m_directory.find(dst_siid);
   if (to == nullptr) return report_undelivered(message, "no service has this siid");
@@ -355,8 +353,8 @@ outlet::result_e KXcore::send(peer& to, outlet& way, const KXmessage& message) {
   if (result == outlet::QUEUED && !had_queue) watch(to, way.fd(), EPOLLOUT);
   if (result == outlet::GONE) give_up(to, "its socket is gone");
   if (result == outlet::FULL && way.lost() == 1) {
-    problem("%s does not read: its queue of %zu messages is full, what comes now is lost", to.name.c_str(),
-            outlet::max_queued);
+    REPORT_PROBLEM("%s does not read: its queue of %zu messages is full, what comes now is lost",
+                   to.name.c_str(), outlet::max_queued);
   }
   return result;
 }
@@ -366,7 +364,7 @@ void KXcore::watch(peer& watched, int fd, unsigned int events) {
   entry.events = events;
   entry.data.ptr = &watched;
   if (epoll_ctl(m_watched.get(), EPOLL_CTL_ADD, fd, &entry) != 0) {
-    problem("cannot watch a descriptor of %s: %s", watched.name.c_str(), strerror(errno));
+    REPORT_PROBLEM("cannot watch a descriptor of %s: %s", watched.name.c_str(), strerror(errno));
   }
 }
 
@@ -399,7 +397,7 @@ void KXcore::flush(peer& to, outlet& way) {
   if (result != outlet::SENT) return;
   epoll_ctl(m_watched.get(), EPOLL_CTL_DEL, way.fd(), nullptr);
   if (const unsigned long lost = way.take_lost(); lost > 0) {
-    problem("%s reads again: %lu messages to it were lost", to.name.c_str(), lost);
+    REPORT_PROBLEM("%s reads again: %lu messages to it were lost", to.name.c_str(), lost);
   }
 }
 
@@ -408,7 +406,7 @@ void KXcore::give_up(peer& gone, const char* reason) {
   if (gone.is_gone) return;
   gone.is_gone = true;
   m_gone.push_back(&gone);
-  event("%s (pid %d) is gone: %s", gone.name.c_str(), gone.pid, reason);
+  REPORT_EVENT("%s (pid %d) is gone: %s", gone.name.c_str(), gone.pid, reason);
 }
 
 void KXcore::forget_gone_peers() {
@@ -445,7 +443,7 @@ void KXcore::begin_stop() {
     return;
   }
   m_stopping = true;
-  event("stopping: %zu components are told to end", m_peers.size());
+  REPORT_EVENT("stopping: %zu components are told to end", m_peers.size());
   const KXmessage kill = make_management(MSG_SIG, CMD_KILL_COMPONENT, htonl(kill_message_id));
   for (const auto& each : m_peers)
     send(*each.second, each.second->mgmt, kill);

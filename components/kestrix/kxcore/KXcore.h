@@ -69,8 +69,7 @@ class KXcore : public KXcomponent {
   void begin_stop();
   static int static_end_stop(void* context, int cookie);
 
-  void event(const char* format, ...) __attribute__((format(printf, 2, 3)));
-  void problem(const char* format, ...) __attribute__((format(printf, 2, 3)));
+  void say(const char* format, ...) const __attribute__((format(printf, 2, 3)));
 
   const bool m_verbose;
   bool m_stopping = false;
