@@ -2,6 +2,7 @@
 #define KXCLIENTCOMPONENT_H
 
 #include <string>
+#include <utility>
 
 #include "KXcomponent.h"
 #include "KXexport.h"
@@ -14,10 +15,9 @@
 /// line for each second, and then registers the component. See KXcomponent for all other operations.
 class KX_EXPORT KXclientComponent : public KXcomponent {
  public:
-  explicit KXclientComponent(const char* name)
-      : KXcomponent(name), m_kxcore_mgmt_socket_name("/tmp/kxcore/kxcore") {}
+  explicit KXclientComponent(const char* name) : KXclientComponent(name, std::string(core_path)) {}
   KXclientComponent(const char* name, const ExtraCfg* cfg)
-      : KXcomponent(name, cfg), m_kxcore_mgmt_socket_name("/tmp/kxcore/kxcore") {}
+      : KXclientComponent(name, cfg, std::string(core_path)) {}
 
   /// One management exchange with kxcore, in the caller's message: `cmd`, `msg_id` and the payload are the
   /// caller's, the other header fields are set here. A withdrawal is sent and not answered; any other command
@@ -59,6 +59,14 @@ class KX_EXPORT KXclientComponent : public KXcomponent {
   std::string m_kxcore_data_socket_name;
 
  private:
+  static constexpr char core_path[] = "/tmp/kxcore/kxcore";
+
+  // The string is there before the sockets are: when it cannot be had, nothing is left behind.
+  KXclientComponent(const char* name, std::string core)
+      : KXcomponent(name), m_kxcore_mgmt_socket_name(std::move(core)) {}
+  KXclientComponent(const char* name, const ExtraCfg* cfg, std::string core)
+      : KXcomponent(name, cfg), m_kxcore_mgmt_socket_name(std::move(core)) {}
+
   bool await_reply(KXmessage& message, unsigned int awaited);
   void store_grant(mgmt_cmd_e cmd, KXconnection* connection, const KXmessage& reply);
 };

@@ -297,7 +297,7 @@ void KXcore::route(peer& from, KXmessage& message) {
       return report_undelivered(message, "only the signal's own stub reaches its subscribers");
     return fan_out(serving, message);
   }
-  peer* const receiver = to->role == endpoint::PROXY ? to->owner : serving.owner;
+  peer* const receiver = to->holder();
   if (receiver == nullptr) return report_undelivered(message, "the service is not offered any more");
   forward(*receiver, message);
 }
@@ -308,20 +308,11 @@ void KXcore::fan_out(const service& signal, KXmessage& message) {
     forward(*subscriber.first, message);
 }
 
-// Sends a message on its way to a component; when that cannot be, reports it to a requester.
-bool KXcore::forward(peer& to, const KXmessage& message) {
-  switch (send(to, to.data, message)) {
-    case outlet::SENT:
-    case outlet::QUEUED:
-      return true;
-    case outlet::FULL:
-      report_undelivered(message, "the component does not read and its queue is full");
-      return false;
-    case outlet::GONE:
-      report_undelivered(message, "the component is gone");
-      return false;
-  }
-  return false;
+void KXcore::forward(peer& to, const KXmessage& message) {
+  const outlet::result_e result = send(to, to.data, message);
+  if (result == outlet::FULL)
+    report_undelivered(message, "the component does not read and its queue is full");
+  if (result == outlet::GONE) report_undelivered(message, "the component is gone");
 }
 
 // Answers a request that cannot be delivered; any other message is lost.
@@ -333,13 +324,13 @@ void KXcore::report_undelivered(const KXmessage& message, const char* reason) {
     return;
   }
   const endpoint* requester = m_directory.find(ntohl(lost.src_siid));
-  if (requester == nullptr) return;
+  peer* const receiver = requester == nullptr ? nullptr : requester->holder();
+  if (receiver == nullptr) return;
   KXmessage failure = make_management(MSG_ERR, lost.cmd, lost.msg_id);
   failure.m_header->dst_siid = lost.src_siid;
   failure.m_header->src_siid = lost.dst_siid;
   failure << reason;
-  peer* const receiver = requester->role == endpoint::PROXY ? requester->owner : requester->of->owner;
-  if (receiver != nullptr) forward(*receiver, failure);
+  forward(*receiver, failure);
 }
 
 // --- the way to a component

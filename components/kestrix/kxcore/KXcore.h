@@ -53,7 +53,7 @@ class KXcore : public KXcomponent {
 
   void route(peer& from, KXmessage& message);
   void fan_out(const service& signal, KXmessage& message);
-  bool forward(peer& to, const KXmessage& message);
+  void forward(peer& to, const KXmessage& message);
   void report_undelivered(const KXmessage& message, const char* reason);
 
   outlet::result_e send(peer& to, outlet& way, const KXmessage& message);

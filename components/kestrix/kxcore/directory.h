@@ -37,8 +37,11 @@ struct endpoint {
 
   role_e role;
   std::shared_ptr<service> of;
-  peer* owner;              // PROXY only; a stub's is its service's
+  peer* owner;              // PROXY only
   std::uint32_t mid_first;  // PROXY only
+
+  // The one component behind it; null for SUBSCRIBERS, and for a stub that is not offered at present.
+  peer* holder() const { return role == STUB ? of->owner : owner; }
 };
 
 // Disjoint ranges of message ids.

@@ -1,9 +1,11 @@
 #include "peer.h"
 
 #include <poll.h>
+#include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
 namespace {
@@ -28,6 +30,7 @@ peer::peer(std::string component_name, std::string mgmt_socket, std::string data
       data(data_path) {}
 
 bool peer::has_ended() const {
+  if (process.get() < 0) return pid > 0 && kill(pid, 0) != 0 && errno == ESRCH;
   pollfd entry = {process.get(), POLLIN, 0};
   return poll(&entry, 1, 0) > 0;
 }

@@ -13,7 +13,7 @@
 struct peer {
   peer(std::string component_name, std::string mgmt_socket, std::string data_socket, pid_t process_id);
 
-  // Whether its process has ended. Without pidfds in the kernel this is noticed only when a send fails.
+  // Whether its process has ended. Without pidfds in the kernel the core asks only when the answer matters.
   bool has_ended() const;
 
   const std::string name;
