@@ -64,8 +64,7 @@ void KXcore::say(const char* format, ...) const {
     KX_LOG_WARNING(__VA_ARGS__); \
   } while (false)
 
-// --- management
-// ---------------------------------------------------------------------------------------------------
+// --- management ---
 
 void KXcore::get_mgmt_message(int /*fd*/) {
   unsigned int received = inbox::batch_size;
@@ -255,8 +254,7 @@ std::string KXcore::unsubscribe(const request& received) {
   return {};
 }
 
-// --- data
-// ---------------------------------------------------------------------------------------------------------
+// --- data ---
 
 void KXcore::get_data_message(int /*fd*/) {
   unsigned int received = inbox::batch_size;
@@ -333,8 +331,7 @@ void KXcore::report_undelivered(const KXmessage& message, const char* reason) {
   forward(*receiver, failure);
 }
 
-// --- the way to a component
-// -----------------------------------------------------------------------------------------
+// --- the way to a component ---
 
 outlet::result_e KXcore::send(peer& to, outlet& way, const KXmessage& message) {
   if (to.is_gone) return outlet::GONE;
@@ -423,8 +420,7 @@ void KXcore::answer_lost_requests(std::deque<datagram> queue) {
   }
 }
 
-// --- stop
-// -----------------------------------------------------------------------------------------------------------
+// --- stop ---
 
 // Tells every component to end, and ends when they have unregistered, which without a core would cost each of
 // them seconds of vain attempts. Those that do not are not waited for; a second signal ends the core at once.

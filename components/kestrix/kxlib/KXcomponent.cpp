@@ -227,8 +227,7 @@ void install_signal_handler() {
 
 }  // namespace
 
-// --- clock
-// ----------------------------------------------------------------------------------------------------
+// --- clock ---
 
 unsigned int get_currentTime() {
   struct timespec now = {};
@@ -254,8 +253,7 @@ int remaining_time(unsigned int now, unsigned int ato) {
   return behind <= wrap_margin ? 0 : static_cast<int>(ato + ms_per_hour - now);
 }
 
-// --- peer address
-// ---------------------------------------------------------------------------------------------
+// --- peer address ---
 
 peer_info_t::peer_info_t() : addrlen(sizeof addr), rx_len(0) { addr.sun_family = AF_UNIX; }
 
@@ -266,8 +264,7 @@ int peer_info_t::path(std::string& p) {
   return 0;
 }
 
-// --- construction
-// ---------------------------------------------------------------------------------------------
+// --- construction ---
 
 KXcomponent* KXcomponent::static_kxc = nullptr;
 
@@ -354,8 +351,7 @@ int KXcomponent::static_get_mgmt_message(void* context, int fd) {
   return 0;
 }
 
-// --- what a concrete component overrides
-// ----------------------------------------------------------------------
+// --- what a concrete component overrides ---
 
 bool KXcomponent::interconnect_service(KXconnection*, KXmessage&) { return false; }
 void KXcomponent::register_component() {}
@@ -363,8 +359,7 @@ void KXcomponent::unregister_component() {}
 int KXcomponent::send_mgmt_message(KXmessage&) { return 0; }
 int KXcomponent::send_data_message(KXmessage&) { return 0; }
 
-// --- datagrams
-// ------------------------------------------------------------------------------------------------
+// --- datagrams ---
 
 int KXcomponent::send_message_to(int fd, const char* path, KXmessage& msg) {
   if (fd < 1) {
@@ -442,8 +437,7 @@ bool KXcomponent::holds_header(int received, const char* operation) {
   return false;
 }
 
-// --- timers and descriptors
-// -----------------------------------------------------------------------------------
+// --- timers and descriptors ---
 
 int KXcomponent::add_msec_timer(int to, void* context, handler_t handler, int cookie) {
   const auto timeout = static_cast<unsigned int>(to);
@@ -527,8 +521,7 @@ int KXcomponent::add_close_cb(int (*cb)()) {
   return 0;
 }
 
-// --- event loop
-// -----------------------------------------------------------------------------------------------
+// --- event loop ---
 
 void KXcomponent::add_interface(KXinterface* iface) { m_interfaces.push_back(iface); }
 
@@ -651,8 +644,7 @@ void KXcomponent::serve_descriptors() {
   }
 }
 
-// --- start, stop and signals
-// ----------------------------------------------------------------------------------
+// --- start, stop and signals ---
 
 void KXcomponent::start(cmp_start_e mode) {
   register_component();
@@ -706,8 +698,7 @@ void sig_handler(int sig, siginfo_t* info, void* /*ctx*/) {
   errno = interrupted_errno;
 }
 
-// --- service-instance registry
-// --------------------------------------------------------------------------------
+// --- service-instance registry ---
 
 void KXcomponent::bind_siid(unsigned int siid, KXconnection* conn) {
   std::list<KXconnection*> listed{conn};
