@@ -1,5 +1,6 @@
 #include "KXmessage.h"
 
+#include <cstddef>
 #include <cstring>
 #include <new>
 
@@ -9,6 +10,13 @@ namespace {
 
 constexpr int header_size = sizeof(msg_header_t);
 constexpr std::size_t tag_width = 1;
+
+static_assert(offsetof(msg_header_t, dst_siid) == 0 && offsetof(msg_header_t, src_siid) == 4 &&
+                  offsetof(msg_header_t, msg_type) == 8 && offsetof(msg_header_t, cmd) == 9 &&
+                  offsetof(msg_header_t, msg_id) == 10 && sizeof(msg_header_t) == 14,
+              "the header is written and read in place");
+static_assert(sizeof(void*) != 4 || sizeof(KXmessage) == 4 + sizeof(buffer_t) + 4,
+              "on the device a message is its table, its buffer and its header pointer");
 
 template <std::size_t entries>
 const char* name_of(const char* const (&names)[entries], std::uint8_t code) {

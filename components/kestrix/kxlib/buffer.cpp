@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstddef>
 #include <cstring>
 #include <type_traits>
 
@@ -29,6 +30,11 @@ using wire_word_t = typename wire_word<T>::type;
 int shown_length(std::size_t length) {
   return static_cast<int>(std::min<std::size_t>(length, static_cast<std::size_t>(INT_MAX)));
 }
+
+static_assert(offsetof(buffer_t, data) == 0 && offsetof(buffer_t, offset) == 2048 &&
+                  offsetof(buffer_t, size) == 2052 && offsetof(buffer_t, pos) == 2056 &&
+                  sizeof(buffer_t) == 2060,
+              "applications are compiled against this layout");
 
 }  // namespace
 

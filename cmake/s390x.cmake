@@ -1,0 +1,6 @@
+# A 64-bit big-endian processor: what passes here depends on no byte order of the host.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR s390x)
+set(CMAKE_CXX_COMPILER s390x-linux-gnu-g++)
+set(CMAKE_C_COMPILER s390x-linux-gnu-gcc)
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-s390x -L /usr/s390x-linux-gnu)
