@@ -233,7 +233,6 @@ class KX_EXPORT KXcomponent {
 
  private:
   void construct(const char* subdir, bool handle_signals);
-  int find_descriptor(int fd) const;
   std::list<timer_entry_t>::iterator find_timer(void* context, handler_t handler, int cookie);
 
   void dispatch_waiting_queue();

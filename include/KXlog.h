@@ -21,6 +21,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <initializer_list>
 
 #include "trace.h"
 
@@ -60,6 +61,12 @@ class line_scope {
   int m_errno;
   sigset_t m_previous;
 };
+
+/// Reports a broken invariant through the tracing library, which writes a line of its own.
+inline void assert_failed(const char* expression, const char* path, int line, const char* function) {
+  const line_scope scope;
+  logAssertFailed(expression, path, line, function);
+}
 
 /// Where the name of a source file begins in its path, and how long it is without its extension.
 struct name_range {

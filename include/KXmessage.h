@@ -74,7 +74,8 @@ struct __attribute__((packed, may_alias)) msg_header_t {
 ///
 /// Wire format of a payload: for each value its tag byte (value_tag_e), then its encoding (see buffer_t).
 ///
-/// A message is a value: a copy has its own storage and header. One thread at a time.
+/// A message is a value: a copy has its own storage and header, and it is not to be deleted as a buffer_t.
+/// One thread at a time.
 class KX_EXPORT KXmessage : public buffer_t {
  public:
   msg_header_t* m_header;  ///< the header, in the 14 bytes of `data` in front of the content
@@ -123,7 +124,5 @@ class KX_EXPORT KXmessage : public buffer_t {
   bool has_room(std::size_t needed) const;
   void skip_tag() const;
 };
-
-static_assert(sizeof(msg_header_t) == 14, "the header travels without padding");
 
 #endif

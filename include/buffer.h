@@ -1,5 +1,5 @@
-#ifndef BUFFER_H
-#define BUFFER_H
+#ifndef KX_BUFFER_H
+#define KX_BUFFER_H
 
 #include <cstddef>
 #include <cstdint>

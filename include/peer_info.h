@@ -1,5 +1,5 @@
-#ifndef PEER_INFO_H
-#define PEER_INFO_H
+#ifndef KX_PEER_INFO_H
+#define KX_PEER_INFO_H
 
 #include <sys/socket.h>
 #include <sys/un.h>

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <unistd.h>
 
+#include "KXlog.h"
 #include "KXproxy.h"
 #include "KXstub.h"
 
@@ -49,13 +50,13 @@ void KXclientComponent::register_component() {
   KX_LOG_DEBUG3("cmp name=%s, data sock=%s", m_name, m_data_socket_name.c_str());
   if (!interconnect_service(nullptr, message)) {
     KX_LOG_ERROR("Failed to register component [%s]", m_name);
-    logAssertFailed("false", source_path, __LINE__, register_signature);
+    kxlog::assert_failed("false", source_path, __LINE__, register_signature);
     return;
   }
 
   message >> m_kxcore_data_socket_name;
   if (m_kxcore_data_socket_name.empty()) {
-    logAssertFailed("m_kxcore_data_socket_name != \"\"", source_path, __LINE__, register_signature);
+    kxlog::assert_failed("m_kxcore_data_socket_name != \"\"", source_path, __LINE__, register_signature);
   }
   KX_LOG_DEBUG1("registered component [%s]\n", m_name);
   KX_LOG_DEBUG3("   kestrix-data-socket [%s]\n", m_kxcore_data_socket_name.c_str());

@@ -3,12 +3,15 @@
 // life.
 // - m_timers is in order of expiry, and m_fda and m_fd_handlers are packed; m_mutex guards all three and the
 // waiting
-//   queue. It is held while a timer handler runs, never while another handler or poll does.
+//   queue. It is held while a timer handler runs and while a proxy waits for a synchronous response, never by
+//   the loop while another handler or poll runs.
 // - No siid maps to an empty set. Handlers may change the table at any time, so a walk looks its place up
 // again
 //   after each of them.
-// - The signal handler only sends a datagram; the event loop's thread does everything else, its INFO line
-// included.
+// - The signal handler sends a datagram and leaves the rest to the event loop's thread. It takes neither a
+// lock nor
+//   memory of its own; the lines that it cannot leave (not handled, a send that fails) are written while no
+//   other line of this library is, because those hold the signals back.
 #include "KXcomponent.h"
 
 #include <arpa/inet.h>
@@ -25,6 +28,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "KXconnection.h"
 #include "KXinterface.h"
@@ -145,15 +149,20 @@ int wait_readable(int fd, fd_set& readable, struct timeval* limit) {
 // What the INFO line about one termination signal needs. The handler fills a note, the event loop's thread
 // writes the line. There is one note for each kind of signal: like pending signals, equal ones that arrive
 // before the line is written share it.
-struct signal_note {
-  enum state_e : int { EMPTY, FILLING, READY };
+struct signal_text {
   static constexpr std::size_t sender_size = 1024;  // without the final NUL, which stays
 
-  std::atomic<int> state{EMPTY};
   pid_t pid;
   bool from_proc;
   char sender[sender_size + 1];
   char component[sizeof(sockaddr_un::sun_path)];
+};
+
+struct signal_note {
+  enum state_e : int { EMPTY, FILLING, READY };
+
+  std::atomic<int> state{EMPTY};
+  signal_text text;
 };
 
 static_assert(std::atomic<int>::is_always_lock_free, "the signal handler takes no lock");
@@ -176,12 +185,12 @@ void write_cmdline_path(char (&path)[40], pid_t pid) {
 }
 
 // Reads the first 1024 bytes of the sender's command line; whether there were any.
-bool read_cmdline(pid_t pid, char (&text)[signal_note::sender_size + 1]) {
+bool read_cmdline(pid_t pid, char (&text)[signal_text::sender_size + 1]) {
   char path[40];
   write_cmdline_path(path, pid);
   const int fd = open(path, O_RDONLY);
   if (fd < 0) return false;
-  const ssize_t count = read(fd, text, signal_note::sender_size);
+  const ssize_t count = read(fd, text, signal_text::sender_size);
   close(fd);
   if (count <= 0) return false;
   if (text[count - 1] == '\n') text[count - 1] = '\0';
@@ -195,24 +204,26 @@ void take_signal_note(int sig, pid_t sender, const char* component) {
   signal_note& note = signal_notes[kind - termination_signals];
   int expected = signal_note::EMPTY;
   if (!note.state.compare_exchange_strong(expected, signal_note::FILLING)) return;
-  std::memset(note.sender, 0, sizeof note.sender);
-  note.pid = sender;
-  note.from_proc = read_cmdline(sender, note.sender);
-  note.component[0] = '\0';
-  std::strncat(note.component, component, sizeof note.component - 1);
+  signal_text& text = note.text;
+  std::memset(text.sender, 0, sizeof text.sender);
+  text.pid = sender;
+  text.from_proc = read_cmdline(sender, text.sender);
+  text.component[0] = '\0';
+  std::strncat(text.component, component, sizeof text.component - 1);
   note.state = signal_note::READY;
 }
 
 // Runs on the event loop's thread: writes the lines of the signals taken since the last time.
 void log_signals() {
   for (std::size_t i = 0; i < std::size(signal_notes); ++i) {
-    signal_note& note = signal_notes[i];
-    if (note.state != signal_note::READY) continue;
-    if (!note.from_proc) std::snprintf(note.sender, sizeof note.sender, "(pid)  %d", note.pid);
+    int expected = signal_note::READY;
+    if (!signal_notes[i].state.compare_exchange_strong(expected, signal_note::FILLING)) continue;
+    signal_text text = signal_notes[i].text;
+    signal_notes[i].state = signal_note::EMPTY;  // a signal that comes while the line is written gets its own
+    if (!text.from_proc) std::snprintf(text.sender, sizeof text.sender, "(pid)  %d", text.pid);
     const int sig = termination_signals[i];
     KX_LOG_INFO_IN("sig_handler", "Signal %s (%d) received from %s: killing %s", strsignal(sig), sig,
-                   note.sender, note.component);
-    note.state = signal_note::EMPTY;
+                   text.sender, text.component);
   }
 }
 
@@ -528,11 +539,14 @@ void KXcomponent::add_interface(KXinterface* iface) { m_interfaces.push_back(ifa
 void KXcomponent::wait(bool run) {
   m_running = run;
   while (m_running) {
-    dispatch_waiting_queue();
-    const int ready = poll_descriptors(poll_timeout());
     log_signals();
-    if (ready == 0) fire_earliest_timer();
+    dispatch_waiting_queue();
+    const bool stopped = m_data_fd < 0;  // by a handler; its descriptors may be somebody else's by now
+    const int ready = poll_descriptors(stopped ? 0 : poll_timeout());
+    log_signals();
+    if (ready == 0 && !stopped) fire_earliest_timer();
     if (ready > 0) serve_descriptors();
+    if (stopped) m_running = false;
   }
   log_signals();
   KX_LOG_INFO("Exit polling loop\n");
@@ -609,7 +623,7 @@ void KXcomponent::fire_earliest_timer() {
   if (result != -1) add_msec_timer(fired.to, fired.context, fired.handler, fired.cookie);
 }
 
-// Removes the timer whose handler has just run. It is still the head unless the handler removed it, for a new
+// Removes the timer whose handler has just run. It is still the head unless the handler removed it: a new
 // timer is never placed before one that is due.
 void KXcomponent::retire_fired_timer(const timer_entry_t& fired) {
   if (m_timers.empty()) {
@@ -621,7 +635,8 @@ void KXcomponent::retire_fired_timer(const timer_entry_t& fired) {
   } else {
     KX_LOG_ERROR_IN("wait", "Callback function removed itself from list of timers");
   }
-  logAssertFailed("false", "components/kestrix/kxlib/KXcomponent", __LINE__, "void KXcomponent::wait(bool)");
+  kxlog::assert_failed("false", "components/kestrix/kxlib/KXcomponent", __LINE__,
+                       "void KXcomponent::wait(bool)");
 }
 
 void KXcomponent::serve_descriptors() {
@@ -665,7 +680,10 @@ void KXcomponent::stop() {
     return;
   }
   KX_LOG_DEBUG1("unregister/unsubscribe services\n");
-  if (m_close_cb != nullptr) m_close_cb();
+  if (int (*const callback)() = std::exchange(m_close_cb, nullptr); callback != nullptr) {
+    callback();
+    if (m_data_fd < 0) return;  // it called stop
+  }
   m_connections.unique();
   for (KXconnection* connection : m_connections)
     connection->disconnect(false);

@@ -86,7 +86,7 @@ void KXmessage::operator<<(const std::string& value) {
 
 void KXmessage::operator<<(const buffer_t& value) {
   // The tag would lengthen a message that is written into itself.
-  if (&value == this) return *this << buffer_t(value);
+  if (&value == this) return KXmessage::operator<<(buffer_t(value));
   if (!has_room(static_cast<std::size_t>(value.size) + 3)) return;
   buffer_t::operator<<(static_cast<unsigned char>(TAG_BUFFER));
   buffer_t::operator<<(value);

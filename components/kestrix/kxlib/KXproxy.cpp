@@ -123,8 +123,8 @@ void KXproxy::disconnect(bool remove) {
     KXmessage notice;
     if (m_interface_type == SGNL) {
       begin_request(notice, CMD_UNSUB_SIGNAL);
-      logAssertFailed("false", "components/kestrix/kxlib/KXproxy", __LINE__,
-                      "virtual void KXproxy::disconnect(bool)");
+      kxlog::assert_failed("false", "components/kestrix/kxlib/KXproxy", __LINE__,
+                           "virtual void KXproxy::disconnect(bool)");
     } else {
       begin_request(notice, CMD_UNSUB_FUNCTION);
     }

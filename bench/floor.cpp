@@ -1,0 +1,148 @@
+// The limit for a bus with a core in the middle: the same hops between three processes with bare sockets and
+// nothing else, waiting in the receive itself or in a poll before it.
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "process.h"
+
+namespace {
+
+constexpr char usage[] =
+    "usage: floor rtt|rtt-poll|oneway|oneway-poll N [--size BYTES] [--pin CPU]\n"
+    "\n"
+    "  rtt, rtt-poll        N round trips over a forwarding process, without and with a poll before each\n"
+    "                       receive; prints us_per_roundtrip=<float>\n"
+    "  oneway, oneway-poll  N messages over it, acknowledged in groups of four with eight under way;\n"
+    "                       prints msgs_per_s=<float>\n";
+
+constexpr int window = 8;
+constexpr int acknowledged_at_once = 4;
+
+class endpoint {
+ public:
+  endpoint(const std::string& path, bool polls) : m_fd(socket(AF_UNIX, SOCK_DGRAM, 0)), m_polls(polls) {
+    const sockaddr_un address = address_of(path);
+    if (bind(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+      bench::fail("cannot bind %s", path.c_str());
+  }
+  ~endpoint() { close(m_fd); }
+  endpoint(const endpoint&) = delete;
+  endpoint& operator=(const endpoint&) = delete;
+
+  std::size_t receive(std::vector<char>& buffer) const {
+    if (m_polls) {
+      pollfd entry = {m_fd, POLLIN, 0};
+      poll(&entry, 1, -1);
+    }
+    sockaddr_un from = {};
+    socklen_t length = sizeof from;
+    const ssize_t count =
+        recvfrom(m_fd, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&from), &length);
+    if (count < 0) bench::fail("receive failed");
+    return static_cast<std::size_t>(count);
+  }
+
+  void send(const sockaddr_un& to, const std::vector<char>& buffer, std::size_t size) const {
+    if (sendto(m_fd, buffer.data(), size, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to) < 0) {
+      bench::fail("send failed");
+    }
+  }
+
+  static sockaddr_un address_of(const std::string& path) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.data(), path.size());
+    return address;
+  }
+
+ private:
+  int m_fd;
+  bool m_polls;
+};
+
+// The first byte says where a message goes: to the server, or back.
+enum direction_e : char { FORTH, BACK };
+
+struct paths {
+  std::string client;
+  std::string middle;
+  std::string server;
+};
+
+void forward(const endpoint& middle, const paths& at) {
+  const sockaddr_un client = endpoint::address_of(at.client);
+  const sockaddr_un server = endpoint::address_of(at.server);
+  for (std::vector<char> buffer(2048);;) {
+    const std::size_t size = middle.receive(buffer);
+    middle.send(buffer[0] == FORTH ? server : client, buffer, size);
+  }
+}
+
+void serve(const endpoint& server, const paths& at, int answered_at_once) {
+  const sockaddr_un middle = endpoint::address_of(at.middle);
+  long received = 0;
+  for (std::vector<char> buffer(2048);;) {
+    const std::size_t size = server.receive(buffer);
+    if (++received % answered_at_once != 0) continue;
+    buffer[0] = BACK;
+    server.send(middle, buffer, size);
+  }
+}
+
+double measure(const endpoint& client, const paths& at, const bench::options& options, int under_way,
+               int at_once) {
+  const sockaddr_un middle = endpoint::address_of(at.middle);
+  const auto size = static_cast<std::size_t>(options.size);
+  std::vector<char> buffer(2048, 'x');
+  const long count = (options.count + at_once - 1) / at_once * at_once;
+  bench::progress progress(count);
+  const double started = bench::now_seconds();
+  long answered = 0;
+  for (long sent = 0; answered < count;) {
+    if (sent < count && sent - answered < under_way) {
+      buffer[0] = FORTH;
+      client.send(middle, buffer, size);
+      progress.at(++sent);
+    } else {
+      client.receive(buffer);
+      answered += at_once;
+    }
+  }
+  return (bench::now_seconds() - started) / static_cast<double>(count);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const bench::options options = bench::parse(argc, argv, usage, 1);
+  const bool oneway = options.mode == "oneway" || options.mode == "oneway-poll";
+  const bool polls = options.mode == "rtt-poll" || options.mode == "oneway-poll";
+  if (!oneway && !polls && options.mode != "rtt") bench::fail("%s", usage);
+
+  const std::string base = "/tmp/kxbench-floor-" + std::to_string(getpid());
+  const paths at = {base + "-client", base + "-middle", base + "-server"};
+  const int at_once = oneway ? acknowledged_at_once : 1;
+  {
+    const endpoint client(at.client, polls);
+    const endpoint middle(at.middle, polls);
+    const endpoint server(at.server, polls);
+    bench::child forwarding([&] { forward(middle, at); });
+    bench::child serving([&] { serve(server, at, at_once); });
+    const double seconds = measure(client, at, options, oneway ? window : 1, at_once);
+    if (oneway) {
+      std::printf("msgs_per_s=%.0f\n", 1 / seconds);
+    } else {
+      std::printf("us_per_roundtrip=%.3f\n", seconds * 1e6);
+    }
+  }
+  for (const std::string& path : {at.client, at.middle, at.server})
+    unlink(path.c_str());
+  return 0;
+}
