@@ -11,10 +11,10 @@
 
 /// One end of a service: the base of KXstub, which serves, and KXproxy, which uses.
 ///
-/// A connection belongs to one component, which must outlive it. The application owns the connection and
-/// calls disconnect(true) before it destroys one that has been registered or subscribed: the destructor does
-/// not. All operations belong to the thread of the component's event loop, before or during it, unless said
-/// otherwise.
+/// A connection belongs to one component, which must outlive it. The application owns the connection. One
+/// that has been registered or subscribed may be destroyed after disconnect(true), or when the component has
+/// stopped and will not run again: the destructor does not disconnect. All operations belong to the thread of
+/// the component's event loop, before or during it, unless said otherwise.
 class KX_EXPORT KXconnection {
  public:
   /// The kind of a service; -1, held by a new connection, means not connected.

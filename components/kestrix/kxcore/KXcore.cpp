@@ -1,12 +1,15 @@
 #include "KXcore.h"
 
 #include <arpa/inet.h>
+#include <signal.h>
 #include <sys/epoll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
+#include <system_error>
 #include <utility>
 
 #include "KXconnection.h"
@@ -34,35 +37,76 @@ KXmessage make_management(msg_type_e type, std::uint8_t cmd, std::uint32_t wire_
   return message;
 }
 
+// Names go into lines of the log.
+bool is_name(const std::string& text) {
+  const auto is_control = [](unsigned char c) { return c < 0x20 || c == 0x7F; };
+  return !text.empty() && std::none_of(text.begin(), text.end(), is_control);
+}
+
+std::string limit_reached() {
+  return "it holds " + std::to_string(peer::max_grants) + " services and subscriptions, which is the limit";
+}
+
+// Of what may happen for every datagram of a flood the first few are reported, then each doubling.
+bool is_reported(unsigned long count) { return count <= 8 || (count & (count - 1)) == 0; }
+
+int open_signals() {
+  sigset_t termination;
+  sigemptyset(&termination);
+  for (const int signal : {SIGINT, SIGQUIT, SIGTERM})
+    sigaddset(&termination, signal);
+  return signalfd(-1, &termination, SFD_NONBLOCK | SFD_CLOEXEC);
+}
+
 }  // namespace
 
 KXcore::KXcore(bool verbose)
-    : KXcomponent("kxcore"), m_verbose(verbose), m_watched(epoll_create1(EPOLL_CLOEXEC)) {
+    : KXcomponent("kxcore", nullptr),
+      m_verbose(verbose),
+      m_console(verbose ? STDOUT_FILENO : STDERR_FILENO),
+      m_signals(open_signals()),
+      m_watched(epoll_create1(EPOLL_CLOEXEC)),
+      m_mgmt_inbox(true),
+      m_data_inbox(false) {
+  if (m_signals.get() < 0 || m_watched.get() < 0) {
+    const int error = errno;
+    stop();
+    throw std::system_error(error, std::generic_category(), "cannot open its descriptors");
+  }
   inbox::ask_for_sender_pid(m_mgmt_fd);
+  add_socket_descriptor(m_signals.get(), this, static_take_signal);
   add_socket_descriptor(m_watched.get(), this, static_serve_watched);
+  if (m_verbose) m_console.line("kxcore is ready");
 }
 
-void KXcore::say(const char* format, ...) const {
-  if (!m_verbose) return;
-  va_list arguments;
-  va_start(arguments, format);
-  std::vprintf(format, arguments);
-  va_end(arguments);
-  std::putchar('\n');
+// One thing that happened to a component: for the person who watches, and for the log.
+#define REPORT_EVENT(...)                       \
+  do {                                          \
+    if (m_verbose) m_console.line(__VA_ARGS__); \
+    KX_LOG_INFO(__VA_ARGS__);                   \
+  } while (false)
+
+#define REPORT_PROBLEM(...)                                                                        \
+  do {                                                                                             \
+    if (m_verbose || kxlog::enabled(kxlog::LEVEL_WARNING)) m_console.line("kxcore: " __VA_ARGS__); \
+    KX_LOG_WARNING(__VA_ARGS__);                                                                   \
+  } while (false)
+
+unsigned long& KXcore::dropped_of(peer* from) {
+  return from != nullptr ? from->dropped : m_strangers_dropped;
 }
 
-// One thing that happened to a component: for the user who watches, and for the log.
-#define REPORT_EVENT(...)     \
-  do {                        \
-    say(__VA_ARGS__);         \
-    KX_LOG_INFO(__VA_ARGS__); \
-  } while (false)
+peer* KXcore::peer_at(const std::string& mgmt_path) const {
+  const auto entry = m_by_mgmt_path.find(mgmt_path);
+  return entry == m_by_mgmt_path.end() ? nullptr : entry->second;
+}
 
-#define REPORT_PROBLEM(...)      \
-  do {                           \
-    say(__VA_ARGS__);            \
-    KX_LOG_WARNING(__VA_ARGS__); \
-  } while (false)
+void KXcore::drop(peer* from, const std::string& sender, const char* reason) {
+  unsigned long& count = dropped_of(from);
+  if (!is_reported(++count)) return;
+  REPORT_PROBLEM("dropped a message of %s (%lu so far): %s",
+                 from != nullptr ? from->name.c_str() : sender.c_str(), count, reason);
+}
 
 // --- management ---
 
@@ -70,16 +114,19 @@ void KXcore::get_mgmt_message(int /*fd*/) {
   unsigned int received = inbox::batch_size;
   for (int batch = 0; batch < batches_per_turn && received == inbox::batch_size; ++batch) {
     received = m_mgmt_inbox.receive(m_mgmt_fd);
+    get_data_message(m_data_fd);
     for (unsigned int i = 0; i < received; ++i) {
       const std::string& sender = m_mgmt_inbox.sender(i);
-      const auto from = m_by_mgmt_path.find(sender);
-      if (m_mgmt_inbox.truncated(i) || m_mgmt_inbox.length(i) < static_cast<int>(sizeof(msg_header_t))) {
-        REPORT_PROBLEM("dropped a malformed management message from [%s]", sender.c_str());
-        continue;
+      const pid_t pid = m_mgmt_inbox.sender_pid(i);
+      peer* from = peer_at(sender);
+      // Another process that once had the path: what it withdraws is not its own any more.
+      if (from != nullptr && from->pid != 0 && pid != 0 && from->pid != pid) from = nullptr;
+      if (m_mgmt_inbox.is_malformed(i)) {
+        drop(from, sender, "it is malformed");
+      } else {
+        handle_management({sender, pid, from, m_mgmt_inbox.message(i)});
+        forget_gone_peers();
       }
-      handle_management({sender, m_mgmt_inbox.sender_pid(i),
-                         from == m_by_mgmt_path.end() ? nullptr : from->second, m_mgmt_inbox.message(i)});
-      forget_gone_peers();
     }
   }
 }
@@ -92,15 +139,15 @@ void KXcore::handle_management(const request& received) {
                 mgmt_cmd_name(header.cmd), ntohl(header.msg_id));
   if (received.cmd() == CMD_KILL_COMPONENT && received.sender == m_mgmt_socket_name) return begin_stop();
   if (header.msg_type != MSG_REQ && header.msg_type != MSG_SIG) {
-    REPORT_PROBLEM("dropped a management message of type %s from %s", msg_type_name(header.msg_type),
-                   received.name().c_str());
-    return;
+    return drop(received.from, received.sender, "it is neither a request nor a notice");
   }
   const std::string name = received.name();  // the sender may be gone afterwards
   KXmessage reply = make_management(MSG_RSP, header.cmd, header.msg_id);
   const std::string refusal = answer(received, reply);
   if (!refusal.empty()) {
-    REPORT_PROBLEM("refused %s of %s: %s", mgmt_cmd_name(header.cmd), name.c_str(), refusal.c_str());
+    if (is_reported(++dropped_of(peer_at(received.sender)))) {
+      REPORT_PROBLEM("refused %s of %s: %s", mgmt_cmd_name(header.cmd), name.c_str(), refusal.c_str());
+    }
     reply.m_header->msg_type = MSG_ERR;
     reply << refusal;
   }
@@ -136,13 +183,18 @@ std::string KXcore::answer(const request& received, KXmessage& reply) {
 }
 
 // A sender that is not registered gets its reply over a socket of its own: should it never read, the
-// datagrams fill no send buffer that anybody else depends on.
+// datagrams fill no send buffer that anybody else depends on, as long as there is a descriptor for one.
 void KXcore::respond(const request& received, const KXmessage& reply) {
-  const auto registered = m_by_mgmt_path.find(received.sender);
-  if (registered != m_by_mgmt_path.end()) {
-    send(*registered->second, registered->second->mgmt, reply);
-  } else if (!received.sender.empty()) {
-    outlet(received.sender).send(reply.m_header, static_cast<std::size_t>(reply.datagram_size()));
+  const auto length = static_cast<std::size_t>(reply.datagram_size());
+  peer* const registered = peer_at(received.sender);
+  if (registered != nullptr && !registered->is_gone) {
+    send(*registered, registered->mgmt, reply);
+  } else if (outlet way(received.sender); way.connected()) {
+    way.send(reply.m_header, length);
+  } else if (errno == EMFILE || errno == ENFILE) {
+    const sockaddr_un address = address_of(received.sender);
+    sendto(m_mgmt_fd, reply.m_header, length, MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&address),
+           sizeof address);
   }
 }
 
@@ -150,26 +202,23 @@ std::string KXcore::register_peer(const request& received, KXmessage& reply) {
   std::string name;
   std::string data_path;
   payload values(received.message);
-  if (!values.take(name) || !values.take(data_path) || name.empty() || data_path.empty()) return unparsable;
+  if (!values.take(name) || !values.take(data_path)) return unparsable;
+  if (!is_name(name)) return "the name is empty or has control characters";
   if (m_stopping) return "the core is stopping";
   if (received.sender.empty()) return "its management socket has no path";
-  if (received.sender == m_mgmt_socket_name || data_path == m_data_socket_name)
-    return "the sockets are the core's";
-
-  // The name and the paths that the component takes over, from itself as a rule: it was started again.
-  const auto by_name = m_peers.find(name);
-  const auto by_data_path = m_by_data_path.find(data_path);
-  peer* const same_name = by_name == m_peers.end() ? nullptr : by_name->second.get();
-  peer* const same_data_path = by_data_path == m_by_data_path.end() ? nullptr : by_data_path->second;
-  for (peer* const earlier : {received.from, same_name, same_data_path}) {
-    if (earlier != nullptr) give_up(*earlier, "it registered again");
-  }
-  forget_gone_peers();
+  if (data_path != received.sender + "-d")
+    return "the data socket is not the one beside its management socket";
 
   auto created = std::make_unique<peer>(name, received.sender, data_path, received.pid);
   if (!created->mgmt.connected() || !created->data.connected()) {
     return std::string("its sockets cannot be reached: ") + strerror(errno);
   }
+  // Whoever had the name or the sockets before is replaced: the component itself as a rule, started again.
+  const auto same_name = m_peers.find(name);
+  if (same_name != m_peers.end()) give_up(*same_name->second, "it registered again");
+  if (peer* const same_path = peer_at(received.sender)) give_up(*same_path, "it registered again");
+  forget_gone_peers();
+
   peer& registered = *created;
   m_by_mgmt_path[registered.mgmt_path] = &registered;
   m_by_data_path[registered.data_path] = &registered;
@@ -201,12 +250,14 @@ std::string KXcore::offer_service(const request& received, KXmessage& reply) {
   }
   const bool is_signal = is_signal_cmd(received.cmd());
   if (type > KXconnection::SGNL || is_signal != (type == KXconnection::SGNL)) return unparsable;
+  if (!is_name(name)) return "the name is empty or has control characters";
+  if (received.from->grants == peer::max_grants) return limit_reached();
 
   if (const auto offered = m_directory.find_offered(name); offered != nullptr) {
-    if (offered->owner == received.from || !offered->owner->has_ended())
-      return "'" + name + "' is offered by " + offered->owner->name;
-    give_up(*offered->owner, "its process ended");
-    forget_gone_peers();
+    peer& owner = *offered->owner;
+    if (&owner == received.from || !owner.has_ended()) return "'" + name + "' is offered by " + owner.name;
+    give_up(owner, "it does not exist any more");
+    m_directory.forget(owner);
   }
   const std::uint32_t siid = m_directory.offer(*received.from, name, is_signal);
   REPORT_EVENT("%s offers %s '%s' (siid %u)", received.from->name.c_str(), is_signal ? "signal" : "function",
@@ -231,9 +282,10 @@ std::string KXcore::subscribe(const request& received, KXmessage& reply) {
   if (wanted == nullptr) return "nobody offers '" + name + "'";
   const bool is_signal = is_signal_cmd(received.cmd());
   if (wanted->is_signal != is_signal) return "'" + name + "' is a " + (is_signal ? "function" : "signal");
+  if (received.from->grants == peer::max_grants) return limit_reached();
   if (!m_directory.has_message_ids()) return "all message ids are in use";
 
-  const directory::subscription granted = m_directory.subscribe(*received.from, wanted);
+  const directory::grant granted = m_directory.subscribe(*received.from, wanted);
   REPORT_EVENT("%s subscribed to %s '%s' (siid %u, message ids %u-%u)", received.from->name.c_str(),
                is_signal ? "signal" : "function", name.c_str(), granted.siid, granted.mid_first,
                granted.mid_end - 1);
@@ -262,13 +314,14 @@ void KXcore::get_data_message(int /*fd*/) {
     received = m_data_inbox.receive(m_data_fd);
     for (unsigned int i = 0; i < received; ++i) {
       const std::string& sender = m_data_inbox.sender(i);
-      const auto from = m_by_data_path.find(sender);
-      if (m_data_inbox.truncated(i) || m_data_inbox.length(i) < static_cast<int>(sizeof(msg_header_t))) {
-        REPORT_PROBLEM("dropped a malformed data message from [%s]", sender.c_str());
-      } else if (from == m_by_data_path.end()) {
-        REPORT_PROBLEM("dropped a data message from [%s], which is not registered", sender.c_str());
+      const auto entry = m_by_data_path.find(sender);
+      peer* const from = entry == m_by_data_path.end() ? nullptr : entry->second;
+      if (m_data_inbox.is_malformed(i)) {
+        drop(from, sender, "it is malformed");
+      } else if (from == nullptr) {
+        drop(from, sender, "the sender is not registered");
       } else {
-        route(*from->second, m_data_inbox.message(i));
+        route(*from, m_data_inbox.message(i));
       }
     }
     forget_gone_peers();
@@ -281,54 +334,47 @@ void KXcore::route(peer& from, KXmessage& message) {
   KX_LOG_DEBUG3("RX : [%d]->[%d] : %s : %d (id=%d)", src_siid, dst_siid,
                 msg_type_name(message.m_header->msg_type), message.m_header->cmd,
                 ntohl(message.m_header->msg_id));
-  if (!m_directory.owns(from, src_siid)) {
-    REPORT_PROBLEM("dropped a message of %s: the source siid %u is not its own", from.name.c_str(), src_siid);
-    return;
-  }
+  if (!m_directory.owns(from, src_siid)) return drop(&from, from.name, "its source siid is not the sender's");
+
   const endpoint* to = m_directory.find(dst_siid);
-  if (to == nullptr) return report_undelivered(message, "no service has this siid");
+  if (to == nullptr) return answer_undelivered(message, &from, "no service has this siid");
   const service& serving = *to->of;
   const bool to_subscribers =
       to->role == endpoint::SUBSCRIBERS || (dst_siid == src_siid && message.m_header->msg_type == MSG_SIG);
   if (to_subscribers && serving.is_signal) {
-    if (src_siid != serving.siid)
-      return report_undelivered(message, "only the signal's own stub reaches its subscribers");
-    return fan_out(serving, message);
+    if (src_siid == serving.siid) return fan_out(serving, message, &from);
+    return answer_undelivered(message, &from, "only a signal's own stub reaches its subscribers");
   }
   peer* const receiver = to->holder();
-  if (receiver == nullptr) return report_undelivered(message, "the service is not offered any more");
-  forward(*receiver, message);
+  if (receiver == nullptr) return answer_undelivered(message, &from, "the service is not offered any more");
+  forward(*receiver, message, &from);
 }
 
-void KXcore::fan_out(const service& signal, KXmessage& message) {
+void KXcore::fan_out(const service& signal, KXmessage& message, peer* requester) {
   message.m_header->dst_siid = htonl(signal.subscribers_siid);
   for (const auto& subscriber : signal.subscribers)
-    forward(*subscriber.first, message);
+    forward(*subscriber.first, message, requester);
 }
 
-void KXcore::forward(peer& to, const KXmessage& message) {
+// Sends a message on its way to a component. What is lost is counted there (send).
+void KXcore::forward(peer& to, const KXmessage& message, peer* requester) {
   const outlet::result_e result = send(to, to.data, message);
+  if (message.m_header->msg_type != MSG_REQ) return;
   if (result == outlet::FULL)
-    report_undelivered(message, "the component does not read and its queue is full");
-  if (result == outlet::GONE) report_undelivered(message, "the component is gone");
+    answer_undelivered(message, requester, "the component does not read, its queue is full");
+  if (result == outlet::GONE) answer_undelivered(message, requester, "the component is gone");
 }
 
-// Answers a request that cannot be delivered; any other message is lost.
-void KXcore::report_undelivered(const KXmessage& message, const char* reason) {
+// A request that cannot be delivered is answered, anything else dropped.
+void KXcore::answer_undelivered(const KXmessage& message, peer* requester, const char* reason) {
+  if (requester == nullptr) return;
   const msg_header_t& lost = *message.m_header;
-  if (lost.msg_type != MSG_REQ) {
-    KX_LOG_INFO("a message from siid %u to siid %u is lost: %s", ntohl(lost.src_siid), ntohl(lost.dst_siid),
-                reason);
-    return;
-  }
-  const endpoint* requester = m_directory.find(ntohl(lost.src_siid));
-  peer* const receiver = requester == nullptr ? nullptr : requester->holder();
-  if (receiver == nullptr) return;
+  if (lost.msg_type != MSG_REQ) return drop(requester, requester->name, reason);
   KXmessage failure = make_management(MSG_ERR, lost.cmd, lost.msg_id);
   failure.m_header->dst_siid = lost.src_siid;
   failure.m_header->src_siid = lost.dst_siid;
   failure << reason;
-  forward(*receiver, failure);
+  forward(*requester, failure, nullptr);
 }
 
 // --- the way to a component ---
@@ -340,9 +386,9 @@ outlet::result_e KXcore::send(peer& to, outlet& way, const KXmessage& message) {
       way.send(message.m_header, static_cast<std::size_t>(message.datagram_size()));
   if (result == outlet::QUEUED && !had_queue) watch(to, way.fd(), EPOLLOUT);
   if (result == outlet::GONE) give_up(to, "its socket is gone");
-  if (result == outlet::FULL && way.lost() == 1) {
-    REPORT_PROBLEM("%s does not read: its queue of %zu messages is full, what comes now is lost",
-                   to.name.c_str(), outlet::max_queued);
+  if (result == outlet::FULL && is_reported(way.lost())) {
+    REPORT_PROBLEM("%s does not read: its queue of %zu messages is full (%lu lost so far)", to.name.c_str(),
+                   outlet::max_queued, way.lost());
   }
   return result;
 }
@@ -404,26 +450,40 @@ void KXcore::forget_gone_peers() {
     m_directory.forget(*gone);
     m_by_mgmt_path.erase(gone->mgmt_path);
     m_by_data_path.erase(gone->data_path);
-    std::deque<datagram> undelivered = gone->data.take_queue();
+    const std::deque<datagram> undelivered = gone->data.take_queue();
+    if (const auto lost = undelivered.size() + gone->data.take_lost(); lost > 0) {
+      REPORT_PROBLEM("%lu messages to %s are lost", static_cast<unsigned long>(lost), gone->name.c_str());
+    }
     m_peers.erase(m_peers.find(gone->name));
-    answer_lost_requests(std::move(undelivered));
+    answer_lost_requests(undelivered);
+    if (m_stopping) tell_to_end(1);
   }
   if (m_stopping && m_peers.empty()) m_running = false;
 }
 
-void KXcore::answer_lost_requests(std::deque<datagram> queue) {
+void KXcore::answer_lost_requests(const std::deque<datagram>& queue) {
   for (const datagram& bytes : queue) {
     KXmessage message;
     std::memcpy(message.m_header, bytes.data(), bytes.size());
     message.incr_size(static_cast<int>(bytes.size() - sizeof(msg_header_t)));
-    report_undelivered(message, "the component is gone");
+    if (message.m_header->msg_type != MSG_REQ) continue;
+    const endpoint* requester = m_directory.find(ntohl(message.m_header->src_siid));
+    if (requester != nullptr) answer_undelivered(message, requester->holder(), "the component is gone");
   }
 }
 
 // --- stop ---
 
+int KXcore::static_take_signal(void* context, int fd) {
+  auto& core = *static_cast<KXcore*>(context);
+  signalfd_siginfo taken = {};
+  if (read(fd, &taken, sizeof taken) == sizeof taken) core.begin_stop();
+  return 0;
+}
+
 // Tells every component to end, and ends when they have unregistered, which without a core would cost each of
-// them seconds of vain attempts. Those that do not are not waited for; a second signal ends the core at once.
+// them seconds of vain attempts. Those that do not are not waited for; told to end a second time, the core
+// ends at once.
 void KXcore::begin_stop() {
   if (m_stopping || m_peers.empty()) {
     m_running = false;
@@ -431,13 +491,31 @@ void KXcore::begin_stop() {
   }
   m_stopping = true;
   REPORT_EVENT("stopping: %zu components are told to end", m_peers.size());
-  const KXmessage kill = make_management(MSG_SIG, CMD_KILL_COMPONENT, htonl(kill_message_id));
-  for (const auto& each : m_peers)
-    send(*each.second, each.second->mgmt, kill);
-  add_msec_timer(stop_limit_ms, this, static_end_stop, 0);
+  continue_stop();
+  add_msec_timer(stop_interval_ms, this, static_continue_stop, 0);
 }
 
-int KXcore::static_end_stop(void* context, int /*cookie*/) {
-  static_cast<KXcore*>(context)->m_running = false;
+void KXcore::tell_to_end(int count) {
+  const KXmessage kill = make_management(MSG_SIG, CMD_KILL_COMPONENT, htonl(kill_message_id));
+  for (const auto& entry : m_peers) {
+    if (count == 0) return;
+    peer& each = *entry.second;
+    if (each.is_told_to_end || each.is_gone) continue;
+    each.is_told_to_end = true;
+    send(each, each.mgmt, kill);
+    --count;
+  }
+}
+
+// One step, taken in intervals: the next components are told, and in the last step all that are left.
+int KXcore::continue_stop() {
+  const bool is_last = ++m_stop_intervals == stop_intervals;
+  tell_to_end(is_last ? static_cast<int>(m_peers.size()) : stop_group);
+  if (!is_last) return 0;
+  m_running = false;
   return -1;
+}
+
+int KXcore::static_continue_stop(void* context, int /*cookie*/) {
+  return static_cast<KXcore*>(context)->continue_stop();
 }

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "KXcomponent.h"
+#include "console.h"
 #include "directory.h"
 #include "inbox.h"
 #include "outlet.h"
@@ -21,7 +22,10 @@
 
 class KXcore : public KXcomponent {
  public:
-  // `verbose` writes one line to standard output for everything that happens to a component.
+  // `verbose` writes a line to standard output for everything that happens to a component; without it only
+  // what goes wrong is written, to standard error. SIGTERM, SIGINT and SIGQUIT are to be blocked before: the
+  // core reads them from a descriptor and stops in order. Throws KXerror::ERR_SOCKET_BIND, or
+  // std::system_error.
   explicit KXcore(bool verbose);
 
   void get_mgmt_message(int fd) override;
@@ -39,7 +43,11 @@ class KXcore : public KXcomponent {
     std::string name() const;
   };
 
-  static constexpr int stop_limit_ms = 1000;
+  // Components are told to end a few at a time: what they all answer at once would overflow the core's queue
+  // and cost each a second's pause.
+  static constexpr int stop_group = 3;
+  static constexpr int stop_interval_ms = 50;
+  static constexpr int stop_intervals = 60;
 
   void handle_management(const request& received);
   std::string answer(const request& received, KXmessage& reply);
@@ -52,9 +60,12 @@ class KXcore : public KXcomponent {
   void respond(const request& received, const KXmessage& reply);
 
   void route(peer& from, KXmessage& message);
-  void fan_out(const service& signal, KXmessage& message);
-  void forward(peer& to, const KXmessage& message);
-  void report_undelivered(const KXmessage& message, const char* reason);
+  void fan_out(const service& signal, KXmessage& message, peer* requester);
+  void forward(peer& to, const KXmessage& message, peer* requester);
+  void answer_undelivered(const KXmessage& message, peer* requester, const char* reason);
+  peer* peer_at(const std::string& mgmt_path) const;
+  unsigned long& dropped_of(peer* from);  // the counter of a peer, or of all who are not registered
+  void drop(peer* from, const std::string& sender, const char* reason);
 
   outlet::result_e send(peer& to, outlet& way, const KXmessage& message);
   void watch(peer& watched, int fd, unsigned int events);
@@ -64,15 +75,20 @@ class KXcore : public KXcomponent {
 
   void give_up(peer& gone, const char* reason);
   void forget_gone_peers();
-  void answer_lost_requests(std::deque<datagram> queue);
+  void answer_lost_requests(const std::deque<datagram>& queue);
 
   void begin_stop();
-  static int static_end_stop(void* context, int cookie);
-
-  void say(const char* format, ...) const __attribute__((format(printf, 2, 3)));
+  void tell_to_end(int count);
+  int continue_stop();
+  static int static_continue_stop(void* context, int cookie);
+  static int static_take_signal(void* context, int fd);
 
   const bool m_verbose;
+  console m_console;
   bool m_stopping = false;
+  int m_stop_intervals = 0;
+  unsigned long m_strangers_dropped = 0;
+  unique_fd m_signals;
   unique_fd m_watched;  // epoll: processes of components, and sockets that wait for room
   inbox m_mgmt_inbox;
   inbox m_data_inbox;

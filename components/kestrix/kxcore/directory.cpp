@@ -31,7 +31,7 @@ std::uint32_t directory::take_siid() {
 
 std::uint32_t directory::offer(peer& owner, const std::string& name, bool is_signal) {
   std::shared_ptr<service>& entry = m_services[name];
-  if (entry == nullptr || entry->is_signal != is_signal) {
+  if (entry == nullptr || entry->is_signal != is_signal || entry->last_owner == owner.serial) {
     entry = std::make_shared<service>();
     entry->name = name;
     entry->is_signal = is_signal;
@@ -43,22 +43,37 @@ std::uint32_t directory::offer(peer& owner, const std::string& name, bool is_sig
     }
   }
   entry->owner = &owner;
+  entry->last_owner = owner.serial;
   owner.siids.insert(entry->siid);
+  ++owner.grants;
   return entry->siid;
 }
 
-directory::subscription directory::subscribe(peer& user, const std::shared_ptr<service>& wanted) {
-  const std::uint32_t mid_first = m_mids.take();
+directory::grant directory::subscribe(peer& user, const std::shared_ptr<service>& wanted) {
   std::uint32_t siid = wanted->subscribers_siid;
+  std::uint32_t mid_first = 0;
   if (wanted->is_signal) {
-    wanted->subscribers[&user].push_back(mid_first);
+    mid_first = join(wanted->subscribers[&user]);
   } else {
     siid = take_siid();
+    mid_first = m_mids.take();
     m_endpoints[siid] = {endpoint::PROXY, wanted, &user, mid_first};
     ++wanted->proxies;
   }
   user.siids.insert(siid);
+  ++user.grants;
   return {siid, wanted->siid, mid_first, mid_first + mid_ranges::size};
+}
+
+std::uint32_t directory::join(subscriptions& of) {
+  if (of.ranges.size() == of.count) {
+    of.ranges.push_back(m_mids.take());
+  } else {
+    of.ranges.push_back(of.ranges.front());
+    of.ranges.pop_front();
+  }
+  ++of.count;
+  return of.ranges.back();
 }
 
 bool directory::withdraw(peer& holder, std::uint32_t siid, bool is_signal) {
@@ -70,6 +85,7 @@ bool directory::withdraw(peer& holder, std::uint32_t siid, bool is_signal) {
   const std::shared_ptr<service> withdrawn = entry->of;
   withdrawn->owner = nullptr;
   holder.siids.erase(siid);
+  --holder.grants;
   release_if_unused(withdrawn);
   return true;
 }
@@ -79,12 +95,12 @@ bool directory::unsubscribe(peer& holder, std::uint32_t siid, bool is_signal) {
   const endpoint::role_e role = is_signal ? endpoint::SUBSCRIBERS : endpoint::PROXY;
   if (entry == nullptr || entry->role != role || !owns(holder, siid)) return false;
   const std::shared_ptr<service> used = entry->of;
+  --holder.grants;
   if (is_signal) {
-    // Which of its proxies left is not known. Any range will do: the ids of signals are awaited by nobody.
     const auto subscriber = used->subscribers.find(&holder);
-    m_mids.give_back(subscriber->second.back());
-    subscriber->second.pop_back();
-    if (!subscriber->second.empty()) return true;
+    if (--subscriber->second.count > 0) return true;
+    for (const std::uint32_t mid_first : subscriber->second.ranges)
+      m_mids.give_back(mid_first);
     used->subscribers.erase(subscriber);
   } else {
     m_mids.give_back(entry->mid_first);

@@ -16,20 +16,26 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
-#include <vector>
 
 #include "KXmessage.h"
 #include "peer.h"
 
+// One component's subscriptions of a signal. Which of its proxies leaves is not said, so their ranges of
+// message ids are given back together, and until then used again by the component itself.
+struct subscriptions {
+  unsigned int count = 0;
+  std::deque<std::uint32_t> ranges;  // their first ids
+};
+
 struct service {
   std::string name;
   bool is_signal;
-  std::uint32_t siid;              // of the stub
-  std::uint32_t subscribers_siid;  // shared by all subscribers; signals only
-  peer* owner;                     // null: not offered at present
-  unsigned int proxies = 0;        // function proxies
-  // Signals only: for each component the first message ids of its subscriptions' ranges.
-  std::map<peer*, std::vector<std::uint32_t>> subscribers;
+  std::uint32_t siid;                          // of the stub
+  std::uint32_t subscribers_siid;              // shared by all subscribers; signals only
+  peer* owner;                                 // null: not offered at present
+  unsigned long last_owner = 0;                // serial of the registration that offered it last
+  unsigned int proxies = 0;                    // function proxies
+  std::map<peer*, subscriptions> subscribers;  // signals only
 };
 
 struct endpoint {
@@ -63,7 +69,7 @@ class mid_ranges {
 
 class directory {
  public:
-  struct subscription {
+  struct grant {
     std::uint32_t siid;
     std::uint32_t service_siid;
     std::uint32_t mid_first;
@@ -83,7 +89,7 @@ class directory {
 
   // Grants a siid to a stub; nothing may be offered under `name`.
   std::uint32_t offer(peer& owner, const std::string& name, bool is_signal);
-  subscription subscribe(peer& user, const std::shared_ptr<service>& wanted);  // while has_message_ids
+  grant subscribe(peer& user, const std::shared_ptr<service>& wanted);  // while has_message_ids
 
   // Take back what `holder` was granted; false when it does not hold such a siid. Of a signal, one
   // subscription.
@@ -98,6 +104,7 @@ class directory {
   static constexpr std::uint32_t last_siid = 0x7FFFFFFF;
 
   std::uint32_t take_siid();
+  std::uint32_t join(subscriptions& of);
   void release_if_unused(const std::shared_ptr<service>& released);
 
   std::unordered_map<std::string, std::shared_ptr<service>> m_services;

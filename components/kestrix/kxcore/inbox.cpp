@@ -3,13 +3,14 @@
 #include <cstddef>
 #include <cstring>
 
-inbox::inbox() {
+inbox::inbox(bool pids) : m_pids(pids) {
   for (unsigned int i = 0; i < batch_size; ++i) {
     m_parts[i] = {m_messages[i].m_header, buffer_t::capacity};
     m_headers[i].msg_hdr.msg_name = &m_senders[i];
     m_headers[i].msg_hdr.msg_iov = &m_parts[i];
     m_headers[i].msg_hdr.msg_iovlen = 1;
-    m_headers[i].msg_hdr.msg_control = &m_credentials[i];
+    // Without room for control data nobody can pass the core a descriptor.
+    if (m_pids) m_headers[i].msg_hdr.msg_control = &m_credentials[i];
   }
 }
 
@@ -21,16 +22,20 @@ void inbox::ask_for_sender_pid(int fd) {
 unsigned int inbox::receive(int fd) {
   for (mmsghdr& header : m_headers) {
     header.msg_hdr.msg_namelen = sizeof(sockaddr_un);
-    header.msg_hdr.msg_controllen = sizeof(credentials);
+    header.msg_hdr.msg_controllen = m_pids ? sizeof(credentials) : 0;
   }
   const int received = recvmmsg(fd, m_headers.data(), batch_size, MSG_DONTWAIT, nullptr);
   if (received <= 0) return 0;
   for (unsigned int i = 0; i < static_cast<unsigned int>(received); ++i) {
     m_messages[i].size = 0;
     m_messages[i].pos = 0;
-    m_messages[i].incr_size(length(i) - static_cast<int>(sizeof(msg_header_t)));
+    m_messages[i].incr_size(static_cast<int>(m_headers[i].msg_len) - static_cast<int>(sizeof(msg_header_t)));
   }
   return static_cast<unsigned int>(received);
+}
+
+bool inbox::is_malformed(unsigned int i) const {
+  return m_headers[i].msg_len < sizeof(msg_header_t) || (m_headers[i].msg_hdr.msg_flags & MSG_TRUNC) != 0;
 }
 
 pid_t inbox::sender_pid(unsigned int i) const {

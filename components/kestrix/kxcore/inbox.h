@@ -15,11 +15,11 @@ class inbox {
   // More than a receiver holds unread by default, so that one call empties the socket.
   static constexpr unsigned int batch_size = 16;
 
-  inbox();
+  // With `pids`, every datagram says which process sent it; the socket needs ask_for_sender_pid, once.
+  explicit inbox(bool pids);
   inbox(const inbox&) = delete;
   inbox& operator=(const inbox&) = delete;
 
-  // Has the kernel say with each datagram which process sent it.
   static void ask_for_sender_pid(int fd);
 
   // Receives what is there, up to batch_size datagrams, without waiting; how many.
@@ -27,9 +27,8 @@ class inbox {
 
   // The datagrams of the last receive. A message holds the payload in place, as long as no other is received.
   KXmessage& message(unsigned int i) { return m_messages[i]; }
-  int length(unsigned int i) const { return static_cast<int>(m_headers[i].msg_len); }
-  bool truncated(unsigned int i) const { return (m_headers[i].msg_hdr.msg_flags & MSG_TRUNC) != 0; }
-  pid_t sender_pid(unsigned int i) const;
+  bool is_malformed(unsigned int i) const;  // shorter than a header, or longer than a message
+  pid_t sender_pid(unsigned int i) const;   // 0 when it is not known
 
   // The sender's path, empty when it has none; the string is reused by the next call.
   const std::string& sender(unsigned int i);
@@ -40,6 +39,7 @@ class inbox {
     char bytes[CMSG_SPACE(sizeof(ucred))];
   };
 
+  const bool m_pids;
   std::array<KXmessage, batch_size> m_messages;
   std::array<mmsghdr, batch_size> m_headers{};
   std::array<iovec, batch_size> m_parts{};

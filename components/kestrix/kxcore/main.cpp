@@ -1,6 +1,7 @@
 // kxcore: the core daemon of the bus, for development machines and tests.
 #include <fcntl.h>
 #include <getopt.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -62,16 +63,24 @@ void raise_descriptor_limit() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+// The core reads the signals that end it from a descriptor; what it writes to closed pipes is lost.
+void prepare_signals() {
+  sigset_t termination;
+  sigemptyset(&termination);
+  for (const int signal : {SIGINT, SIGQUIT, SIGTERM})
+    sigaddset(&termination, signal);
+  sigprocmask(SIG_BLOCK, &termination, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+}
+
 int run(bool verbose) {
-  openlog("kxcore", LOG_PID | (verbose ? 0 : LOG_PERROR), LOG_DAEMON);
-  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  openlog("kxcore", LOG_PID, LOG_DAEMON);
   if (!lock_bus()) return EXIT_FAILURE;
+  prepare_signals();
   raise_descriptor_limit();
   try {
     KXcore core(verbose);
-    if (verbose) std::printf("kxcore is ready\n");
     core.start(KXcomponent::CMP_START_AND_LOOP);
-    if (verbose) std::printf("kxcore has stopped\n");
     return EXIT_SUCCESS;
   } catch (const KXerror::error_e&) {
     std::fprintf(stderr, "kxcore: cannot bind its sockets in %s: %s\n", bus_directory, strerror(errno));

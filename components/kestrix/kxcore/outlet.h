@@ -8,6 +8,8 @@
 #ifndef OUTLET_H
 #define OUTLET_H
 
+#include <sys/un.h>
+
 #include <cstddef>
 #include <deque>
 #include <string>
@@ -65,6 +67,9 @@ class outlet {
   std::deque<datagram> m_queue;
   unsigned long m_lost = 0;
 };
+
+// The socket address of a path that fits into one.
+sockaddr_un address_of(const std::string& path);
 
 // A non-blocking datagram socket without a name, connected to the socket at `path`, or -1.
 int connect_datagram(const std::string& path);

@@ -1,7 +1,6 @@
 #include "peer.h"
 
 #include <poll.h>
-#include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -18,10 +17,16 @@ int open_process(pid_t pid) {
 #endif
 }
 
+unsigned long next_serial() {
+  static unsigned long last = 0;
+  return ++last;
+}
+
 }  // namespace
 
 peer::peer(std::string component_name, std::string mgmt_socket, std::string data_socket, pid_t process_id)
-    : name(std::move(component_name)),
+    : serial(next_serial()),
+      name(std::move(component_name)),
       mgmt_path(std::move(mgmt_socket)),
       data_path(std::move(data_socket)),
       pid(process_id),
@@ -30,7 +35,8 @@ peer::peer(std::string component_name, std::string mgmt_socket, std::string data
       data(data_path) {}
 
 bool peer::has_ended() const {
-  if (process.get() < 0) return pid > 0 && kill(pid, 0) != 0 && errno == ESRCH;
   pollfd entry = {process.get(), POLLIN, 0};
-  return poll(&entry, 1, 0) > 0;
+  if (poll(&entry, 1, 0) > 0) return true;
+  const unique_fd attempt(connect_datagram(mgmt_path));
+  return attempt.get() < 0 && (errno == ECONNREFUSED || errno == ENOENT);
 }

@@ -11,11 +11,15 @@
 #include "outlet.h"
 
 struct peer {
+  // Of one component, so that none gets all the siids and message ids there are.
+  static constexpr unsigned int max_grants = 1024;
+
   peer(std::string component_name, std::string mgmt_socket, std::string data_socket, pid_t process_id);
 
-  // Whether its process has ended. Without pidfds in the kernel the core asks only when the answer matters.
+  // Whether its process has ended or its socket is gone; asked when the answer matters.
   bool has_ended() const;
 
+  const unsigned long serial;  // of this registration
   const std::string name;
   const std::string mgmt_path;
   const std::string data_path;
@@ -24,7 +28,10 @@ struct peer {
   outlet mgmt;
   outlet data;
   std::set<std::uint32_t> siids;  // that its stubs, proxies and subscriptions hold
+  unsigned int grants = 0;        // services and subscriptions
+  unsigned long dropped = 0;      // messages and notices of its own that were refused
   bool is_gone = false;
+  bool is_told_to_end = false;
 };
 
 #endif

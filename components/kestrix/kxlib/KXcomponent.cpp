@@ -730,7 +730,7 @@ void KXcomponent::bind_siid(unsigned int siid, KXconnection* conn) {
       auto connections = std::make_unique<std::set<KXconnection*>>();
       connections->insert(conn);
       m_siid_map.emplace(siid, connections.get());
-      connections.release();
+      static_cast<void>(connections.release());
     } else {
       entry->second->insert(conn);
     }

@@ -40,6 +40,7 @@ KXmessage::KXmessage(const KXmessage& other)
     : buffer_t(other), m_header(reinterpret_cast<msg_header_t*>(data + offset - header_size)) {}
 
 void KXmessage::operator=(const KXmessage& other) {
+  if (this == &other) return;
   buffer_t::operator=(other);
   m_header = reinterpret_cast<msg_header_t*>(data + offset - header_size);
 }
