@@ -46,8 +46,9 @@ std::atomic<std::size_t> record_count{0};
 std::vector<seam::failed_assertion> assertions;
 std::function<void()> idle;
 double fake_now = -1;
-thread_local bool arms = false;    // whether this thread is the one that armed the seam
-thread_local bool inside = false;  // whether it runs a hook
+std::atomic<bool> records_lines{false};  // from the first reset on
+thread_local bool arms = false;          // whether this thread is the one that armed the seam
+thread_local bool inside = false;        // whether it runs a hook
 
 constexpr bool is_fake(double clock) { return clock >= 0; }
 
@@ -103,6 +104,7 @@ namespace seam {
 
 void reset() {
   arms = true;
+  records_lines = true;
   for (armed_call& entry : armed)
     entry = {};
   made.clear();
@@ -170,14 +172,17 @@ void logAssertFailed(const char* expression, const char* path, int /*line*/, con
 }
 
 __attribute__((format(printf, 2, 3))) void syslog(int priority, const char* format, ...) {
-  const std::size_t index = record_count.fetch_add(1);
-  if (index >= max_lines) return;
   va_list arguments;
   va_start(arguments, format);
-  vsnprintf(records[index].text, sizeof records[index].text, format, arguments);
+  const std::size_t index = records_lines ? record_count.fetch_add(1) : max_lines;
+  if (!records_lines) {
+    vsyslog(priority, format, arguments);
+  } else if (index < max_lines) {
+    vsnprintf(records[index].text, sizeof records[index].text, format, arguments);
+    records[index].priority = priority;
+    records[index].complete = true;
+  }
   va_end(arguments);
-  records[index].priority = priority;
-  records[index].complete = true;
 }
 
 int access(const char* path, int mode) noexcept {
