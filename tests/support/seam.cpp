@@ -185,15 +185,26 @@ __attribute__((format(printf, 2, 3))) void syslog(int priority, const char* form
   va_end(arguments);
 }
 
-int access(const char* path, int mode) noexcept {
-  if (fails(seam::ACCESS)) return -1;
-  return REAL(access)(path, mode);
-}
+// A call that only ever passes or fails.
+#define PASS_THROUGH(result, name, call, parameters, arguments, exceptions) \
+  result name parameters exceptions { return fails(seam::call) ? -1 : REAL(name) arguments; }
 
-int bind(int fd, const struct sockaddr* address, socklen_t length) noexcept {
-  if (fails(seam::BIND)) return -1;
-  return REAL(bind)(fd, address, length);
-}
+PASS_THROUGH(int, access, ACCESS, (const char* path, int mode), (path, mode), noexcept)
+PASS_THROUGH(int, bind, BIND, (int fd, const struct sockaddr* address, socklen_t length),
+             (fd, address, length), noexcept)
+PASS_THROUGH(int, close, CLOSE, (int fd), (fd), )
+PASS_THROUGH(int, mkdir, MKDIR, (const char* path, mode_t mode), (path, mode), noexcept)
+PASS_THROUGH(ssize_t, recvfrom, RECVFROM,
+             (int fd, void* to, size_t size, int flags, struct sockaddr* from, socklen_t* length),
+             (fd, to, size, flags, from, length), )
+PASS_THROUGH(int, remove, REMOVE, (const char* path), (path), noexcept)
+PASS_THROUGH(ssize_t, sendto, SENDTO,
+             (int fd, const void* from, size_t size, int flags, const struct sockaddr* to, socklen_t length),
+             (fd, from, size, flags, to, length), )
+PASS_THROUGH(int, setsockopt, SETSOCKOPT,
+             (int fd, int level, int option, const void* value, socklen_t length),
+             (fd, level, option, value, length), noexcept)
+PASS_THROUGH(int, socket, SOCKET, (int domain, int type, int protocol), (domain, type, protocol), noexcept)
 
 int clock_gettime(clockid_t clock, struct timespec* time) noexcept {
   if (clock != CLOCK_MONOTONIC) return REAL(clock_gettime)(clock, time);
@@ -205,11 +216,6 @@ int clock_gettime(clockid_t clock, struct timespec* time) noexcept {
   return 0;
 }
 
-int close(int fd) {
-  if (fails(seam::CLOSE)) return -1;
-  return REAL(close)(fd);
-}
-
 int fcntl(int fd, int command, ...) {
   va_list arguments;
   va_start(arguments, command);
@@ -217,11 +223,6 @@ int fcntl(int fd, int command, ...) {
   va_end(arguments);
   if (fails(seam::FCNTL)) return -1;
   return REAL(fcntl)(fd, command, argument);
-}
-
-int mkdir(const char* path, mode_t mode) noexcept {
-  if (fails(seam::MKDIR)) return -1;
-  return REAL(mkdir)(path, mode);
 }
 
 int open(const char* path, int flags, ...) {
@@ -243,16 +244,6 @@ int poll(struct pollfd* entries, nfds_t count, int timeout) {
   return 0;
 }
 
-ssize_t recvfrom(int fd, void* to, size_t size, int flags, struct sockaddr* address, socklen_t* length) {
-  if (fails(seam::RECVFROM)) return -1;
-  return REAL(recvfrom)(fd, to, size, flags, address, length);
-}
-
-int remove(const char* path) noexcept {
-  if (fails(seam::REMOVE)) return -1;
-  return REAL(remove)(path);
-}
-
 int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, struct timeval* limit) {
   if (fails(seam::SELECT)) return -1;
   if (!clock_is_fake()) return REAL(select)(count, readable, writable, exceptional, limit);
@@ -272,27 +263,11 @@ int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, s
   return 0;
 }
 
-ssize_t sendto(int fd, const void* from, size_t size, int flags, const struct sockaddr* address,
-               socklen_t length) {
-  if (fails(seam::SENDTO)) return -1;
-  return REAL(sendto)(fd, from, size, flags, address, length);
-}
-
-int setsockopt(int fd, int level, int option, const void* value, socklen_t length) noexcept {
-  if (fails(seam::SETSOCKOPT)) return -1;
-  return REAL(setsockopt)(fd, level, option, value, length);
-}
-
 unsigned int sleep(unsigned int seconds) {
   if (fails(seam::SLEEP)) return seconds;
   if (!clock_is_fake()) return REAL(sleep)(seconds);
   seam::advance(seconds);
   return 0;
-}
-
-int socket(int domain, int type, int protocol) noexcept {
-  if (fails(seam::SOCKET)) return -1;
-  return REAL(socket)(domain, type, protocol);
 }
 
 }  // extern "C"
