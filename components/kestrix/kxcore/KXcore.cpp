@@ -63,7 +63,7 @@ int open_signals() {
 KXcore::KXcore(bool verbose)
     : KXcomponent("kxcore", nullptr),
       m_verbose(verbose),
-      m_console(verbose ? STDOUT_FILENO : STDERR_FILENO),
+      m_console(verbose ? STDOUT_FILENO : STDERR_FILENO, verbose ? "" : "kxcore: "),
       m_signals(open_signals()),
       m_watched(epoll_create1(EPOLL_CLOEXEC)),
       m_mgmt_inbox(true),
@@ -86,10 +86,10 @@ KXcore::KXcore(bool verbose)
     KX_LOG_INFO(__VA_ARGS__);                   \
   } while (false)
 
-#define REPORT_PROBLEM(...)                                                                        \
-  do {                                                                                             \
-    if (m_verbose || kxlog::enabled(kxlog::LEVEL_WARNING)) m_console.line("kxcore: " __VA_ARGS__); \
-    KX_LOG_WARNING(__VA_ARGS__);                                                                   \
+#define REPORT_PROBLEM(...)                                                             \
+  do {                                                                                  \
+    if (m_verbose || kxlog::enabled(kxlog::LEVEL_WARNING)) m_console.line(__VA_ARGS__); \
+    KX_LOG_WARNING(__VA_ARGS__);                                                        \
   } while (false)
 
 unsigned long& KXcore::dropped_of(peer* from) {

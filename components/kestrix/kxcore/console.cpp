@@ -24,13 +24,14 @@ void console::line(const char* format, ...) {
   }
   char text[512];
   if (m_skipped > 0) {
-    std::snprintf(text, sizeof text, "(%lu lines were not read in time)\n", m_skipped);
+    std::snprintf(text, sizeof text, "%s(%lu lines were not read in time)\n", m_prefix, m_skipped);
     m_skipped = 0;
     write_line(text);
   }
+  const int begin = std::snprintf(text, sizeof text, "%s", m_prefix);
   va_list arguments;
   va_start(arguments, format);
-  std::vsnprintf(text, sizeof text - 1, format, arguments);
+  std::vsnprintf(text + begin, sizeof text - 1 - static_cast<std::size_t>(begin), format, arguments);
   va_end(arguments);
   std::strcat(text, "\n");
   write_line(text);

@@ -5,7 +5,8 @@
 
 class console {
  public:
-  explicit console(int fd) : m_fd(fd) {}
+  // Writes each line behind `prefix`, a literal.
+  console(int fd, const char* prefix) : m_fd(fd), m_prefix(prefix) {}
 
   void line(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
@@ -14,6 +15,7 @@ class console {
   void write_line(const char* text);
 
   int m_fd;
+  const char* m_prefix;
   unsigned long m_skipped = 0;
 };
 
