@@ -10,7 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "process.h"
+#include "child_process.h"
+#include "support.h"
 
 namespace {
 
@@ -133,8 +134,8 @@ int main(int argc, char** argv) {
     const endpoint client(at.client, polls);
     const endpoint middle(at.middle, polls);
     const endpoint server(at.server, polls);
-    bench::child forwarding([&] { forward(middle, at); });
-    bench::child serving([&] { serve(server, at, at_once); });
+    child_process forwarding([&] { forward(middle, at); });
+    child_process serving([&] { serve(server, at, at_once); });
     const double seconds = measure(client, at, options, oneway ? window : 1, at_once);
     if (oneway) {
       std::printf("msgs_per_s=%.0f\n", 1 / seconds);

@@ -8,7 +8,8 @@
 #include "KXclientComponent.h"
 #include "KXproxy.h"
 #include "KXstub.h"
-#include "process.h"
+#include "child_process.h"
+#include "support.h"
 
 namespace {
 
@@ -139,11 +140,11 @@ int main(int argc, char** argv) {
   const std::string text(static_cast<std::size_t>(options.size - header_size - int_size - string_overhead),
                          'x');
   if (options.mode != "rtt" && options.mode != "oneway") bench::fail("%s", usage);
-  if (bench::is_bound("/tmp/kxcore/kxcore")) bench::fail("a kxcore is already running on this machine");
+  if (is_bound("/tmp/kxcore/kxcore")) bench::fail("a kxcore is already running on this machine");
 
-  bench::child core(bench::sibling("kxcore"));
-  bench::wait_until_bound(core, "/tmp/kxcore/kxcore-d");
-  bench::child server(serve);
+  child_process core(bench::sibling("kxcore"));
+  if (!wait_until_bound(core, "/tmp/kxcore/kxcore-d")) bench::fail("kxcore does not start");
+  child_process server(serve);
   KXclientComponent component("kxbench-client");
   component.register_component();
   if (options.mode == "rtt") {

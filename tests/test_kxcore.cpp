@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,49 +10,13 @@
 #include <csignal>
 #include <memory>
 #include <set>
-#include <utility>
 
+#include "child_process.h"
 #include "probe.h"
 
 namespace {
 
 constexpr int patience_ms = 10'000;
-
-// A child process: a program, or a function of this one. It ends with the test.
-class process {
- public:
-  explicit process(const std::vector<std::string>& command)
-      : process([&command] {
-          std::vector<char*> arguments;
-          for (const std::string& word : command)
-            arguments.push_back(const_cast<char*>(word.c_str()));
-          arguments.push_back(nullptr);
-          execv(arguments[0], arguments.data());
-        }) {}
-  explicit process(const std::function<void()>& body) : m_pid(fork()) {
-    if (m_pid != 0) return;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    body();
-    _exit(0);
-  }
-  ~process() {
-    if (m_pid > 0) end(SIGKILL);
-  }
-  process(const process&) = delete;
-  process& operator=(const process&) = delete;
-
-  pid_t pid() const { return m_pid; }
-  // Sends a signal (0 for none) and waits for the end; the exit status, or minus the signal that ended it.
-  int end(int signal) {
-    kill(m_pid, signal);
-    int status = 0;
-    waitpid(std::exchange(m_pid, 0), &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-  }
-
- private:
-  pid_t m_pid;
-};
 
 KXmessage next_message(const raw_socket& from) {
   pollfd entry = {from.fd(), POLLIN, 0};
@@ -133,16 +96,9 @@ struct raw_component {
 
 class kxcore : public testing::Test {
  protected:
-  kxcore() : m_core((unlink(fake_core::data_path), std::vector<std::string>{KXCORE_PATH})) {
-    wait_for_core();
-  }
+  void SetUp() override { ASSERT_TRUE(wait_until_bound(m_core, fake_core::data_path)); }
 
-  static void wait_for_core() {
-    for (int waited = 0; access(fake_core::data_path, F_OK) != 0 && waited < patience_ms; ++waited)
-      usleep(1000);
-  }
-
-  process m_core;
+  child_process m_core{std::string(KXCORE_PATH)};
 };
 
 }  // namespace
@@ -270,7 +226,7 @@ TEST_F(kxcore, forgets_a_component_that_dies_and_answers_what_it_did_not_read) {
     *siid = server.offer("get", 0);
     pause();
   };
-  auto server = std::make_unique<process>(serve);
+  auto server = std::make_unique<child_process>(serve);
   while (*siid == 0)
     usleep(1000);
   const auto grant = client.subscribe("get", false);
@@ -284,7 +240,7 @@ TEST_F(kxcore, forgets_a_component_that_dies_and_answers_what_it_did_not_read) {
       << "what the socket held is lost, what was queued is answered";
   EXPECT_TRUE(client.subscribe("get", false).empty()) << "the service is gone with its component";
   *siid = 0;
-  server = std::make_unique<process>(serve);
+  server = std::make_unique<child_process>(serve);
   while (*siid == 0)
     usleep(1000);
   EXPECT_EQ(grant.at(1), *siid) << "a service that comes back has its siid again";
@@ -305,7 +261,7 @@ TEST_F(kxcore, drops_malformed_datagrams_of_every_length) {
 }
 
 TEST_F(kxcore, runs_once_and_stops_in_order) {
-  EXPECT_EQ(1, process({KXCORE_PATH}).end(0)) << "a second core refuses to start";
+  EXPECT_EQ(1, child_process(std::string(KXCORE_PATH)).end(0)) << "a second core refuses to start";
   raw_component client("client");
   client.enter();
   kill(m_core.pid(), SIGTERM);
@@ -318,7 +274,7 @@ TEST_F(kxcore, runs_once_and_stops_in_order) {
 }
 
 TEST_F(kxcore, carries_calls_of_every_kind_between_processes) {
-  process server([] {
+  child_process server([] {
     KXclientComponent component("server");
     component.register_component();
     stub_probe get(&component);
@@ -377,7 +333,7 @@ TEST_F(kxcore, carries_calls_of_every_kind_between_processes) {
 }
 
 TEST_F(kxcore, a_component_takes_thousands_of_signals_and_stops_once) {
-  process component([] {
+  child_process component([] {
     g_traceObject->level = 9;
     KXclientComponent storm("storm");
     const auto nothing = [](void*, int) { return 0; };
@@ -391,9 +347,9 @@ TEST_F(kxcore, a_component_takes_thousands_of_signals_and_stops_once) {
   });
   while (access("/tmp/kxcore/storm-d", F_OK) != 0)
     usleep(1000);
-  std::vector<std::unique_ptr<process>> senders;
+  std::vector<std::unique_ptr<child_process>> senders;
   for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGPIPE}) {
-    senders.push_back(std::make_unique<process>([signal, target = component.pid()] {
+    senders.push_back(std::make_unique<child_process>([signal, target = component.pid()] {
       for (int i = 0; kill(target, signal) == 0; ++i)
         usleep(static_cast<useconds_t>(i % 97));
     }));

@@ -27,23 +27,10 @@ class probe_of : public Base {
  public:
   using Base::Base;
   using Base::deliver;
-  using Base::m_close_cb;
-  using Base::m_connections;
-  using Base::m_data_fd;
-  using Base::m_data_socket_name;
-  using Base::m_fd_handlers;
-  using Base::m_fda;
-  using Base::m_interfaces;
-  using Base::m_mgmt_fd;
-  using Base::m_mgmt_socket_name;
-  using Base::m_mutex;
-  using Base::m_name;
-  using Base::m_nfds;
-  using Base::m_running;
-  using Base::m_siid_map;
-  using Base::m_socket_dir;
-  using Base::m_timers;
-  using Base::m_waiting_queue;
+  using Base::m_close_cb, Base::m_connections, Base::m_data_fd, Base::m_data_socket_name, Base::m_fd_handlers,
+      Base::m_fda, Base::m_interfaces, Base::m_mgmt_fd, Base::m_mgmt_socket_name, Base::m_mutex, Base::m_name,
+      Base::m_nfds, Base::m_running, Base::m_siid_map, Base::m_socket_dir, Base::m_timers,
+      Base::m_waiting_queue;
 
   ~probe_of() override { Base::stop(); }
 };
@@ -69,8 +56,7 @@ using component_probe = probe_of<bare_component>;
 
 class client_probe : public probe_of<KXclientComponent> {
  public:
-  using KXclientComponent::m_kxcore_data_socket_name;
-  using KXclientComponent::m_kxcore_mgmt_socket_name;
+  using KXclientComponent::m_kxcore_data_socket_name, KXclientComponent::m_kxcore_mgmt_socket_name;
   using probe_of::probe_of;
 };
 
@@ -79,9 +65,7 @@ template <typename Base>
 class connection_probe : public Base {
  public:
   using Base::Base;
-  using Base::m_interface_type;
-  using Base::m_service_name;
-  using Base::m_siid;
+  using Base::m_interface_type, Base::m_service_name, Base::m_siid;
   using Base::process_message;
 
   void process_message(KXmessage& message) override {
@@ -96,12 +80,8 @@ using stub_probe = connection_probe<KXstub>;
 class proxy_probe : public connection_probe<KXproxy> {
  public:
   using connection_probe::connection_probe;
-  using KXproxy::m_mid;
-  using KXproxy::m_mid_end;
-  using KXproxy::m_mid_first;
-  using KXproxy::m_reply_interface;
-  using KXproxy::m_service_siid;
-  using KXproxy::m_timeout;
+  using KXproxy::m_mid, KXproxy::m_mid_end, KXproxy::m_mid_first, KXproxy::m_reply_interface,
+      KXproxy::m_service_siid, KXproxy::m_timeout;
 };
 
 // A bound datagram socket outside the library.

@@ -104,6 +104,7 @@ namespace seam {
 
 void reset() {
   arms = true;
+  inside = false;
   records_lines = true;
   for (armed_call& entry : armed)
     entry = {};

@@ -1,66 +1,15 @@
-#include "process.h"
+#include "support.h"
 
 #include <getopt.h>
 #include <sched.h>
-#include <sys/prctl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 namespace bench {
-
-child::child(const std::function<void()>& body) : m_pid(fork()) {
-  if (m_pid < 0) fail("cannot start a process");
-  if (m_pid > 0) return;
-  prctl(PR_SET_PDEATHSIG, SIGTERM);
-  body();
-  _exit(EXIT_SUCCESS);
-}
-
-child::child(const std::string& program)
-    : child([&program] {
-        execl(program.c_str(), program.c_str(), static_cast<char*>(nullptr));
-        _exit(EXIT_FAILURE);
-      }) {}
-
-// Components and the core end in order on SIGTERM; one that does not is killed after a second.
-child::~child() {
-  for (int waited_ms = 0; !has_ended(); ++waited_ms) {
-    if (waited_ms == 0) kill(m_pid, SIGTERM);
-    if (waited_ms == 1000) kill(m_pid, SIGKILL);
-    usleep(1000);
-  }
-}
-
-bool child::has_ended() {
-  if (m_pid > 0 && waitpid(m_pid, nullptr, WNOHANG) == m_pid) m_pid = 0;
-  return m_pid == 0;
-}
-
-bool is_bound(const char* path) {
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, path, sizeof address.sun_path - 1);
-  const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-  const bool bound = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-  close(fd);
-  return bound;
-}
-
-void wait_until_bound(child& process, const char* path) {
-  for (int tries = 0; !is_bound(path); ++tries) {
-    if (process.has_ended() || tries == 10'000) fail("nothing listens at %s", path);
-    usleep(1000);
-  }
-}
 
 std::string sibling(const std::string& program) {
   char path[4096];

@@ -1,33 +1,10 @@
-// Helper processes of a benchmark: they end with it, even when it is killed.
-#ifndef BENCH_PROCESS_H
-#define BENCH_PROCESS_H
+// What the benchmarks have in common: their command line, their clock, their progress.
+#ifndef BENCH_SUPPORT_H
+#define BENCH_SUPPORT_H
 
-#include <sys/types.h>
-
-#include <functional>
 #include <string>
 
 namespace bench {
-
-// Runs `body` in a child process, or a program with its arguments in its place. Ends the benchmark when it
-// cannot.
-class child {
- public:
-  explicit child(const std::function<void()>& body);
-  explicit child(const std::string& program);
-  ~child();
-  child(const child&) = delete;
-  child& operator=(const child&) = delete;
-
-  bool has_ended();
-
- private:
-  pid_t m_pid;
-};
-
-// Whether a datagram socket is bound at `path`, and waiting until one is, as long as `process` runs.
-bool is_bound(const char* path);
-void wait_until_bound(child& process, const char* path);
 
 // The path of a program built beside this one.
 std::string sibling(const std::string& program);

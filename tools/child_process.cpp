@@ -1,0 +1,75 @@
+#include "child_process.h"
+
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <system_error>
+#include <utility>
+
+namespace {
+
+constexpr int patience_ms = 10'000;
+constexpr int orderly_end_ms = 1'000;
+constexpr useconds_t one_ms = 1'000;
+
+}  // namespace
+
+child_process::child_process(const std::function<void()>& body) : m_pid(fork()) {
+  if (m_pid < 0) throw std::system_error(errno, std::generic_category(), "cannot start a process");
+  if (m_pid > 0) return;
+  prctl(PR_SET_PDEATHSIG, SIGTERM);
+  body();
+  _exit(EXIT_SUCCESS);
+}
+
+child_process::child_process(const std::string& program)
+    : child_process([&program] {
+        execl(program.c_str(), program.c_str(), static_cast<char*>(nullptr));
+        _exit(EXIT_FAILURE);
+      }) {}
+
+child_process::~child_process() {
+  for (int waited_ms = 0; !has_ended(); ++waited_ms) {
+    if (waited_ms == 0) kill(m_pid, SIGTERM);
+    if (waited_ms == orderly_end_ms) kill(m_pid, SIGKILL);
+    usleep(one_ms);
+  }
+}
+
+bool child_process::has_ended() {
+  if (m_pid > 0 && waitpid(m_pid, nullptr, WNOHANG) == m_pid) m_pid = 0;
+  return m_pid == 0;
+}
+
+int child_process::end(int signal) {
+  kill(m_pid, signal);
+  int status = 0;
+  waitpid(std::exchange(m_pid, 0), &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+bool is_bound(const std::string& path) {
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, path.data(), std::min(path.size(), sizeof address.sun_path - 1));
+  const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  const bool bound = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  close(fd);
+  return bound;
+}
+
+bool wait_until_bound(child_process& process, const std::string& path) {
+  for (int waited_ms = 0; waited_ms < patience_ms && !process.has_ended(); ++waited_ms) {
+    if (is_bound(path)) return true;
+    usleep(one_ms);
+  }
+  return false;
+}
