@@ -4,6 +4,7 @@
 #include <future>
 #include <optional>
 
+#include "KXinterface.h"
 #include "probe.h"
 
 using namespace seam;
@@ -184,4 +185,75 @@ TEST_F(component, bindings_are_listed_until_removed_and_disconnected_by_stop) {
   c.remove_connection(&function);
   EXPECT_TRUE(c.m_siid_map.empty() && c.m_connections.empty());
   EXPECT_EQ(1, times_logged("no service with siid [9] found"));
+}
+
+TEST_F(component, broken_descriptors_are_reported_and_not_served) {
+  for (const std::string kind : {"POLLHUP", "POLLERR", "POLLNVAL"}) {
+    component_probe broken("broken", nullptr);
+    int ends[2];
+    ASSERT_EQ(1, pipe(ends) + write(ends[1], "x", 1));
+    handler serve = [&](int fd) { return ADD_FAILURE() << kind << fd, 0; };
+    const int fd = ends[kind == "POLLERR"];
+    broken.add_socket_descriptor(fd, &serve, call);
+    if (kind != "POLLERR") close(ends[1]);
+    if (kind != "POLLHUP") close(ends[0]);
+    reset();
+    before(POLL, [&] { count(POLL) == 2 && broken.sendKillMsgToSelf(); });
+    broken.wait(true);
+    EXPECT_EQ(kind == "POLLNVAL" ? 1 : 2,
+              times_logged("(wait) - " + kind + " [m_fda[i=2].fd=" + std::to_string(fd)));
+    for (const int end : ends)
+      close(end);
+  }
+}
+
+TEST_F(component, stop_from_a_handler_ends_the_loop_even_when_its_descriptors_are_taken) {
+  for (const bool taken : {false, true}) {
+    component_probe own("own", nullptr);
+    int ends[2] = {-1, -1};
+    handler stopping = [&](int) { return own.stop(), taken ? pipe(ends) : 0; };
+    own.add_msec_timer(0, &stopping, call, 1);
+    own.wait(true);
+    EXPECT_EQ(!taken, logged("POLLNVAL [m_fda[i=0].fd="));
+    EXPECT_TRUE(logged("(stop) - nothing to do"));
+    for (const int end : ends)
+      close(end);
+    clear_lines();
+  }
+}
+
+TEST_F(component, start_runs_phases_one_after_the_other_then_loops_and_stops) {
+  struct phases : KXinterface {
+    void startup_phase0(KXcomponent*) override { happened += "0"; }
+    void startup_phase1(KXcomponent*) override { happened += "1"; }
+    void startup_phase2(KXcomponent*) override { happened += "2"; }
+  } first, second;
+  for (const int mode : {0, 1, 7}) {
+    component_probe own("own", nullptr);
+    reset();
+    happened.clear();
+    own.add_interface(&first);
+    own.add_interface(&second);
+    before(POLL, [&] { own.sendKillMsgToSelf(); });
+    own.start(static_cast<KXcomponent::cmp_start_e>(mode));
+    EXPECT_EQ("001122", happened);
+    EXPECT_EQ(mode == 0 ? 1 : 0, count(POLL));
+    EXPECT_TRUE(logged("start: KESTRIX init_done") && logged("Exit polling loop") &&
+                logged("(stop) - stop finished"));
+    EXPECT_EQ((ints{-1, -1, -1}), (ints{own.m_data_fd, own.m_mgmt_fd, own.sendKillMsgToSelf()}));
+  }
+}
+
+TEST_F(component, every_termination_signal_ends_a_running_component_and_no_other) {
+  for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGPIPE}) {
+    component_probe victim("victim");
+    reset();
+    before(POLL, [&] { raise(signal); });
+    raise(signal);
+    victim.wait(true);
+    raise(signal);
+    EXPECT_EQ(2, times_logged("not handled: component already stopped"));
+    EXPECT_EQ(1, times_logged(" received from ") - times_logged(" received from (pid)"));
+    EXPECT_TRUE(logged(": killing victim"));
+  }
 }
