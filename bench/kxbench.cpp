@@ -142,7 +142,7 @@ int main(int argc, char** argv) {
   if (options.mode != "rtt" && options.mode != "oneway") bench::fail("%s", usage);
   if (is_bound("/tmp/kxcore/kxcore")) bench::fail("a kxcore is already running on this machine");
 
-  child_process core(bench::sibling("kxcore"));
+  child_process core(std::vector<std::string>{bench::sibling("kxcore")});
   if (!wait_until_bound(core, "/tmp/kxcore/kxcore-d")) bench::fail("kxcore does not start");
   child_process server(serve);
   KXclientComponent component("kxbench-client");

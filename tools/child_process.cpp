@@ -30,9 +30,13 @@ child_process::child_process(const std::function<void()>& body) : m_pid(fork()) 
   _exit(EXIT_SUCCESS);
 }
 
-child_process::child_process(const std::string& program)
-    : child_process([&program] {
-        execl(program.c_str(), program.c_str(), static_cast<char*>(nullptr));
+child_process::child_process(const std::vector<std::string>& command)
+    : child_process([&command] {
+        std::vector<char*> arguments;
+        for (const std::string& word : command)
+          arguments.push_back(const_cast<char*>(word.c_str()));
+        arguments.push_back(nullptr);
+        execvp(arguments[0], arguments.data());
         _exit(EXIT_FAILURE);
       }) {}
 

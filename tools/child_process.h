@@ -6,12 +6,13 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 class child_process {
  public:
-  // Runs `body` in a child process, or a program in its place. Throws std::system_error when it cannot.
+  // Runs `body` in a child process, or a program with its arguments. Throws std::system_error when it cannot.
   explicit child_process(const std::function<void()>& body);
-  explicit child_process(const std::string& program);
+  explicit child_process(const std::vector<std::string>& command);
 
   // Ends it in order by SIGTERM, or after a second by SIGKILL.
   ~child_process();
