@@ -24,9 +24,9 @@ class KX_EXPORT KXclientComponent : public KXcomponent {
   /// waits, without limit, for the reply with the request's id, and sets other messages aside for the event
   /// loop.
   /// @param connection the subject of a registration or subscription, which receives what kxcore grants; else
-  /// null
+  ///         null
   /// @return whether the exchange took place; then `message` holds the reply, cursor at the start of its
-  /// payload
+  ///         payload
   /// @throws KXerror::ERR_ERROR_REPLY when kxcore refuses, KXerror::ERR_SIID_PRESENT from bind_siid
   bool interconnect_service(KXconnection* connection, KXmessage& message) override;
 

@@ -83,8 +83,7 @@ class KX_EXPORT KXcomponent {
   /// that stand there, and installs the signal handler.
   /// @param name not null; not copied, must stay valid as long as the component
   /// @throws KXerror::ERR_SOCKET_BIND when a socket cannot be bound or its path is longer than 107 bytes;
-  /// then no
-  ///         descriptor and no socket file is left
+  ///         then no descriptor and no socket file is left
   explicit KXcomponent(const char* name);
 
   /// As above with the settings of `cfg`; null means no sub-directory and no signal handler.
@@ -128,8 +127,7 @@ class KX_EXPORT KXcomponent {
 
   /// Waits until `fd` is readable, for 10 seconds at most when `timeout` is true, and receives one datagram.
   /// @return bytes received (header included); 0 for the elapsed time, which leaves `msg` and `peer`
-  /// unchanged, and
-  ///         for an empty datagram; -1 when the read failed or `fd` is negative
+  ///         unchanged, and for an empty datagram; -1 when the read failed or `fd` is negative
   int rec_message(int fd, KXmessage& msg, bool timeout, peer_info_t& peer);
 
   /// Arms a timer that calls `handler(context, cookie)` on the event loop's thread `to` milliseconds from
@@ -183,8 +181,7 @@ class KX_EXPORT KXcomponent {
 
   /// Binds `conn` to `siid` (0xFFFFFFFF: lists it without a siid) so that messages for the siid reach it.
   /// @throws KXerror::ERR_SIID_PRESENT, with nothing changed, when the siid is taken and `conn` is not a
-  /// signal
-  ///         connection
+  ///         signal connection
   void bind_siid(unsigned int siid, KXconnection* conn);
 
   /// Forgets one binding of `conn`; nothing for null. Safe while its own message is being handled.

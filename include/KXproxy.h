@@ -13,8 +13,7 @@
 class KX_EXPORT KXproxy : public KXconnection {
  public:
   /// @param timeout seconds after which a synchronous request gives up while only other messages arrive; when
-  /// none
-  ///                arrives at all it gives up after 10 seconds, whatever `timeout` is
+  ///         none arrives at all it gives up after 10 seconds, whatever `timeout` is
   explicit KXproxy(KXcomponent* component, unsigned int timeout = 10)
       : KXconnection(component),
         m_reply_interface(nullptr),
@@ -28,8 +27,7 @@ class KX_EXPORT KXproxy : public KXconnection {
   /// @param reply stored for process_message of the application's own class; not owned, may be null
   /// @return 1, or 0 when kxcore could not be reached
   /// @throws KXerror::ERR_ERROR_REPLY when kxcore refuses, for instance because nobody offers the service
-  /// yet;
-  ///         KXerror::ERR_SIID_PRESENT when it grants a taken siid. Subscribing again later is fine.
+  ///         yet; KXerror::ERR_SIID_PRESENT when it grants a taken siid. Subscribing again later is fine.
   int subscribe_synchronous(const char* name);
   int subscribe_asynchronous(const char* name, KXproxyReplyInterface* reply);
   int subscribe_signal(const char* name);
@@ -41,9 +39,8 @@ class KX_EXPORT KXproxy : public KXconnection {
   /// reads the same socket and may take the response. Synchronous requests of one component run one at a
   /// time.
   /// @return synchronous: 1 with the response in `message` (a msg_type of MSG_ERR is one, too), read cursor
-  /// at
-  ///         the start of its payload; 0 when it was not sent or no response came. Others: 1 when sent, else
-  ///         0.
+  ///         at the start of its payload; 0 when it was not sent or no response came. Others: 1 when sent,
+  ///         else 0.
   int proxy_send(KXmessage& message);
 
   /// Tells kxcore that the subscription ends; with `remove` also leaves the component's table of siids.

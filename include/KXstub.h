@@ -17,10 +17,9 @@ class KX_EXPORT KXstub : public KXconnection {
 
   /// Register the service `name` with kxcore and wait, without limit, for its answer.
   /// @return 0 when the stub is already registered, which includes a stub that was disconnected; else 1, also
-  /// when
-  ///         kxcore could not be reached and the stub may try again
+  ///         when kxcore could not be reached and the stub may try again
   /// @throws KXerror::ERR_ERROR_REPLY when kxcore refuses; KXerror::ERR_SIID_PRESENT when it grants a taken
-  /// siid
+  ///         siid
   int register_synchronous(const char* name);
   int register_asynchronous(const char* name);
   int register_signal(const char* name);

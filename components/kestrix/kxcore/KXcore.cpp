@@ -22,6 +22,7 @@ namespace {
 constexpr int batches_per_turn = 16;
 constexpr unsigned int kill_message_id = 0x33333333;
 constexpr char unparsable[] = "the payload does not parse";
+constexpr char unsuitable_name[] = "the name is empty, longer than 255 bytes or has control characters";
 
 bool is_signal_cmd(mgmt_cmd_e cmd) {
   return cmd == CMD_REG_SIGNAL || cmd == CMD_UNREG_SIGNAL || cmd == CMD_SUB_SIGNAL || cmd == CMD_UNSUB_SIGNAL;
@@ -40,7 +41,7 @@ KXmessage make_management(msg_type_e type, std::uint8_t cmd, std::uint32_t wire_
 // Names go into lines of the log.
 bool is_name(const std::string& text) {
   const auto is_control = [](unsigned char c) { return c < 0x20 || c == 0x7F; };
-  return !text.empty() && std::none_of(text.begin(), text.end(), is_control);
+  return !text.empty() && text.size() <= 255 && std::none_of(text.begin(), text.end(), is_control);
 }
 
 std::string limit_reached() {
@@ -96,9 +97,12 @@ unsigned long& KXcore::dropped_of(peer* from) {
   return from != nullptr ? from->dropped : m_strangers_dropped;
 }
 
-peer* KXcore::peer_at(const std::string& mgmt_path) const {
+// Another process may once have had the path: what that one withdraws is not its own any more.
+peer* KXcore::peer_at(const std::string& mgmt_path, pid_t pid) const {
   const auto entry = m_by_mgmt_path.find(mgmt_path);
-  return entry == m_by_mgmt_path.end() ? nullptr : entry->second;
+  if (entry == m_by_mgmt_path.end()) return nullptr;
+  peer* const registered = entry->second;
+  return registered->pid == 0 || pid == 0 || registered->pid == pid ? registered : nullptr;
 }
 
 void KXcore::drop(peer* from, const std::string& sender, const char* reason) {
@@ -118,9 +122,7 @@ void KXcore::get_mgmt_message(int /*fd*/) {
     for (unsigned int i = 0; i < received; ++i) {
       const std::string& sender = m_mgmt_inbox.sender(i);
       const pid_t pid = m_mgmt_inbox.sender_pid(i);
-      peer* from = peer_at(sender);
-      // Another process that once had the path: what it withdraws is not its own any more.
-      if (from != nullptr && from->pid != 0 && pid != 0 && from->pid != pid) from = nullptr;
+      peer* const from = peer_at(sender, pid);
       if (m_mgmt_inbox.is_malformed(i)) {
         drop(from, sender, "it is malformed");
       } else {
@@ -145,7 +147,7 @@ void KXcore::handle_management(const request& received) {
   KXmessage reply = make_management(MSG_RSP, header.cmd, header.msg_id);
   const std::string refusal = answer(received, reply);
   if (!refusal.empty()) {
-    if (is_reported(++dropped_of(peer_at(received.sender)))) {
+    if (is_reported(++dropped_of(peer_at(received.sender, received.pid)))) {
       REPORT_PROBLEM("refused %s of %s: %s", mgmt_cmd_name(header.cmd), name.c_str(), refusal.c_str());
     }
     reply.m_header->msg_type = MSG_ERR;
@@ -186,7 +188,7 @@ std::string KXcore::answer(const request& received, KXmessage& reply) {
 // datagrams fill no send buffer that anybody else depends on, as long as there is a descriptor for one.
 void KXcore::respond(const request& received, const KXmessage& reply) {
   const auto length = static_cast<std::size_t>(reply.datagram_size());
-  peer* const registered = peer_at(received.sender);
+  peer* const registered = peer_at(received.sender, received.pid);
   if (registered != nullptr && !registered->is_gone) {
     send(*registered, registered->mgmt, reply);
   } else if (outlet way(received.sender); way.connected()) {
@@ -203,7 +205,7 @@ std::string KXcore::register_peer(const request& received, KXmessage& reply) {
   std::string data_path;
   payload values(received.message);
   if (!values.take(name) || !values.take(data_path)) return unparsable;
-  if (!is_name(name)) return "the name is empty or has control characters";
+  if (!is_name(name)) return unsuitable_name;
   if (m_stopping) return "the core is stopping";
   if (received.sender.empty()) return "its management socket has no path";
   if (data_path != received.sender + "-d")
@@ -216,7 +218,7 @@ std::string KXcore::register_peer(const request& received, KXmessage& reply) {
   // Whoever had the name or the sockets before is replaced: the component itself as a rule, started again.
   const auto same_name = m_peers.find(name);
   if (same_name != m_peers.end()) give_up(*same_name->second, "it registered again");
-  if (peer* const same_path = peer_at(received.sender)) give_up(*same_path, "it registered again");
+  if (peer* const same_path = peer_at(received.sender, 0)) give_up(*same_path, "it registered again");
   forget_gone_peers();
 
   peer& registered = *created;
@@ -250,12 +252,13 @@ std::string KXcore::offer_service(const request& received, KXmessage& reply) {
   }
   const bool is_signal = is_signal_cmd(received.cmd());
   if (type > KXconnection::SGNL || is_signal != (type == KXconnection::SGNL)) return unparsable;
-  if (!is_name(name)) return "the name is empty or has control characters";
+  if (!is_name(name)) return unsuitable_name;
   if (received.from->grants == peer::max_grants) return limit_reached();
 
   if (const auto offered = m_directory.find_offered(name); offered != nullptr) {
     peer& owner = *offered->owner;
-    if (&owner == received.from || !owner.has_ended()) return "'" + name + "' is offered by " + owner.name;
+    if (&owner == received.from || !owner.is_unreachable())
+      return "'" + name + "' is offered by " + owner.name;
     give_up(owner, "it does not exist any more");
     m_directory.forget(owner);
   }
@@ -278,6 +281,7 @@ std::string KXcore::withdraw_service(const request& received) {
 std::string KXcore::subscribe(const request& received, KXmessage& reply) {
   std::string name;
   if (!payload(received.message).take(name)) return unparsable;
+  if (!is_name(name)) return unsuitable_name;
   const auto wanted = m_directory.find_offered(name);
   if (wanted == nullptr) return "nobody offers '" + name + "'";
   const bool is_signal = is_signal_cmd(received.cmd());
@@ -415,13 +419,19 @@ void KXcore::serve_watched() {
   for (int i = 0; i < count; ++i) {
     peer& watched = *static_cast<peer*>(events[i].data.ptr);
     if ((events[i].events & EPOLLIN) != 0) {
-      give_up(watched, "its process ended");
+      process_ended(watched);
     } else {
       flush(watched, watched.mgmt);
       flush(watched, watched.data);
     }
   }
   forget_gone_peers();
+}
+
+void KXcore::process_ended(peer& of) {
+  if (of.is_unreachable()) return give_up(of, "its process ended");
+  of.pid = 0;  // a child of it goes on with its sockets
+  epoll_ctl(m_watched.get(), EPOLL_CTL_DEL, of.process.get(), nullptr);
 }
 
 void KXcore::flush(peer& to, outlet& way) {
@@ -451,8 +461,9 @@ void KXcore::forget_gone_peers() {
     m_by_mgmt_path.erase(gone->mgmt_path);
     m_by_data_path.erase(gone->data_path);
     const std::deque<datagram> undelivered = gone->data.take_queue();
-    if (const auto lost = undelivered.size() + gone->data.take_lost(); lost > 0) {
-      REPORT_PROBLEM("%lu messages to %s are lost", static_cast<unsigned long>(lost), gone->name.c_str());
+    const unsigned long queued = undelivered.size() + gone->mgmt.take_queue().size();
+    if (const unsigned long lost = queued + gone->data.take_lost() + gone->mgmt.take_lost(); lost > 0) {
+      REPORT_PROBLEM("%lu messages to %s are lost", lost, gone->name.c_str());
     }
     m_peers.erase(m_peers.find(gone->name));
     answer_lost_requests(undelivered);
@@ -511,6 +522,7 @@ void KXcore::tell_to_end(int count) {
 int KXcore::continue_stop() {
   const bool is_last = ++m_stop_intervals == stop_intervals;
   tell_to_end(is_last ? static_cast<int>(m_peers.size()) : stop_group);
+  forget_gone_peers();
   if (!is_last) return 0;
   m_running = false;
   return -1;

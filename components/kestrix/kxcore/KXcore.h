@@ -1,10 +1,11 @@
 // The core of the bus: a component named kxcore that answers the management requests of the others and
 // forwards their data messages.
 //
-// It never waits for anybody. Its sockets are emptied at each turn; what a component does not read is queued
-// for it up to a limit and costs the others nothing (outlet.h). A component whose process ends, or whose
-// socket is gone when something is sent to it, is forgotten with all that it was granted. Whatever a sender
-// claims is checked against the socket that it sent from.
+// It never waits for anybody. Its sockets are emptied at each turn, data before management, so that what a
+// component sends before it withdraws still counts as its own; what a component does not read is queued for
+// it up to a limit and costs the others nothing (outlet.h). A component whose process ends, or whose socket
+// is gone when something is sent to it, is forgotten with all that it was granted. Whatever a sender claims
+// is checked against the path of the socket that it sent from, and in management against its process.
 #ifndef KXCORE_H
 #define KXCORE_H
 
@@ -63,13 +64,15 @@ class KXcore : public KXcomponent {
   void fan_out(const service& signal, KXmessage& message, peer* requester);
   void forward(peer& to, const KXmessage& message, peer* requester);
   void answer_undelivered(const KXmessage& message, peer* requester, const char* reason);
-  peer* peer_at(const std::string& mgmt_path) const;
+  // The component with this management socket; null when it is another process that sends. A pid of 0 is any.
+  peer* peer_at(const std::string& mgmt_path, pid_t pid) const;
   unsigned long& dropped_of(peer* from);  // the counter of a peer, or of all who are not registered
   void drop(peer* from, const std::string& sender, const char* reason);
 
   outlet::result_e send(peer& to, outlet& way, const KXmessage& message);
   void watch(peer& watched, int fd, unsigned int events);
   void flush(peer& to, outlet& way);
+  void process_ended(peer& of);
   void serve_watched();
   static int static_serve_watched(void* context, int fd);
 

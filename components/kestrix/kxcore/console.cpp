@@ -1,32 +1,48 @@
 #include "console.h"
 
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <string>
+#include <utility>
 
-// A pipe that is reported writable takes at least PIPE_BUF bytes, which no line exceeds.
-bool console::has_room() const {
-  pollfd entry = {m_fd, POLLOUT, 0};
-  return poll(&entry, 1, 0) > 0 && (entry.revents & POLLOUT) != 0;
+namespace {
+
+// A pipe or terminal opened anew does not block. The flag is not set on the given descriptor, whose
+// description belongs to others, too; a regular file keeps its position.
+int open_anew(int fd) {
+  struct stat status = {};
+  if (fstat(fd, &status) != 0 || !(S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode))) return -1;
+  const std::string path = "/proc/self/fd/" + std::to_string(fd);
+  return open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
 }
 
+}  // namespace
+
+console::console(int fd, const char* prefix)
+    : m_own(open_anew(fd)), m_fd(m_own.get() >= 0 ? m_own.get() : fd), m_prefix(prefix) {}
+
 void console::write_line(const char* text) {
-  if (::write(m_fd, text, std::strlen(text)) < 0) ++m_skipped;
+  pollfd entry = {m_fd, POLLOUT, 0};
+  const bool has_room = poll(&entry, 1, 0) > 0 && (entry.revents & POLLOUT) != 0;
+  if (!has_room || ::write(m_fd, text, std::strlen(text)) < 0) ++m_skipped;
 }
 
 void console::line(const char* format, ...) {
-  if (!has_room()) {
-    ++m_skipped;
-    return;
-  }
   char text[512];
   if (m_skipped > 0) {
-    std::snprintf(text, sizeof text, "%s(%lu lines were not read in time)\n", m_prefix, m_skipped);
-    m_skipped = 0;
+    const unsigned long skipped = std::exchange(m_skipped, 0);
+    std::snprintf(text, sizeof text, "%s(%lu lines were not read in time)\n", m_prefix, skipped);
     write_line(text);
+    if (m_skipped > 0) {
+      m_skipped += skipped;
+      return;
+    }
   }
   const int begin = std::snprintf(text, sizeof text, "%s", m_prefix);
   va_list arguments;

@@ -31,7 +31,8 @@ std::uint32_t directory::take_siid() {
 
 std::uint32_t directory::offer(peer& owner, const std::string& name, bool is_signal) {
   std::shared_ptr<service>& entry = m_services[name];
-  if (entry == nullptr || entry->is_signal != is_signal || entry->last_owner == owner.serial) {
+  if (entry == nullptr || entry->is_signal != is_signal ||
+      (!is_signal && entry->last_owner == owner.serial)) {
     entry = std::make_shared<service>();
     entry->name = name;
     entry->is_signal = is_signal;

@@ -2,11 +2,12 @@
 //
 // - A siid belongs to one stub, to one function proxy, or to all subscribers of one signal service together.
 // - A service that lost its owner is kept, without being offered, while it has users: offered again under its
-// name
-//   it has its old siids, and the users' proxies work on without subscribing again.
-// - Siids and ranges of message ids come back into use as late as possible, so that what is still on its way
-// to an
-//   earlier holder does not reach a new one.
+//   name it has its old siids, and the users' proxies work on without subscribing again. Not so a function
+//   that one and the same registration withdrew: its component may still have the withdrawn stub bound to the
+//   old siid.
+// - What is given back does not come into use again at once, so that what is still on its way to an earlier
+//   holder does not reach a new one: siids when all have been used, ranges of message ids when 64 others are
+//   free.
 #ifndef DIRECTORY_H
 #define DIRECTORY_H
 

@@ -12,27 +12,28 @@ class payload {
   explicit payload(const KXmessage& message) : m_message(message) {}
 
   bool take(std::string& text) {
-    constexpr int overhead = 4;  // tag, count, final 00
-    return take_tagged(TAG_STRING, text) &&
-           m_message.pos == m_begin + overhead + static_cast<int>(text.size()) &&
-           text.find('\0') == std::string::npos;
+    constexpr int count_width = 2;
+    const unsigned char* bytes = m_message.data + m_message.offset + m_message.pos;
+    if (!next_is(TAG_STRING, count_width + 1)) return false;
+    const int count = bytes[1] | bytes[2] << 8;
+    if (count == 0 || !next_is(TAG_STRING, count_width + count)) return false;
+    m_message >> text;
+    return text.find('\0') == std::string::npos;
   }
 
   bool take(unsigned int& value) {
-    return take_tagged(TAG_UINT32, value) && m_message.pos == m_begin + 1 + static_cast<int>(sizeof value);
-  }
-
- private:
-  template <typename T>
-  bool take_tagged(value_tag_e tag, T& value) {
-    m_begin = m_message.pos;
-    if (m_begin >= m_message.size || m_message.data[m_message.offset + m_begin] != tag) return false;
+    if (!next_is(TAG_UINT32, sizeof value)) return false;
     m_message >> value;
     return true;
   }
 
+ private:
+  // Whether this tag comes next, with so many bytes behind it.
+  bool next_is(value_tag_e tag, int length) const {
+    return m_message.size - m_message.pos > length && m_message.data[m_message.offset + m_message.pos] == tag;
+  }
+
   const KXmessage& m_message;
-  int m_begin = 0;
 };
 
 #endif

@@ -1,6 +1,5 @@
 #include "peer.h"
 
-#include <poll.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -34,9 +33,7 @@ peer::peer(std::string component_name, std::string mgmt_socket, std::string data
       mgmt(mgmt_path),
       data(data_path) {}
 
-bool peer::has_ended() const {
-  pollfd entry = {process.get(), POLLIN, 0};
-  if (poll(&entry, 1, 0) > 0) return true;
+bool peer::is_unreachable() const {
   const unique_fd attempt(connect_datagram(mgmt_path));
   return attempt.get() < 0 && (errno == ECONNREFUSED || errno == ENOENT);
 }

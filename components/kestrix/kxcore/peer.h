@@ -16,14 +16,15 @@ struct peer {
 
   peer(std::string component_name, std::string mgmt_socket, std::string data_socket, pid_t process_id);
 
-  // Whether its process has ended or its socket is gone; asked when the answer matters.
-  bool has_ended() const;
+  // Whether its management socket does not exist any more. A process that ended has none; one that went on as
+  // a child of the one that registered has.
+  bool is_unreachable() const;
 
   const unsigned long serial;  // of this registration
   const std::string name;
   const std::string mgmt_path;
   const std::string data_path;
-  const pid_t pid;
+  pid_t pid;                // 0 when it is not known
   const unique_fd process;  // pidfd, readable when the process has ended; -1 without
   outlet mgmt;
   outlet data;

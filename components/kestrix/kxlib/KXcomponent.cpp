@@ -1,17 +1,14 @@
 // The component's invariants:
 // - The first two entries of the poll set are the management and the data socket, for the component's whole
-// life.
+//   life.
 // - m_timers is in order of expiry, and m_fda and m_fd_handlers are packed; m_mutex guards all three and the
-// waiting
-//   queue. It is held while a timer handler runs and while a proxy waits for a synchronous response, never by
-//   the loop while another handler or poll runs.
+//   waiting queue. It is held while a timer handler runs and while a proxy waits for a synchronous response,
+//   never by the loop while another handler or poll runs.
 // - No siid maps to an empty set. Handlers may change the table at any time, so a walk looks its place up
-// again
-//   after each of them.
+//   again after each of them.
 // - The signal handler sends a datagram and leaves the rest to the event loop's thread. It takes neither a
-// lock nor
-//   memory of its own; the lines that it cannot leave (not handled, a send that fails) are written while no
-//   other line of this library is, because those hold the signals back.
+//   lock nor memory of its own; the lines that it cannot leave (not handled, a send that fails) are written
+//   while no other line of this library is, because those hold the signals back.
 #include "KXcomponent.h"
 
 #include <arpa/inet.h>
