@@ -26,7 +26,7 @@ template <typename Base>
 class probe_of : public Base {
  public:
   using Base::Base;
-  using Base::deliver;
+  using Base::deliver, Base::set_aside;
   using Base::m_close_cb, Base::m_connections, Base::m_data_fd, Base::m_data_socket_name, Base::m_fd_handlers,
       Base::m_fda, Base::m_interfaces, Base::m_mgmt_fd, Base::m_mgmt_socket_name, Base::m_mutex, Base::m_name,
       Base::m_nfds, Base::m_running, Base::m_siid_map, Base::m_socket_dir, Base::m_timers,
