@@ -65,7 +65,7 @@ struct raw_component {
   KXmessage exchange(mgmt_cmd_e cmd, const payload_t& fill, msg_type_e type = MSG_REQ) {
     KXmessage request = make_message(7, 8, type, cmd, ++last_id);
     if (fill) fill(request);
-    EXPECT_TRUE(mgmt.send(fake_core::mgmt_path, request));
+    send_patiently(mgmt, fake_core::mgmt_path, bytes_of(request));
     if (type != MSG_REQ) return request;
     KXmessage reply = next_message(mgmt);
     EXPECT_EQ(header_of(make_message(1, 1, static_cast<msg_type_e>(reply.m_header->msg_type), cmd, last_id)),
