@@ -350,6 +350,7 @@ TEST_F(kxcore, a_component_takes_thousands_of_signals_and_stops_once) {
   child_process component([] {
     g_traceObject->level = 9;
     KXclientComponent storm("storm");
+    const raw_socket has_handler("/tmp/kxcore/has_handler");
     const auto nothing = [](void*, int) { return 0; };
     const auto work = [&](int times) {  // logs and allocates all the time
       for (int i = 0; i < times; ++i)
@@ -359,8 +360,7 @@ TEST_F(kxcore, a_component_takes_thousands_of_signals_and_stops_once) {
     storm.start(KXcomponent::CMP_START_AND_LOOP);
     work(5000);
   });
-  while (access("/tmp/kxcore/storm-d", F_OK) != 0)
-    usleep(1000);
+  ASSERT_TRUE(wait_until_bound(component, "/tmp/kxcore/has_handler"));
   std::vector<std::unique_ptr<child_process>> senders;
   for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGPIPE}) {
     senders.push_back(std::make_unique<child_process>([signal, target = component.pid()] {
