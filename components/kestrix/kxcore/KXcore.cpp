@@ -247,7 +247,7 @@ std::string KXcore::offer_service(const request& received, KXmessage& reply) {
   unsigned int type = 0;
   payload values(received.message);
   if (!values.take(component) || !values.take(name) || !values.take(xml_comment) ||
-      !values.take(interface_class) || !values.take(type) || name.empty()) {
+      !values.take(interface_class) || !values.take(type)) {
     return unparsable;
   }
   const bool is_signal = is_signal_cmd(received.cmd());
