@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <atomic>
 #include <deque>
 #include <list>
 #include <map>
@@ -207,6 +208,9 @@ class KX_EXPORT KXcomponent {
   /// Appends a copy of `message` to the waiting queue.
   void set_aside(const KXmessage& message);
 
+  /// Sleeps for a second, also when signals interrupt the sleep.
+  static void pause_one_second();
+
   /// Whether a received datagram holds at least a header; if not, writes a WARNING line for `operation`.
   static bool holds_header(int received, const char* operation);
 
@@ -224,9 +228,13 @@ class KX_EXPORT KXcomponent {
   const char* m_name;
   std::string m_data_socket_name;
   std::string m_mgmt_socket_name;
-  bool m_running;
+  std::atomic<bool> m_running;
   int m_data_fd;
   int m_mgmt_fd;
+
+  /// Whether a synchronous wait on another thread has begun since the event loop found the waiting queue
+  /// empty: what the data socket holds now is newer than what that wait set aside. Guarded by m_mutex.
+  bool m_data_taken = false;
 
  private:
   void construct(const char* subdir, bool handle_signals);
@@ -238,6 +246,16 @@ class KX_EXPORT KXcomponent {
   void fire_earliest_timer();
   void retire_fired_timer(const timer_entry_t& fired);
   void serve_descriptors();
+  bool descriptor_at(int index, struct pollfd& entry, fd_handler_t& handler);
+
+  bool loop_runs_elsewhere() const;
+  void begin_synchronous_wait();
+  void end_synchronous_wait();
+  int (*take_close_cb())();
+  void tell_loop_to_end();
+
+  pthread_t m_loop_thread = {};
+  std::atomic<int> m_unread_own{0};  // messages to itself since its management socket was read
 };
 
 #endif

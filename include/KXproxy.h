@@ -35,9 +35,9 @@ class KX_EXPORT KXproxy : public KXconnection {
 
   /// Sends a request or signal to the service. A synchronous proxy then blocks for the response: messages
   /// that arrive meanwhile are dispatched by the event loop afterwards, timers do not fire. It may be called
-  /// from handlers of every kind. From another thread only while the event loop does not run: a running loop
-  /// reads the same socket and may take the response. Synchronous requests of one component run one at a
-  /// time.
+  /// from handlers of every kind and, on a synchronous proxy, from any thread: synchronous requests of one
+  /// component run one at a time, and an event loop on another thread begins no handler and no timer
+  /// meanwhile. Such threads must be done before the component stops.
   /// @return synchronous: 1 with the response in `message` (a msg_type of MSG_ERR is one, too), read cursor
   ///         at the start of its payload; 0 when it was not sent or no response came. Others: 1 when sent,
   ///         else 0.

@@ -55,6 +55,7 @@ TEST_F(component, send_is_tried_three_times_a_second_apart) {
     reset();
     fake_clock(10);
     fail(SENDTO, EAGAIN, failures);
+    fail(SLEEP, EINTR, 7);  // an interrupted pause goes on
     EXPECT_EQ(failures < 3 ? 14 : -1, send("/tmp/kxcore/comp"));
     EXPECT_TRUE(now() == 10 + std::min(failures, 2) && count(SENDTO) == std::min(failures + 1, 3))
         << failures;
@@ -138,6 +139,47 @@ TEST_F(component, loop_serves_the_waiting_queue_then_ready_descriptors_then_time
   c.stop();
 }
 
+TEST_F(component, descriptors_that_another_thread_moves_during_a_poll_keep_their_events) {
+  int quiet[2], loud[2];
+  ASSERT_EQ(1, pipe(quiet) + pipe(loud) + write(loud[1], "x", 1));
+  handler serve = [&](int fd) {
+    happened += (fd == loud[0] ? "loud" : "quiet") + std::to_string(count(POLL));
+    return c.m_running = false, 0;
+  };
+  for (const int fd : {loud[0], quiet[0]})
+    c.add_socket_descriptor(fd, &serve, call);
+  before(POLL, [&] {
+    if (count(POLL) > 1) return;
+    c.remove_socket_descriptor(loud[0]);
+    c.add_socket_descriptor(loud[0], &serve, call);
+  });
+  c.wait(true);
+  EXPECT_EQ("loud2", happened);
+  for (const int end : {quiet[0], quiet[1], loud[0], loud[1]})
+    close(end);
+}
+
+TEST_F(component, other_threads_arm_and_remove_while_the_loop_runs) {
+  std::atomic<int> fired{0};
+  handler fire = [&](int) { return ++fired < 400 ? 0 : (c.m_running = false, -1); };
+  c.add_msec_timer(0, &fire, call, 0);
+  std::vector<std::future<void>> others;
+  for (int thread = 1; thread < 4; ++thread) {
+    others.push_back(std::async(std::launch::async, [&, thread] {
+      while (fired < 300) {
+        c.add_msec_timer(thread, &fire, call, thread);
+        c.add_socket_descriptor(c.m_mgmt_fd, &fire, call);
+        c.add_close_cb([] { return happened += "closed", 0; });
+        c.remove_socket_descriptor(c.m_mgmt_fd);
+        if (c.has_timer(&fire, call, thread) == 1) c.del_timer(&fire, call, thread);
+      }
+    }));
+  }
+  c.wait(true);
+  others.clear();
+  EXPECT_TRUE(happened == "closed" && c.m_nfds == 2);
+}
+
 TEST_F(component, delivery_survives_handlers_that_unbind_and_destroy) {
   for (int round = 0; round < 9; ++round) {
     const int actor = round % 3, target = round / 3;
@@ -167,6 +209,9 @@ TEST_F(component, signal_handler_sends_the_kill_message_and_keeps_errno) {
     EXPECT_EQ((ints{level, level > 5, (level > 3) + (level > 5)}), (ints{errno, count(OPEN), count(SENDTO)}));
   }
   EXPECT_TRUE(receive(c.m_mgmt_fd) == 14 && bytes_of(message) == hex("0 0 0 1 0 0 0 1 4 B 33 33 33 33"));
+  for (int unread = 1; unread < 99; ++unread)
+    sig_handler(SIGTERM, &info, nullptr);
+  EXPECT_TRUE(count(SENDTO) == 6 && count(SLEEP) == 0) << "it waits for room in its own queue";
   c.wait(true);
   EXPECT_TRUE(logged("(15) not handled") && logged("from (pid)  999999999: killing comp"));
 }

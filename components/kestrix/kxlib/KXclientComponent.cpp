@@ -6,6 +6,7 @@
 #include "KXlog.h"
 #include "KXproxy.h"
 #include "KXstub.h"
+#include "mutex_lock.h"
 
 namespace {
 
@@ -39,7 +40,7 @@ int read_grant(const KXmessage& reply) {
 void KXclientComponent::register_component() {
   for (int seconds = 1; access(m_kxcore_mgmt_socket_name.c_str(), F_OK) != 0; ++seconds) {
     KX_LOG_INFO("waiting for kxcore to start [%d sec] [%s]...\n", seconds, m_kxcore_mgmt_socket_name.c_str());
-    sleep(1);
+    pause_one_second();
   }
 
   KXmessage message;
@@ -139,7 +140,12 @@ int KXclientComponent::send_data_message(KXmessage& message) {
 void KXclientComponent::get_data_message(int /*fd*/) {
   KXmessage message;
   peer_info_t peer;
-  const int received = rec_message(m_data_fd, message, true, peer);
+  int received = 0;
+  {
+    const mutex_lock lock(m_mutex);
+    if (m_data_taken) return;  // first what was set aside; and poll must tell whether anything is left
+    received = rec_message(m_data_fd, message, true, peer);
+  }
   if (received <= 0 || !holds_header(received, __func__)) return;
   deliver(message);
 }

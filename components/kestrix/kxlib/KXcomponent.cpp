@@ -4,6 +4,8 @@
 // - m_timers is in order of expiry, and m_fda and m_fd_handlers are packed; m_mutex guards all three and the
 //   waiting queue. It is held while a timer handler runs and while a proxy waits for a synchronous response,
 //   never by the loop while another handler or poll runs.
+// - Whoever receives from the data socket holds m_mutex, so that the loop and a synchronous wait on another
+//   thread never both wait for the same datagram.
 // - No siid maps to an empty set. Handlers may change the table at any time, so a walk looks its place up
 //   again after each of them.
 // - The signal handler sends a datagram and leaves the rest to the event loop's thread. It takes neither a
@@ -46,6 +48,8 @@ constexpr int send_attempts = 3;
 constexpr int receive_limit_seconds = 10;
 constexpr unsigned int kill_message_id = 0x33333333;
 constexpr int termination_signals[] = {SIGINT, SIGQUIT, SIGTERM, SIGPIPE};
+constexpr int max_unread_own = std::size(termination_signals);
+constexpr short asked_for = -1;  // no set of events
 
 // Closes one of the component's sockets and removes its file.
 void release_socket(int& fd, const std::string& path) {
@@ -84,6 +88,16 @@ class construction_guard {
 
 void check_path(const std::string& path) {
   if (path.size() > max_path_length) refuse_bind(path, ENAMETOOLONG);
+}
+
+KXmessage make_management_message(mgmt_cmd_e cmd, unsigned int msg_id) {
+  KXmessage message;
+  message.m_header->dst_siid = htonl(management_siid);
+  message.m_header->src_siid = htonl(management_siid);
+  message.m_header->msg_type = MSG_SIG;
+  message.m_header->cmd = cmd;
+  message.m_header->msg_id = htonl(msg_id);
+  return message;
 }
 
 bool is_management(const KXmessage& msg) { return ntohl(msg.m_header->src_siid) == management_siid; }
@@ -127,6 +141,10 @@ void trace_received(const peer_info_t& peer, const KXmessage& msg) {
   }
 }
 
+unsigned int elapsed_since(unsigned int stamp) {
+  return (get_currentTime() + ms_per_hour - stamp) % ms_per_hour;
+}
+
 // Waits for `fd` to become readable, as select does: `limit` (none when null) shrinks by the time waited.
 int wait_readable(int fd, fd_set& readable, struct timeval* limit) {
   if (fd < FD_SETSIZE) return select(fd + 1, &readable, nullptr, nullptr, limit);
@@ -136,8 +154,7 @@ int wait_readable(int fd, fd_set& readable, struct timeval* limit) {
   const unsigned int left = static_cast<unsigned int>(limit->tv_sec) * ms_per_second +
                             static_cast<unsigned int>(limit->tv_usec) / 1000;
   const int ready = poll(&entry, 1, static_cast<int>(left));
-  const unsigned int waited = (get_currentTime() + ms_per_hour - started) % ms_per_hour;
-  const unsigned int remaining = left - std::min(left, waited);
+  const unsigned int remaining = left - std::min(left, elapsed_since(started));
   limit->tv_sec = static_cast<time_t>(remaining / ms_per_second);
   limit->tv_usec = static_cast<suseconds_t>(remaining % ms_per_second * 1000);
   return ready;
@@ -404,8 +421,16 @@ int KXcomponent::send_message_to(int fd, const char* path, KXmessage& msg) {
       return -1;
     }
     KX_LOG_INFO("Resending message after 1 sec id=%d [%d]", ntohl(msg.m_header->msg_id), attempt);
-    sleep(1);
+    pause_one_second();
   }
+}
+
+void KXcomponent::pause_one_second() {
+  const unsigned int begun = get_currentTime();
+  do {
+    errno = 0;
+    sleep(1);
+  } while (errno == EINTR && elapsed_since(begun) < ms_per_second);
 }
 
 int KXcomponent::rec_message(int fd, KXmessage& msg, bool timeout, peer_info_t& peer) {
@@ -426,6 +451,7 @@ int KXcomponent::rec_message(int fd, KXmessage& msg, bool timeout, peer_info_t& 
     KX_LOG_WARNING("Receive message timeout");
     return 0;
   }
+  if (fd == m_mgmt_fd) m_unread_own = 0;
 
   msg.size = 0;
   msg.pos = 0;
@@ -534,6 +560,7 @@ int KXcomponent::add_close_cb(int (*cb)()) {
 void KXcomponent::add_interface(KXinterface* iface) { m_interfaces.push_back(iface); }
 
 void KXcomponent::wait(bool run) {
+  m_loop_thread = pthread_self();
   m_running = run;
   while (m_running) {
     log_signals();
@@ -560,7 +587,10 @@ void KXcomponent::dispatch_waiting_queue() {
     KXmessage message;
     {
       const mutex_lock lock(m_mutex);
-      if (m_waiting_queue.empty()) return;
+      if (m_waiting_queue.empty()) {
+        m_data_taken = false;
+        return;
+      }
       message = m_waiting_queue.front();
     }
     const msg_header_t& header = *message.m_header;
@@ -600,11 +630,32 @@ int KXcomponent::poll_timeout() {
   return deadline == 0 ? -1 : remaining_time(get_currentTime(), deadline);
 }
 
+// Polls a copy, since other threads may change the table meanwhile. The entries that are asked for are marked
+// in their revents, which moves with them; one that is added has none.
 int KXcomponent::poll_descriptors(int timeout) {
+  struct pollfd asked[max_descriptors];
+  int count = 0;
+  {
+    const mutex_lock lock(m_mutex);
+    for (; count < m_nfds; ++count) {
+      asked[count] = {m_fda[count].fd, m_fda[count].events, 0};
+      m_fda[count].revents = asked_for;
+    }
+  }
   int ready;
   do {
-    ready = poll(m_fda, static_cast<nfds_t>(m_nfds), timeout);
+    ready = poll(asked, static_cast<nfds_t>(count), timeout);
   } while (ready == -1 && errno == EINTR);
+
+  const mutex_lock lock(m_mutex);
+  const struct pollfd* answer = asked;
+  for (int i = 0; i < m_nfds; ++i) {
+    if (m_fda[i].revents != asked_for) continue;
+    while (answer->fd != m_fda[i].fd)
+      ++answer;
+    m_fda[i].revents = ready > 0 ? answer->revents : short{0};
+    ++answer;
+  }
   return ready;
 }
 
@@ -637,9 +688,11 @@ void KXcomponent::retire_fired_timer(const timer_entry_t& fired) {
 }
 
 void KXcomponent::serve_descriptors() {
-  for (int i = 0; i < m_nfds; ++i) {
-    const int fd = m_fda[i].fd;
-    const short events = m_fda[i].revents;
+  struct pollfd entry = {};
+  fd_handler_t handler = {};
+  for (int i = 0; descriptor_at(i, entry, handler); ++i) {
+    const int fd = entry.fd;
+    const short events = entry.revents;
     if ((events & POLLNVAL) != 0) {
       KX_LOG_ERROR_IN("wait", "POLLNVAL [m_fda[i=%d].fd=%d] - %s", i, fd, strerror(errno));
       m_running = false;
@@ -650,10 +703,34 @@ void KXcomponent::serve_descriptors() {
     } else if ((events & POLLHUP) != 0) {
       KX_LOG_ERROR_IN("wait", "POLLHUP [m_fda[i=%d].fd=%d] - %s", i, fd, strerror(errno));
     } else if ((events & POLLIN) != 0) {
-      const fd_handler_t entry = m_fd_handlers[i];
-      if (entry.handler(entry.context, fd) == -1) remove_socket_descriptor(fd);
+      if (handler.handler(handler.context, fd) == -1) remove_socket_descriptor(fd);
     }
   }
+}
+
+// Copies the entry at `index`; whether there is one.
+bool KXcomponent::descriptor_at(int index, struct pollfd& entry, fd_handler_t& handler) {
+  const mutex_lock lock(m_mutex);
+  if (index >= m_nfds) return false;
+  entry = m_fda[index];
+  handler = m_fd_handlers[index];
+  return true;
+}
+
+bool KXcomponent::loop_runs_elsewhere() const {
+  return m_running && pthread_equal(m_loop_thread, pthread_self()) == 0;
+}
+
+void KXcomponent::begin_synchronous_wait() {
+  if (loop_runs_elsewhere()) m_data_taken = true;
+}
+
+// What was set aside may have been all that would have woken the loop: a management message without a command
+// does.
+void KXcomponent::end_synchronous_wait() {
+  if (!loop_runs_elsewhere() || m_waiting_queue.empty() || m_unread_own > 0) return;
+  KXmessage message = make_management_message(CMD_NONE, 0);
+  if (send_message_to(m_mgmt_fd, m_mgmt_socket_name.c_str(), message) > 0) ++m_unread_own;
 }
 
 // --- start, stop and signals ---
@@ -677,7 +754,7 @@ void KXcomponent::stop() {
     return;
   }
   KX_LOG_DEBUG1("unregister/unsubscribe services\n");
-  if (int (*const callback)() = std::exchange(m_close_cb, nullptr); callback != nullptr) {
+  if (int (*const callback)() = take_close_cb(); callback != nullptr) {
     callback();
     if (m_data_fd < 0) return;  // it called stop
   }
@@ -686,19 +763,29 @@ void KXcomponent::stop() {
     connection->disconnect(false);
   KX_LOG_DEBUG1("unregister component\n");
   unregister_component();
-  release_socket(m_data_fd, m_data_socket_name);
-  release_socket(m_mgmt_fd, m_mgmt_socket_name);
+  {
+    const mutex_lock lock(m_mutex);
+    release_socket(m_data_fd, m_data_socket_name);
+    release_socket(m_mgmt_fd, m_mgmt_socket_name);
+  }
   KX_LOG_DEBUG1("stop finished");
 }
 
+int (*KXcomponent::take_close_cb())() {
+  const mutex_lock lock(m_mutex);
+  return std::exchange(m_close_cb, nullptr);
+}
+
 int KXcomponent::sendKillMsgToSelf() {
-  KXmessage message;
-  message.m_header->dst_siid = htonl(management_siid);
-  message.m_header->src_siid = htonl(management_siid);
-  message.m_header->msg_type = MSG_SIG;
-  message.m_header->cmd = CMD_KILL_COMPONENT;
-  message.m_header->msg_id = htonl(kill_message_id);
+  KXmessage message = make_management_message(CMD_KILL_COMPONENT, kill_message_id);
   return send_message_to(m_mgmt_fd, m_mgmt_socket_name.c_str(), message);
+}
+
+// Signals that come faster than the loop reads would fill the socket, and each would then wait for room that
+// only the thread it interrupts can make.
+void KXcomponent::tell_loop_to_end() {
+  if (m_unread_own >= max_unread_own) return;
+  if (sendKillMsgToSelf() > 0) ++m_unread_own;
 }
 
 void sig_handler(int sig, siginfo_t* info, void* /*ctx*/) {
@@ -708,7 +795,7 @@ void sig_handler(int sig, siginfo_t* info, void* /*ctx*/) {
     KX_LOG_ERROR("Signal %s (%d) not handled: component already stopped", strsignal(sig), sig);
   } else {
     if (kxlog::enabled(kxlog::LEVEL_INFO)) take_signal_note(sig, info->si_pid, component->m_name);
-    component->sendKillMsgToSelf();
+    component->tell_loop_to_end();
   }
   errno = interrupted_errno;
 }

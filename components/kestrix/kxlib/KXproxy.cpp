@@ -64,12 +64,18 @@ int KXproxy::proxy_send(KXmessage& message) {
     KX_LOG_ERROR("Proxy for service %s is not connected => unable to send msg", m_service_name.c_str());
     return 0;
   }
-  address(message);
-  if (m_interface_type != SYNC) return connection_send(message) ? 1 : 0;
-
-  const unsigned int awaited = ntohl(message.m_header->msg_id);
+  if (m_interface_type != SYNC) {
+    address(message);
+    return connection_send(message) ? 1 : 0;
+  }
   const mutex_lock lock(m_component->m_mutex);
-  return connection_send(message) && await_response(message, awaited) ? 1 : 0;
+  address(message);
+  const unsigned int awaited = ntohl(message.m_header->msg_id);
+  if (!connection_send(message)) return 0;
+  m_component->begin_synchronous_wait();
+  const bool answered = await_response(message, awaited);
+  m_component->end_synchronous_wait();
+  return answered ? 1 : 0;
 }
 
 // Fills the header of a message to the service: its siid, the next id of the granted range, the type.
