@@ -2,15 +2,6 @@
 
 #include "probe.h"
 
-static thread_local bool exhausted = false;  // the next allocation fails
-
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  if (std::exchange(exhausted, false)) throw std::bad_alloc();
-  return std::malloc(size);
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
-
 // Whatever a test does to the proxy, the mutex must be free afterwards.
 class proxy : public seam_test {
  protected:
@@ -103,10 +94,9 @@ TEST_F(proxy, makes_four_system_calls_and_no_allocation_for_a_request) {
   seam::reset();
   EXPECT_EQ(1, subject.proxy_send(message));
   EXPECT_EQ((std::vector{seam::SENDTO, seam::CLOCK_GETTIME, seam::SELECT, seam::RECVFROM}), seam::calls());
-  seam::disarm();
-  exhausted = true;
+  seam::fail_allocation(1);
   subject.proxy_send(message);
   component.get_data_message(-1);
-  EXPECT_TRUE(exhausted && served) << "something was allocated";
+  EXPECT_TRUE(served && !seam::allocation_failed());
   EXPECT_THROW(subject.proxy_send(message), std::bad_alloc) << "a message that is set aside is copied";
 }

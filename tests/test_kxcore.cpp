@@ -4,11 +4,13 @@
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <csignal>
 #include <memory>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -288,8 +290,29 @@ TEST_F(kxcore, runs_once_and_stops_in_order) {
   EXPECT_NE(0, access(fake_core::data_path, F_OK));
 }
 
-TEST_F(kxcore, carries_calls_of_every_kind_between_processes) {
+// Interrupts this process's blocking calls ten thousand times in a second.
+class signal_storm {
+ public:
+  signal_storm() {
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, nullptr);
+    sigevent event = {};
+    event.sigev_notify = SIGEV_SIGNAL;
+    event.sigev_signo = SIGUSR1;
+    const itimerspec often = {{0, 100'000}, {0, 100'000}};
+    EXPECT_EQ(0,
+              timer_create(CLOCK_MONOTONIC, &event, &m_timer) + timer_settime(m_timer, 0, &often, nullptr));
+  }
+  ~signal_storm() { timer_delete(m_timer); }
+
+ private:
+  timer_t m_timer;
+};
+
+TEST_F(kxcore, carries_calls_of_every_kind_between_processes_in_a_storm_of_harmless_signals) {
   child_process server([] {
+    const signal_storm storm;
     KXclientComponent component("server");
     component.register_component();
     stub_probe get(&component);
@@ -309,6 +332,7 @@ TEST_F(kxcore, carries_calls_of_every_kind_between_processes) {
     get.register_synchronous("get");
     component.wait(true);
   });
+  std::optional<signal_storm> storm(std::in_place);
   KXclientComponent component("client");
   component.register_component();
   proxy_probe sync(&component);
@@ -348,6 +372,7 @@ TEST_F(kxcore, carries_calls_of_every_kind_between_processes) {
   component.wait(true);
   beside_the_loop.join();
   EXPECT_GE(ticks, 1000);
+  storm.reset();
   EXPECT_EQ(0, server.end(SIGTERM));
 }
 

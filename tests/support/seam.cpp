@@ -16,7 +16,10 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <new>
+#include <utility>
 
 #include "trace.h"
 
@@ -41,6 +44,10 @@ constexpr std::size_t max_lines = 4096;
 
 std::array<armed_call, seam::CALLS> armed;
 std::vector<seam::call_e> made;
+std::size_t failing_call = 0;  // its place in `made`, counted from 1
+int failing_call_error = 0;
+int failing_allocation = 0;  // how many there are before it, and itself
+std::atomic<long> blocks{0};
 std::array<line_record, max_lines> records;
 std::atomic<std::size_t> record_count{0};
 std::vector<seam::failed_assertion> assertions;
@@ -70,6 +77,10 @@ bool fails(seam::call_e call) {
     const auto hook = entry.hook;
     hook();
     inside = false;
+  }
+  if (made.size() == failing_call) {
+    errno = failing_call_error;
+    return true;
   }
   if (entry.failures == 0) return false;
   if (entry.skip > 0) {
@@ -109,6 +120,10 @@ void reset() {
   for (armed_call& entry : armed)
     entry = {};
   made.clear();
+  made.reserve(1 << 16);  // so that notes allocate nothing
+  assertions.reserve(1 << 10);
+  failing_call = 0;
+  failing_allocation = 0;
   assertions.clear();
   idle = nullptr;
   fake_now = -1;
@@ -122,7 +137,7 @@ void disarm() {
   fake_now = -1;
 }
 
-std::vector<call_e> calls() { return made; }
+const std::vector<call_e>& calls() { return made; }
 int count(call_e call) { return armed[call].count; }
 
 void fail(call_e call, int error, int times, int skip) {
@@ -130,6 +145,15 @@ void fail(call_e call, int error, int times, int skip) {
   armed[call].failures = times;
   armed[call].skip = skip;
 }
+
+void fail_call(std::size_t n, int error) {
+  failing_call = made.size() + n;
+  failing_call_error = error;
+}
+
+void fail_allocation(int n) { failing_allocation = n; }
+bool allocation_failed() { return failing_allocation == 0; }
+long allocated_blocks() { return blocks; }
 
 void before(call_e call, std::function<void()> hook) { armed[call].hook = std::move(hook); }
 void fake_clock(double seconds) { fake_now = seconds; }
@@ -162,9 +186,24 @@ void clear_lines() {
 
 void trace_level(int level) { g_traceObject->level = level; }
 
-std::vector<failed_assertion> failed_assertions() { return assertions; }
+const std::vector<failed_assertion>& failed_assertions() { return assertions; }
 
 }  // namespace seam
+
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  if (arms && !inside && failing_allocation > 0 && --failing_allocation == 0) throw std::bad_alloc();
+  void* const block = std::malloc(size);
+  if (block == nullptr) throw std::bad_alloc();
+  ++blocks;
+  return block;
+}
+
+[[gnu::noinline]] void operator delete(void* block) noexcept {
+  if (block != nullptr) --blocks;
+  std::free(block);
+}
+
+[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept { operator delete(block); }
 
 extern "C" {
 
@@ -193,7 +232,6 @@ __attribute__((format(printf, 2, 3))) void syslog(int priority, const char* form
 PASS_THROUGH(int, access, ACCESS, (const char* path, int mode), (path, mode), noexcept)
 PASS_THROUGH(int, bind, BIND, (int fd, const struct sockaddr* address, socklen_t length),
              (fd, address, length), noexcept)
-PASS_THROUGH(int, close, CLOSE, (int fd), (fd), )
 PASS_THROUGH(int, mkdir, MKDIR, (const char* path, mode_t mode), (path, mode), noexcept)
 PASS_THROUGH(ssize_t, recvfrom, RECVFROM,
              (int fd, void* to, size_t size, int flags, struct sockaddr* from, socklen_t* length),
@@ -206,6 +244,16 @@ PASS_THROUGH(int, setsockopt, SETSOCKOPT,
              (int fd, int level, int option, const void* value, socklen_t length),
              (fd, level, option, value, length), noexcept)
 PASS_THROUGH(int, socket, SOCKET, (int domain, int type, int protocol), (domain, type, protocol), noexcept)
+
+// A descriptor is closed, whatever close reports.
+int close(int fd) {
+  const bool failed = fails(seam::CLOSE);
+  const int error = errno;
+  const int result = REAL(close)(fd);
+  if (!failed) return result;
+  errno = error;
+  return -1;
+}
 
 int clock_gettime(clockid_t clock, struct timespec* time) noexcept {
   if (clock != CLOCK_MONOTONIC) return REAL(clock_gettime)(clock, time);

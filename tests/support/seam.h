@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace seam {
@@ -41,11 +42,19 @@ void reset();
 void disarm();
 
 // The calls made since reset, in order, and how many there were of one kind.
-std::vector<call_e> calls();
+const std::vector<call_e>& calls();
 int count(call_e call);
 
 // Lets `times` calls fail with `error`, after `skip` calls that pass.
 void fail(call_e call, int error, int times = 1, int skip = 0);
+
+// Lets the `n`-th call from now on, of whatever kind, fail with `error`, and the `n`-th operator new.
+void fail_call(std::size_t n, int error);
+void fail_allocation(int n);
+
+// Whether that allocation came; how many blocks of operator new there are.
+bool allocation_failed();
+long allocated_blocks();
 
 // Runs before every call of this kind; may make calls itself, which run no hook. A second one replaces the
 // first.
@@ -66,13 +75,13 @@ void clear_lines();
 
 void trace_level(int level);
 
-// The expressions that logAssertFailed was called with, and where.
+// The expressions that logAssertFailed was called with, and where; literals of the library.
 struct failed_assertion {
-  std::string expression;
-  std::string path;
-  std::string function;
+  std::string_view expression;
+  std::string_view path;
+  std::string_view function;
 };
-std::vector<failed_assertion> failed_assertions();
+const std::vector<failed_assertion>& failed_assertions();
 
 }  // namespace seam
 

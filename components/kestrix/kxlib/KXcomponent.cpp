@@ -58,28 +58,6 @@ void release_socket(int& fd, const std::string& path) {
   remove(path.c_str());
 }
 
-// Takes the sockets of a half-built component away again when its construction fails.
-class construction_guard {
- public:
-  construction_guard(int& mgmt_fd, const std::string& mgmt_path, int& data_fd, const std::string& data_path)
-      : m_mgmt_fd(mgmt_fd), m_mgmt_path(mgmt_path), m_data_fd(data_fd), m_data_path(data_path) {}
-  ~construction_guard() {
-    if (m_done) return;
-    if (m_data_fd >= 0) release_socket(m_data_fd, m_data_path);
-    if (m_mgmt_fd >= 0) release_socket(m_mgmt_fd, m_mgmt_path);
-  }
-  construction_guard(const construction_guard&) = delete;
-  construction_guard& operator=(const construction_guard&) = delete;
-  void done() { m_done = true; }
-
- private:
-  int& m_mgmt_fd;
-  const std::string& m_mgmt_path;
-  int& m_data_fd;
-  const std::string& m_data_path;
-  bool m_done = false;
-};
-
 [[noreturn]] void refuse_bind(const std::string& path, int error) {
   KX_LOG_ERROR_IN("create_socket", "bind of unixsocket %s failed - %s", path.c_str(), strerror(error));
   errno = error;
@@ -314,7 +292,6 @@ void KXcomponent::construct(const char* subdir, bool handle_signals) {
   if (subdir != nullptr) mkdir(m_socket_dir.c_str(), 0777);
   KX_LOG_DEBUG1_IN("KXcomponent", "create kestrix specific directory [%s]\n", m_socket_dir.c_str());
 
-  construction_guard guard(m_mgmt_fd, m_mgmt_socket_name, m_data_fd, m_data_socket_name);
   pthread_mutexattr_t recursive;
   pthread_mutexattr_init(&recursive);
   pthread_mutexattr_settype(&recursive, PTHREAD_MUTEX_RECURSIVE);
@@ -322,10 +299,15 @@ void KXcomponent::construct(const char* subdir, bool handle_signals) {
   pthread_mutexattr_destroy(&recursive);
 
   m_mgmt_socket_name = base_name;
+  m_data_socket_name = base_name + "-d";
   m_mgmt_fd = create_socket(m_mgmt_socket_name);
   add_socket_descriptor(m_mgmt_fd, this, static_get_mgmt_message);
-  m_data_socket_name = base_name + "-d";
-  m_data_fd = create_socket(m_data_socket_name);
+  try {
+    m_data_fd = create_socket(m_data_socket_name);
+  } catch (...) {
+    release_socket(m_mgmt_fd, m_mgmt_socket_name);
+    throw;
+  }
   add_socket_descriptor(m_data_fd, this, static_get_data_message);
 
   if (handle_signals) {
@@ -333,7 +315,6 @@ void KXcomponent::construct(const char* subdir, bool handle_signals) {
     install_signal_handler();
   }
   static_kxc = this;
-  guard.done();
 }
 
 KXcomponent::~KXcomponent() {

@@ -1,0 +1,264 @@
+// Lives a component's life in steps, with one fault in each life: every system call fails with every error
+// that its manual page names, and every allocation fails. Each time the step has the outcome of the table,
+// nothing is left behind, and the step then succeeds.
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <thread>
+
+#include "probe.h"
+
+using namespace seam;
+
+namespace {
+
+const std::map<call_e, std::vector<int>> errors = {
+    {ACCESS, {EACCES, EFAULT, EINVAL, EIO, ELOOP, ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR}},
+    {BIND,
+     {EACCES, EADDRINUSE, EADDRNOTAVAIL, EBADF, EFAULT, EINVAL, ELOOP, ENOENT, ENOMEM, ENOTSOCK, EROFS}},
+    {CLOCK_GETTIME, {EFAULT, EINVAL, ENODEV, EOVERFLOW, EPERM}},
+    {CLOSE, {EBADF, EDQUOT, EINTR, EIO, ENOSPC}},
+    {FCNTL, {EACCES, EAGAIN, EBADF, EDEADLK, EFAULT, EINTR, EINVAL, EMFILE, ENOLCK, EPERM}},
+    {MKDIR, {EACCES, EDQUOT, EEXIST, EFAULT, ELOOP, EMLINK, ENOENT, ENOMEM, ENOSPC, ENOTDIR, EPERM, EROFS}},
+    {OPEN, {EACCES, EINTR, EIO, ELOOP, EMFILE, ENAMETOOLONG, ENFILE, ENODEV, ENOENT, ENOMEM, ENXIO, EPERM}},
+    {POLL, {EFAULT, EINTR, EINVAL, ENOMEM}},
+    {RECVFROM, {EAGAIN, EBADF, ECONNREFUSED, EFAULT, EINTR, EINVAL, ENOMEM, ENOTCONN, ENOTSOCK}},
+    {REMOVE, {EACCES, EBUSY, EFAULT, EIO, EISDIR, ELOOP, ENOENT, ENOMEM, ENOTDIR, EPERM, EROFS}},
+    {SELECT, {EBADF, EINTR, EINVAL, ENOMEM}},
+    {SENDTO, {EACCES,   EAGAIN,   EBADF,      ECONNREFUSED, ECONNRESET, EDESTADDRREQ, EFAULT,
+              EINTR,    EINVAL,   EISCONN,    EMSGSIZE,     ENOBUFS,    ENOENT,       ENOMEM,
+              ENOTCONN, ENOTSOCK, EOPNOTSUPP, EPERM,        EPIPE,      EPROTOTYPE}},
+    {SETSOCKOPT, {EBADF, EFAULT, EINVAL, ENOPROTOOPT, ENOTSOCK}},
+    {SLEEP, {EINTR}},
+    {SOCKET, {EACCES, EAFNOSUPPORT, EINVAL, EMFILE, ENFILE, ENOBUFS, ENOMEM, EPROTONOSUPPORT}}};
+
+// Longer than a string holds without an allocation.
+constexpr char name[] = "a-component-with-a-long-name";
+constexpr char service[] = "a-service-with-a-long-name";
+constexpr unsigned char answered = 1;
+
+class life {
+ public:
+  life() {
+    EXPECT_EQ(0, pipe(m_pipe));
+    reset();
+    fake_clock(100);
+    before(SELECT, [this] { serve(); });
+  }
+  ~life() {
+    disarm();
+    for (const int end : m_pipe)
+      close(end);
+  }
+
+  std::string construct() {
+    component.emplace(name);
+    return "made";
+  }
+
+  std::string enter() {
+    component->register_component();
+    return component->m_kxcore_data_socket_name.empty() ? "not registered" : "registered";
+  }
+
+  std::string offer() {
+    if (m_stub) m_stub->disconnect(true);
+    m_stub.emplace(&*component).on_message = [this](KXmessage&) { ++m_messages; };
+    m_stub->register_synchronous(service);
+    return m_stub->m_siid == no_siid ? "not registered" : "registered";
+  }
+
+  std::string subscribe() {
+    int done = 0;
+    for (std::optional<proxy_probe>* const proxy : {&m_sync, &m_async, &m_signal}) {
+      if (*proxy) (*proxy)->disconnect(true);
+      proxy->emplace(&*component);
+    }
+    done += m_sync->subscribe_synchronous(service);
+    done += m_async->subscribe_asynchronous(service, nullptr);
+    done += m_signal->subscribe_signal(service);
+    return std::to_string(done);
+  }
+
+  std::string request() { return std::to_string(send(*m_sync, answered)); }
+  std::string notify() { return std::to_string(send(*m_async, 0) + send(*m_signal, 0)); }
+
+  std::string receive() {
+    m_messages = 0;
+    m_arriving = 1;
+    component->get_data_message(-1);
+    return std::to_string(m_messages);
+  }
+
+  std::string stop() {
+    component->stop();
+    return component->m_data_fd + component->m_mgmt_fd == -2 ? "stopped" : "not stopped";
+  }
+
+  // Messages, timers and a descriptor, until a signal comes.
+  std::string loop() {
+    m_messages = 0;
+    m_arriving = 2;
+    component->set_aside(arriving());
+    EXPECT_EQ(1, write(m_pipe[1], "x", 1));
+    component->add_socket_descriptor(m_pipe[0], this, [](void* context, int) {
+      ++static_cast<life*>(context)->m_descriptors;
+      return -1;
+    });
+    component->add_msec_timer(
+        10, this,
+        [](void* context, int) {
+          return ++static_cast<life*>(context)->m_ticks < 3 ? 0 : raise(SIGTERM) - 1;
+        },
+        0);
+    before(POLL, [this] { serve(); });
+    component->wait(true);
+    return std::to_string(m_messages) + std::to_string(m_descriptors) + std::to_string(m_ticks) + ", " +
+           stop();
+  }
+
+  bool mutex_is_free() {
+    bool is_free = true;
+    pthread_mutex_t* const mutex = &component->m_mutex;
+    std::thread([&] {
+      is_free = pthread_mutex_trylock(mutex) == 0 && pthread_mutex_unlock(mutex) == 0;
+    }).join();
+    return is_free;
+  }
+
+ private:
+  static int send(proxy_probe& proxy, unsigned char cmd) {
+    KXmessage message = make_message(0, 0, MSG_NONE, cmd, 0);
+    return proxy.proxy_send(message);
+  }
+
+  KXmessage arriving() const { return make_message(m_stub->m_siid, 7, MSG_REQ, 3, 4); }
+
+  // The core answers each management request and what is to be answered of the data.
+  void serve() {
+    m_core.reply(MSG_RSP, [this](KXmessage& reply) {
+      if (reply.m_header->cmd == CMD_REG_COMPONENT) return reply << fake_core::data_path;
+      for (const int value : {++m_siid, 40, 1000, 2000})
+        reply << value;
+    });
+    m_core.serve();
+    for (KXmessage data = m_core.data.receive_message(); data.m_header->msg_type != MSG_NONE;
+         data = m_core.data.receive_message()) {
+      if (data.m_header->cmd == answered) m_core.data.send(component->m_data_socket_name, data);
+    }
+    for (; m_arriving > 0; --m_arriving)
+      m_core.data.send(component->m_data_socket_name, arriving());
+  }
+
+  fake_core m_core;
+  int m_siid = 10;
+  int m_arriving = 0;
+  int m_messages = 0, m_descriptors = 0, m_ticks = 0;
+  int m_pipe[2];
+  std::optional<stub_probe> m_stub;
+  std::optional<proxy_probe> m_sync, m_async, m_signal;
+
+ public:
+  std::optional<client_probe> component;
+};
+
+struct step {
+  const char* name;
+  std::string (life::*take)();
+  const char* outcome;
+  std::map<call_e, const char*> outcome_after;  // the failure of this call, where it differs
+};
+
+const step steps[] = {
+    {"construct", &life::construct, "made", {{BIND, "error 2"}, {SOCKET, "error 2"}}},
+    {"register", &life::enter, "registered", {{RECVFROM, "not registered"}}},
+    {"register a stub", &life::offer, "registered", {{RECVFROM, "not registered"}}},
+    {"subscribe", &life::subscribe, "3", {{RECVFROM, "2"}}},
+    {"synchronous send", &life::request, "1", {{RECVFROM, "0"}}},
+    {"asynchronous send, signal", &life::notify, "2", {}},
+    {"receive", &life::receive, "1", {{RECVFROM, "0"}}},
+    {"stop", &life::stop, "stopped", {}},
+    {"loop", &life::loop, "313, stopped", {}},
+};
+constexpr std::size_t stop_step = 7;
+
+std::string outcome_of(const step& of, life& subject) {
+  try {
+    return (subject.*of.take)();
+  } catch (KXerror::error_e error) {
+    return "error " + std::to_string(error);
+  } catch (const std::bad_alloc&) {
+    return "out of memory";
+  }
+}
+
+struct result {
+  std::string outcome;
+  std::size_t begin, end;  // the step's calls in those that were made
+  bool out_of_memory;
+};
+
+// Lives up to a step, arms a fault, takes the step and looks at what is left.
+result live(std::size_t last, const std::function<void()>& arm) {
+  const auto descriptors = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+  };
+  const step& faulty = steps[last];
+  const auto descriptors_before = descriptors();
+  const long blocks_before = allocated_blocks();
+  result found = {};
+  {
+    life subject;
+    for (std::size_t i = 0; i < std::min(last, stop_step); ++i)
+      EXPECT_EQ(steps[i].outcome, outcome_of(steps[i], subject));
+    found.begin = calls().size();
+    arm();
+    found.outcome = outcome_of(faulty, subject);
+    found.end = calls().size();
+    found.out_of_memory = allocation_failed();
+    fail_call(0, 0), fail_allocation(0);
+    EXPECT_TRUE(!subject.component || subject.mutex_is_free());
+    if (last < stop_step) {
+      EXPECT_EQ(faulty.outcome, outcome_of(faulty, subject)) << "the next try";
+    }
+    EXPECT_EQ("stopped", subject.stop());
+  }
+  EXPECT_EQ(blocks_before, allocated_blocks());
+  EXPECT_EQ(descriptors_before, descriptors());
+  return found;
+}
+
+using faults = seam_test;
+
+}  // namespace
+
+TEST_F(faults, of_every_system_call_leave_the_named_result_and_nothing_else) {
+  for (std::size_t i = 0; i < std::size(steps); ++i) {
+    const result clean = live(i, [] {});
+    EXPECT_EQ(steps[i].outcome, clean.outcome);
+    const std::vector<call_e> calls(seam::calls().begin() + clean.begin, seam::calls().begin() + clean.end);
+    for (std::size_t n = 0; n < calls.size(); ++n) {
+      const auto other = steps[i].outcome_after.find(calls[n]);
+      for (const int error : errors.at(calls[n])) {
+        SCOPED_TRACE(steps[i].name + (", call " + std::to_string(n + 1)) + " of kind " +
+                     std::to_string(calls[n]) + ": " + strerror(error));
+        EXPECT_EQ(other != steps[i].outcome_after.end() ? other->second : steps[i].outcome,
+                  live(i, [&] { fail_call(n + 1, error); }).outcome);
+      }
+    }
+  }
+}
+
+TEST_F(faults, of_every_allocation_reach_the_caller_and_leave_nothing_else) {
+  for (std::size_t i = 0; i < std::size(steps); ++i) {
+    for (int n = 1;; ++n) {
+      SCOPED_TRACE(steps[i].name + (", allocation " + std::to_string(n)));
+      const result after = live(i, [&] { fail_allocation(n); });
+      EXPECT_EQ(after.out_of_memory ? "out of memory" : steps[i].outcome, after.outcome);
+      if (!after.out_of_memory) break;
+    }
+  }
+}
