@@ -16,10 +16,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <new>
-#include <utility>
 
 #include "trace.h"
 
@@ -47,7 +44,6 @@ std::vector<seam::call_e> made;
 std::size_t failing_call = 0;  // its place in `made`, counted from 1
 int failing_call_error = 0;
 int failing_allocation = 0;  // how many there are before it, and itself
-std::atomic<long> blocks{0};
 std::array<line_record, max_lines> records;
 std::atomic<std::size_t> record_count{0};
 std::vector<seam::failed_assertion> assertions;
@@ -153,7 +149,7 @@ void fail_call(std::size_t n, int error) {
 
 void fail_allocation(int n) { failing_allocation = n; }
 bool allocation_failed() { return failing_allocation == 0; }
-long allocated_blocks() { return blocks; }
+bool allocation_fails() { return arms && !inside && failing_allocation > 0 && --failing_allocation == 0; }
 
 void before(call_e call, std::function<void()> hook) { armed[call].hook = std::move(hook); }
 void fake_clock(double seconds) { fake_now = seconds; }
@@ -189,21 +185,6 @@ void trace_level(int level) { g_traceObject->level = level; }
 const std::vector<failed_assertion>& failed_assertions() { return assertions; }
 
 }  // namespace seam
-
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  if (arms && !inside && failing_allocation > 0 && --failing_allocation == 0) throw std::bad_alloc();
-  void* const block = std::malloc(size);
-  if (block == nullptr) throw std::bad_alloc();
-  ++blocks;
-  return block;
-}
-
-[[gnu::noinline]] void operator delete(void* block) noexcept {
-  if (block != nullptr) --blocks;
-  std::free(block);
-}
-
-[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept { operator delete(block); }
 
 extern "C" {
 

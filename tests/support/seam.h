@@ -48,13 +48,17 @@ int count(call_e call);
 // Lets `times` calls fail with `error`, after `skip` calls that pass.
 void fail(call_e call, int error, int times = 1, int skip = 0);
 
-// Lets the `n`-th call from now on, of whatever kind, fail with `error`, and the `n`-th operator new.
+// Lets the `n`-th call from now on, of whatever kind, fail with `error`.
 void fail_call(std::size_t n, int error);
-void fail_allocation(int n);
 
-// Whether that allocation came; how many blocks of operator new there are.
+// In programs that link allocations.cpp: lets the `n`-th operator new fail; whether it has; how many blocks
+// there are.
+void fail_allocation(int n);
 bool allocation_failed();
 long allocated_blocks();
+
+// For operator new: counts an allocation; whether it is to fail.
+bool allocation_fails();
 
 // Runs before every call of this kind; may make calls itself, which run no hook. A second one replaces the
 // first.

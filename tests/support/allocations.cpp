@@ -1,0 +1,25 @@
+// Operator new as a part of the seam. Not for programs with an allocation checker's own entry points, like a
+// fuzzer's.
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+#include "seam.h"
+
+static std::atomic<long> blocks{0};
+
+long seam::allocated_blocks() { return blocks; }
+
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  void* const block = seam::allocation_fails() ? nullptr : std::malloc(size);
+  if (block == nullptr) throw std::bad_alloc();
+  ++blocks;
+  return block;
+}
+
+[[gnu::noinline]] void operator delete(void* block) noexcept {
+  if (block != nullptr) --blocks;
+  std::free(block);
+}
+
+[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept { operator delete(block); }
