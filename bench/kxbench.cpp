@@ -143,7 +143,7 @@ int main(int argc, char** argv) {
   if (options.mode != "rtt" && options.mode != "oneway") bench::fail("%s", usage);
   enter_private_bus();
 
-  child_process core(std::vector<std::string>{bench::sibling("kxcore")});
+  child_process core(std::vector<std::string>{sibling_program("kxcore")});
   if (!wait_until_bound(core, "/tmp/kxcore/kxcore-d")) bench::fail("kxcore does not start");
   child_process server(serve);
   KXclientComponent component("kxbench-client");

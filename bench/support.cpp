@@ -11,14 +11,6 @@
 
 namespace bench {
 
-std::string sibling(const std::string& program) {
-  char path[4096];
-  const ssize_t length = readlink("/proc/self/exe", path, sizeof path);
-  if (length <= 0) fail("cannot read /proc/self/exe");
-  const std::string self(path, static_cast<std::size_t>(length));
-  return self.substr(0, self.rfind('/') + 1) + program;
-}
-
 void pin(int cpu) {
   cpu_set_t set;
   CPU_ZERO(&set);

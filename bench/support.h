@@ -6,9 +6,6 @@
 
 namespace bench {
 
-// The path of a program built beside this one.
-std::string sibling(const std::string& program);
-
 // Keeps this process, and the children it starts from now on, on one processor.
 void pin(int cpu);
 

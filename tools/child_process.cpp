@@ -60,6 +60,14 @@ int child_process::end(int signal) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
+std::string sibling_program(const std::string& name) {
+  char path[4096];
+  const ssize_t length = readlink("/proc/self/exe", path, sizeof path);
+  if (length <= 0) throw std::system_error(errno, std::generic_category(), "cannot read /proc/self/exe");
+  const std::string self(path, static_cast<std::size_t>(length));
+  return self.substr(0, self.rfind('/') + 1) + name;
+}
+
 bool is_bound(const std::string& path) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;

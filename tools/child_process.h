@@ -29,6 +29,9 @@ class child_process {
   pid_t m_pid;  // 0 when it has been waited for
 };
 
+// The path of a program built beside this one.
+std::string sibling_program(const std::string& name);
+
 // Whether a datagram socket is bound at `path`, and waiting until one is, as long as `process` runs; whether
 // it is.
 bool is_bound(const std::string& path);

@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <fstream>
+#include <memory>
 
 #include "KXcore.h"
 #include "KXerror.h"
@@ -63,6 +65,34 @@ void raise_descriptor_limit() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+// A receiver holds as many unread datagrams as this setting said when its socket was created, ten as a rule;
+// then senders fail, and a component's send waits a second before it tries again. While this lives sockets
+// get a queue so long that before it is full every sender's own send buffer is, which leaves room for the
+// others. Where the system does not permit that, the setting stays.
+class longer_socket_queues {
+ public:
+  longer_socket_queues() {
+    std::ifstream(setting) >> m_before;
+    if (m_before > 0 && m_before < wanted) std::ofstream(setting) << wanted;
+  }
+  ~longer_socket_queues() {
+    if (m_before > 0 && m_before < wanted) std::ofstream(setting) << m_before;
+  }
+  longer_socket_queues(const longer_socket_queues&) = delete;
+  longer_socket_queues& operator=(const longer_socket_queues&) = delete;
+
+ private:
+  static constexpr char setting[] = "/proc/sys/net/unix/max_dgram_qlen";
+  static constexpr int wanted = 4096;
+
+  int m_before = 0;
+};
+
+std::unique_ptr<KXcore> create_core(bool verbose) {
+  const longer_socket_queues queues;
+  return std::make_unique<KXcore>(verbose);
+}
+
 // The core reads the signals that end it from a descriptor; what it writes to closed pipes is lost.
 void prepare_signals() {
   sigset_t termination;
@@ -79,8 +109,7 @@ int run(bool verbose) {
   prepare_signals();
   raise_descriptor_limit();
   try {
-    KXcore core(verbose);
-    core.start(KXcomponent::CMP_START_AND_LOOP);
+    create_core(verbose)->start(KXcomponent::CMP_START_AND_LOOP);
     return EXIT_SUCCESS;
   } catch (const KXerror::error_e&) {
     std::fprintf(stderr, "kxcore: cannot bind its sockets in %s: %s\n", bus_directory, strerror(errno));

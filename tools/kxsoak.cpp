@@ -1,0 +1,443 @@
+// kxcore under fire: components that are stopped with full queues, that are killed and come back, and that
+// flood, while the others exchange requests of which each must get its own response, and soon.
+#include <arpa/inet.h>
+#include <getopt.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <new>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "KXclientComponent.h"
+#include "KXproxy.h"
+#include "KXstub.h"
+#include "child_process.h"
+#include "private_bus.h"
+#include "soak_board.h"
+
+namespace {
+
+constexpr char usage[] =
+    "usage: kxsoak [REQUESTS] [--components N] [--stopped N] [--killed N] [--flooding N] [--untimed] [--seed "
+    "N]\n"
+    "\n"
+    "Exchanges REQUESTS (1,000,000) synchronous requests between components (100 in all) through kxcore, "
+    "while some\n"
+    "are stopped with full queues (20), some are killed and started again (10), and some flood (5). Fails "
+    "when a\n"
+    "response is wrong or missing, when a request waits longer than 100 times the median (unless --untimed), "
+    "or when\n"
+    "the memory of kxcore or of a component grows.\n";
+
+constexpr double longest_wait_in_medians = 100;
+constexpr long memory_growth_kib = 512;
+constexpr int callers_per_server = 3;
+constexpr int largest_text = 2048 - 14 - 9 - 4;  // beside header, number and the string's own bytes
+constexpr useconds_t turn_us = 50'000;
+
+struct settings {
+  long requests = 1'000'000;
+  int components = 100;
+  int stopped = 20;
+  int killed = 10;
+  int flooding = 5;
+  bool timed = true;
+  unsigned int seed = std::random_device()();
+};
+
+using random_source = std::linear_congruential_engine<std::uint32_t, 48271, 0, 2147483647>;
+
+soak_board* board = nullptr;
+
+std::string numbered(const char* role, int number) { return role + std::to_string(number); }
+
+std::uint64_t now_ns() {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
+}
+
+// Each part of a soak is a process of its own, which ends with this one, stopped or not.
+std::unique_ptr<child_process> start(const std::function<void()>& part) {
+  return std::make_unique<child_process>([&part] {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    part();
+  });
+}
+
+// What a server makes of a request's number, different for each.
+std::uint64_t answer_to(std::uint64_t number) { return number * 0x9E3779B97F4A7C15 + 1; }
+
+class echo : public KXstub {
+ public:
+  using KXstub::KXstub;
+  using KXstub::process_message;
+
+  void process_message(KXmessage& request) override {
+    unsigned long long number = 0;
+    request >> number;
+    request >> m_text;
+    KXmessage response;
+    response.m_header->dst_siid = request.m_header->src_siid;
+    response.m_header->msg_type = MSG_RSP;
+    response.m_header->cmd = request.m_header->cmd;
+    response.m_header->msg_id = request.m_header->msg_id;
+    response << static_cast<unsigned long long>(answer_to(number));
+    response << m_text;
+    if (request.m_header->msg_type == MSG_REQ) connection_send(response);
+  }
+
+ private:
+  std::string m_text;
+};
+
+void serve(const std::string& name, std::atomic<int>& ready) {
+  KXclientComponent component(name.c_str(), nullptr);
+  component.register_component();
+  echo service(&component);
+  service.register_synchronous(name.c_str());
+  ++ready;
+  component.wait(true);
+}
+
+// The services appear one after the other.
+void subscribe(KXproxy& proxy, const std::string& service, KXconnection::interface_type_e type) {
+  for (;;) {
+    try {
+      proxy.subscribe_service(service.c_str(), type, nullptr);
+      return;
+    } catch (const KXerror::error_e&) {
+      usleep(turn_us);
+    }
+  }
+}
+
+void fail_request(const std::string& name, unsigned long long number, const char* what) {
+  std::fprintf(stderr, "%s: the response to request %llu %s\n", name.c_str(), number, what);
+  ++board->failed;
+}
+
+// One request whose text has this length; whether its response is the right one.
+bool call(KXproxy& proxy, const std::string& name, unsigned long long number, std::size_t length) {
+  const std::string text(length, static_cast<char>('a' + number % 26));
+  KXmessage message;
+  message << number;
+  message << text;
+  if (proxy.proxy_send(message) == 0) return fail_request(name, number, "is missing"), false;
+  if (message.m_header->msg_type != MSG_RSP) return fail_request(name, number, "is an error"), false;
+  unsigned long long answer = 0;
+  std::string returned;
+  message >> answer;
+  message >> returned;
+  if (answer != answer_to(number) || returned != text)
+    return fail_request(name, number, "is not its own"), false;
+  return true;
+}
+
+void call_servers(const std::string& name, int servers, const settings& with, unsigned int seed) {
+  KXclientComponent component(name.c_str(), nullptr);
+  component.register_component();
+  std::vector<std::unique_ptr<KXproxy>> proxies;
+  for (int i = 0; i < servers; ++i) {
+    proxies.push_back(std::make_unique<KXproxy>(&component));
+    subscribe(*proxies.back(), numbered("server", i), KXconnection::SYNC);
+  }
+  while (!board->begun)
+    usleep(turn_us);
+  random_source random(seed);
+  for (long number; (number = board->taken++) < with.requests;) {
+    const std::size_t length = random() % 16 == 0 ? largest_text : random() % 64;
+    const std::uint64_t started = now_ns();
+    if (!call(*proxies[random() % proxies.size()], name, static_cast<unsigned long long>(number), length))
+      continue;
+    board->latency.add(now_ns() - started);
+    ++board->answered;
+  }
+  component.stop();
+}
+
+// Serves and calls until it is killed.
+void live_dangerously(const std::string& name) {
+  KXclientComponent component(name.c_str(), nullptr);
+  component.register_component();
+  echo service(&component);
+  service.register_synchronous(name.c_str());
+  KXproxy proxy(&component);
+  subscribe(proxy, "server0", KXconnection::SYNC);
+  for (unsigned long long number = 0;; ++number)
+    call(proxy, name, number, 10);
+}
+
+// Requests to a component that does not read, until the core refuses them; then one now and then.
+class filling_proxy : public KXproxy {
+ public:
+  using KXproxy::KXproxy;
+  using KXproxy::process_message;
+
+  void fill() {
+    if (m_refused && ++m_pause % 256 != 0) return;
+    KXmessage message;
+    message << 0ull;
+    message << std::string(largest_text, 'x');
+    proxy_send(message);
+  }
+
+  void process_message(KXmessage& answer) override {
+    if (answer.m_header->msg_type != MSG_ERR || m_refused) return;
+    m_refused = true;
+    ++board->queues_full;
+  }
+
+ private:
+  bool m_refused = false;
+  int m_pause = 0;
+};
+
+void fill_queues(int stopped) {
+  KXclientComponent component("filler", nullptr);
+  component.register_component();
+  std::vector<std::unique_ptr<filling_proxy>> proxies;
+  for (int i = 0; i < stopped; ++i) {
+    proxies.push_back(std::make_unique<filling_proxy>(&component));
+    subscribe(*proxies.back(), numbered("stopped", i), KXconnection::ASYNC);
+    component.add_msec_timer(
+        0, proxies.back().get(),
+        [](void* proxy, int) {
+          static_cast<filling_proxy*>(proxy)->fill();
+          return 0;
+        },
+        i);
+  }
+  component.wait(true);
+}
+
+// Sends by itself what the library would not, and does not wait a second when there is no room.
+class flooding_component : public KXclientComponent {
+ public:
+  using KXclientComponent::KXclientComponent;
+
+  void send(const KXmessage& message, bool mgmt) {
+    peer_info_t to;
+    std::string path = mgmt ? m_kxcore_mgmt_socket_name : m_kxcore_data_socket_name;
+    to.path(path);
+    const auto size = static_cast<std::size_t>(message.datagram_size());
+    while (sendto(mgmt ? m_mgmt_fd : m_data_fd, message.m_header, size, MSG_DONTWAIT,
+                  reinterpret_cast<const sockaddr*>(&to.addr), to.addrlen) < 0)
+      sched_yield();
+    ++board->flooded;
+  }
+};
+
+// In turn what is in order, what is for somebody who does not read, what comes from somebody else, and what
+// makes no sense.
+void flood(const std::string& name, unsigned int seed) {
+  flooding_component component(name.c_str(), nullptr);
+  component.register_component();
+  class any_proxy : public KXproxy {
+   public:
+    using KXproxy::KXproxy;
+    using KXproxy::m_service_siid, KXproxy::m_siid;
+  } to_server(&component), to_stopped(&component);
+  subscribe(to_server, "server0", KXconnection::ASYNC);
+  subscribe(to_stopped, "stopped0", KXconnection::ASYNC);
+  random_source random(seed);
+  while (!board->begun)
+    usleep(turn_us);
+  for (unsigned int turn = 0;; ++turn) {
+    const bool in_order = turn % 4 < 2;
+    const any_proxy& proxy = turn % 4 == 0 ? to_server : to_stopped;
+    KXmessage message;
+    message.m_header->dst_siid = in_order ? htonl(proxy.m_service_siid) : htonl(random() % 500);
+    message.m_header->src_siid = in_order ? htonl(proxy.m_siid) : htonl(random() % 500);
+    message.m_header->msg_type = turn % 4 == 0 ? MSG_SIG : MSG_REQ;
+    message.m_header->cmd = static_cast<std::uint8_t>(random());
+    if (random() % 2 == 0) message << std::string(largest_text, 'x');
+    component.send(message, turn % 4 == 3);
+  }
+}
+
+// The memory of its own that a process holds, in KiB.
+long memory_of(pid_t process) {
+  std::ifstream status("/proc/" + std::to_string(process) + "/status");
+  for (std::string word; status >> word;) {
+    long kib = 0;
+    if (word == "RssAnon:" && status >> kib) return kib;
+  }
+  return -1;
+}
+
+void await(const std::atomic<int>& count, int wanted) {
+  while (count < wanted)
+    usleep(turn_us);
+}
+
+class soak {
+ public:
+  explicit soak(const settings& with) : m_settings(with), m_random(with.seed) {
+    const int others = with.components - with.stopped - with.killed - with.flooding - 1;
+    const int servers = std::max(1, others / (1 + callers_per_server));
+    for (int i = 0; i < with.stopped; ++i)
+      m_stopped.push_back(start([i] { serve(numbered("stopped", i), board->stopped_ready); }));
+    for (int i = 0; i < servers; ++i)
+      m_working.push_back(start([i] { serve(numbered("server", i), board->servers_ready); }));
+    await(board->stopped_ready, with.stopped);
+    await(board->servers_ready, servers);
+    for (const auto& each : m_stopped)
+      kill(each->pid(), SIGSTOP);
+    m_filler = start([&with] { fill_queues(with.stopped); });
+    for (int i = servers; i < others; ++i)
+      m_working.push_back(start([&with, i, servers, seed = m_random()] {
+        call_servers(numbered("caller", i), servers, with, seed);
+      }));
+    for (int i = 0; i < with.flooding; ++i)
+      m_flooding.push_back(start([i, seed = m_random()] { flood(numbered("flooder", i), seed); }));
+    for (int i = 0; i < with.killed; ++i)
+      m_mortal.push_back(start([i] { live_dangerously(numbered("mortal", i)); }));
+    await(board->queues_full, with.stopped);
+  }
+
+  // Stopped processes take no other signal.
+  ~soak() {
+    for (const processes* const group : {&m_stopped, &m_working, &m_flooding, &m_mortal}) {
+      for (const auto& each : *group)
+        kill(each->pid(), SIGKILL);
+    }
+  }
+  soak(const soak&) = delete;
+  soak& operator=(const soak&) = delete;
+
+  // Whether everything held.
+  bool run(pid_t core) {
+    const std::vector<pid_t> watched = {core, m_working.front()->pid(), m_working.back()->pid()};
+    std::vector<long> warm, late;
+    const std::uint64_t started = now_ns();
+    long kills = 0;
+    board->begun = true;
+    for (int turn = 1; board->answered + board->failed < m_settings.requests; ++turn) {
+      usleep(turn_us);
+      replace_one();
+      ++kills;
+      if (warm.empty() && board->answered > m_settings.requests / 10) warm = memory_of_all(watched);
+      if (late.empty() && board->answered > m_settings.requests / 10 * 9) late = memory_of_all(watched);
+      if (turn % 100 == 0) print_progress(kills);
+    }
+    const double seconds = static_cast<double>(now_ns() - started) / 1e9;
+    return report(seconds, kills, warm, late);
+  }
+
+ private:
+  using processes = std::vector<std::unique_ptr<child_process>>;
+
+  void replace_one() {
+    if (m_mortal.empty()) return;
+    const std::size_t victim = m_random() % m_mortal.size();
+    m_mortal[victim]->end(SIGKILL);
+    m_mortal[victim] = start([victim] { live_dangerously(numbered("mortal", static_cast<int>(victim))); });
+  }
+
+  static std::vector<long> memory_of_all(const std::vector<pid_t>& processes) {
+    std::vector<long> kib;
+    for (const pid_t each : processes)
+      kib.push_back(memory_of(each));
+    return kib;
+  }
+
+  void print_progress(long kills) const {
+    std::fprintf(stderr, "%ld of %ld, %ld failed, longest %.1f ms, %ld killed, %ld flooded\n",
+                 board->answered.load(), m_settings.requests, board->failed.load(),
+                 static_cast<double>(board->latency.longest()) / 1e6, kills, board->flooded.load());
+  }
+
+  bool report(double seconds, long kills, const std::vector<long>& warm,
+              const std::vector<long>& late) const {
+    const auto us = [](std::uint64_t ns) { return static_cast<double>(ns) / 1e3; };
+    const double median = us(board->latency.quantile(0.5));
+    const double longest = us(board->latency.longest());
+    std::printf("requests      %ld answered, %ld failed, in %.1f s: %.0f in a second\n",
+                board->answered.load(), board->failed.load(), seconds,
+                static_cast<double>(board->answered) / seconds);
+    std::printf("latency       median %.0f us, 99.9 %% %.0f us, longest %.0f us: %.1f medians\n", median,
+                us(board->latency.quantile(0.999)), longest, longest / median);
+    std::printf("meanwhile     %ld components killed and started again, %ld datagrams of floods\n", kills,
+                board->flooded.load());
+    static constexpr const char* names[] = {"kxcore", "a server", "a caller"};
+    bool flat = true;
+    for (std::size_t i = 0; i < warm.size(); ++i) {
+      std::printf("memory        %s: %ld KiB after a tenth, %ld KiB after nine\n", names[i], warm[i],
+                  late[i]);
+      flat = flat && late[i] - warm[i] <= memory_growth_kib;
+    }
+    const bool soon = !m_settings.timed || longest <= longest_wait_in_medians * median;
+    if (!flat) std::puts("FAILED: the memory grows");
+    if (!soon) std::puts("FAILED: a request waited too long");
+    if (board->failed > 0) std::puts("FAILED: responses are wrong or missing");
+    return flat && soon && board->failed == 0;
+  }
+
+  const settings m_settings;
+  random_source m_random;
+  processes m_stopped, m_working, m_flooding, m_mortal;
+  std::unique_ptr<child_process> m_filler;
+};
+
+settings parse(int argc, char** argv) {
+  static const option options[] = {{"components", required_argument, nullptr, 'c'},
+                                   {"stopped", required_argument, nullptr, 's'},
+                                   {"killed", required_argument, nullptr, 'k'},
+                                   {"flooding", required_argument, nullptr, 'f'},
+                                   {"seed", required_argument, nullptr, 'r'},
+                                   {"untimed", no_argument, nullptr, 'u'},
+                                   {"help", no_argument, nullptr, 'h'},
+                                   {nullptr, 0, nullptr, 0}};
+  settings result;
+  for (int found; (found = getopt_long(argc, argv, "h", options, nullptr)) != -1;) {
+    if (found == 'c') result.components = std::atoi(optarg);
+    if (found == 's') result.stopped = std::atoi(optarg);
+    if (found == 'k') result.killed = std::atoi(optarg);
+    if (found == 'f') result.flooding = std::atoi(optarg);
+    if (found == 'r') result.seed = static_cast<unsigned int>(std::atol(optarg));
+    if (found == 'u') result.timed = false;
+    if (found == 'h' || found == '?') {
+      std::fputs(usage, found == 'h' ? stdout : stderr);
+      std::exit(found == 'h' ? EXIT_SUCCESS : 2);
+    }
+  }
+  if (optind < argc) result.requests = std::atol(argv[optind]);
+  const int workers = result.components - result.stopped - result.killed - result.flooding;
+  if (result.requests <= 0 || result.components > soak_board::max_components || result.stopped < 1 ||
+      workers < 3) {
+    std::fputs(usage, stderr);
+    std::exit(2);
+  }
+  return result;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const settings with = parse(argc, argv);
+  std::printf("seed          %u\n", with.seed);
+  std::fflush(stdout);
+  enter_private_bus();
+  void* const shared =
+      mmap(nullptr, sizeof(soak_board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (shared == MAP_FAILED) return EXIT_FAILURE;
+  board = new (shared) soak_board;
+  child_process core(std::vector<std::string>{sibling_program("kxcore")});
+  if (!wait_until_bound(core, "/tmp/kxcore/kxcore-d")) return EXIT_FAILURE;
+  soak subject(with);
+  const bool held = subject.run(core.pid());
+  return held ? EXIT_SUCCESS : EXIT_FAILURE;
+}

@@ -1,0 +1,35 @@
+#include "soak_board.h"
+
+namespace {
+
+// The leading five bits and how far they are shifted.
+unsigned int bucket_of(std::uint64_t ns) {
+  if (ns < 16) return static_cast<unsigned int>(ns);
+  const auto exponent = static_cast<unsigned int>(63 - __builtin_clzll(ns));
+  return (exponent - 3) * 16 + static_cast<unsigned int>(ns >> (exponent - 4) & 15);
+}
+
+std::uint64_t least_of(unsigned int bucket) {
+  if (bucket < 16) return bucket;
+  return (16ull + bucket % 16) << (bucket / 16 - 1);
+}
+
+}  // namespace
+
+void latency_histogram::add(std::uint64_t ns) {
+  ++m_counts[bucket_of(ns)];
+  ++m_count;
+  std::uint64_t longest = m_longest;
+  while (longest < ns && !m_longest.compare_exchange_weak(longest, ns))
+    continue;
+}
+
+std::uint64_t latency_histogram::quantile(double part) const {
+  const auto wanted = static_cast<std::uint64_t>(part * static_cast<double>(m_count));
+  std::uint64_t below = 0;
+  for (unsigned int i = 0; i < buckets; ++i) {
+    below += m_counts[i];
+    if (below > wanted) return least_of(i + 1);
+  }
+  return m_longest;
+}
