@@ -22,11 +22,13 @@ constexpr useconds_t one_ms = 1'000;
 
 }  // namespace
 
-child_process::child_process(const std::function<void()>& body) : m_pid(fork()) {
+child_process::child_process(const std::function<void()>& body, int death_signal) {
+  const pid_t parent = getpid();
+  m_pid = fork();
   if (m_pid < 0) throw std::system_error(errno, std::generic_category(), "cannot start a process");
   if (m_pid > 0) return;
-  prctl(PR_SET_PDEATHSIG, SIGTERM);
-  body();
+  prctl(PR_SET_PDEATHSIG, death_signal);
+  if (getppid() == parent) body();
   _exit(EXIT_SUCCESS);
 }
 

@@ -4,14 +4,16 @@
 
 #include <sys/types.h>
 
+#include <csignal>
 #include <functional>
 #include <string>
 #include <vector>
 
 class child_process {
  public:
-  // Runs `body` in a child process, or a program with its arguments. Throws std::system_error when it cannot.
-  explicit child_process(const std::function<void()>& body);
+  // Runs `body` in a child process, or a program with its arguments. `death_signal` ends it when this process
+  // ends. Throws std::system_error when it cannot.
+  explicit child_process(const std::function<void()>& body, int death_signal = SIGTERM);
   explicit child_process(const std::vector<std::string>& command);
 
   // Ends it in order by SIGTERM, or after a second by SIGKILL.

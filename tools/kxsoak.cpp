@@ -4,7 +4,6 @@
 #include <getopt.h>
 #include <sched.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -71,10 +70,7 @@ std::uint64_t now_ns() {
 
 // Each part of a soak is a process of its own, which ends with this one, stopped or not.
 std::unique_ptr<child_process> start(const std::function<void()>& part) {
-  return std::make_unique<child_process>([&part] {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    part();
-  });
+  return std::make_unique<child_process>(part, SIGKILL);
 }
 
 // What a server makes of a request's number, different for each.
@@ -329,8 +325,9 @@ class soak {
       usleep(turn_us);
       replace_one();
       ++kills;
-      if (warm.empty() && board->answered > m_settings.requests / 10) warm = memory_of_all(watched);
-      if (late.empty() && board->answered > m_settings.requests / 10 * 9) late = memory_of_all(watched);
+      const long done = board->answered + board->failed;
+      if (warm.empty() && done > m_settings.requests / 10) warm = memory_of_all(watched);
+      if (done > m_settings.requests / 10 * 9 && late.empty()) late = memory_of_all(watched);
       if (turn % 100 == 0) print_progress(kills);
     }
     const double seconds = static_cast<double>(now_ns() - started) / 1e9;
@@ -374,7 +371,7 @@ class soak {
                 board->flooded.load());
     static constexpr const char* names[] = {"kxcore", "a server", "a caller"};
     bool flat = true;
-    for (std::size_t i = 0; i < warm.size(); ++i) {
+    for (std::size_t i = 0; i < late.size(); ++i) {
       std::printf("memory        %s: %ld KiB after a tenth, %ld KiB after nine\n", names[i], warm[i],
                   late[i]);
       flat = flat && late[i] - warm[i] <= memory_growth_kib;

@@ -190,9 +190,9 @@ void KXcore::respond(const request& received, const KXmessage& reply) {
   const auto length = static_cast<std::size_t>(reply.datagram_size());
   peer* const registered = peer_at(received.sender, received.pid);
   if (registered != nullptr && !registered->is_gone) {
-    send(*registered, registered->mgmt, reply);
+    send(*registered, registered->mgmt, reply, nullptr);
   } else if (outlet way(received.sender); way.connected()) {
-    way.send(reply.m_header, length);
+    way.send(reply.m_header, length, 0);
   } else if (errno == EMFILE || errno == ENFILE) {
     const sockaddr_un address = address_of(received.sender);
     sendto(m_mgmt_fd, reply.m_header, length, MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&address),
@@ -361,12 +361,12 @@ void KXcore::fan_out(const service& signal, KXmessage& message, peer* requester)
 }
 
 // Sends a message on its way to a component. What is lost is counted there (send).
-void KXcore::forward(peer& to, const KXmessage& message, peer* requester) {
-  const outlet::result_e result = send(to, to.data, message);
+void KXcore::forward(peer& to, const KXmessage& message, peer* from) {
+  const outlet::result_e result = send(to, to.data, message, from);
   if (message.m_header->msg_type != MSG_REQ) return;
   if (result == outlet::FULL)
-    answer_undelivered(message, requester, "the component does not read, its queue is full");
-  if (result == outlet::GONE) answer_undelivered(message, requester, "the component is gone");
+    answer_undelivered(message, from, "the component does not read, its queue is full");
+  if (result == outlet::GONE) answer_undelivered(message, from, "the component is gone");
 }
 
 // A request that cannot be delivered is answered, anything else dropped.
@@ -383,16 +383,18 @@ void KXcore::answer_undelivered(const KXmessage& message, peer* requester, const
 
 // --- the way to a component ---
 
-outlet::result_e KXcore::send(peer& to, outlet& way, const KXmessage& message) {
+outlet::result_e KXcore::send(peer& to, outlet& way, const KXmessage& message, const peer* from) {
   if (to.is_gone) return outlet::GONE;
   const bool had_queue = way.has_queue();
   const outlet::result_e result =
-      way.send(message.m_header, static_cast<std::size_t>(message.datagram_size()));
+      way.send(message.m_header, static_cast<std::size_t>(message.datagram_size()),
+               from == nullptr ? 0 : from->serial);
   if (result == outlet::QUEUED && !had_queue) watch(to, way.fd(), EPOLLOUT);
   if (result == outlet::GONE) give_up(to, "its socket is gone");
   if (result == outlet::FULL && is_reported(way.lost())) {
-    REPORT_PROBLEM("%s does not read: its queue of %zu messages is full (%lu lost so far)", to.name.c_str(),
-                   outlet::max_queued, way.lost());
+    REPORT_PROBLEM("%s does not read: its queue of %zu messages is full for %s (%lu lost so far)",
+                   to.name.c_str(), outlet::max_queued, from == nullptr ? m_name : from->name.c_str(),
+                   way.lost());
   }
   return result;
 }
@@ -473,10 +475,10 @@ void KXcore::forget_gone_peers() {
 }
 
 void KXcore::answer_lost_requests(const std::deque<datagram>& queue) {
-  for (const datagram& bytes : queue) {
+  for (const datagram& lost : queue) {
     KXmessage message;
-    std::memcpy(message.m_header, bytes.data(), bytes.size());
-    message.incr_size(static_cast<int>(bytes.size() - sizeof(msg_header_t)));
+    std::memcpy(message.m_header, lost.bytes.data(), lost.bytes.size());
+    message.incr_size(static_cast<int>(lost.bytes.size() - sizeof(msg_header_t)));
     if (message.m_header->msg_type != MSG_REQ) continue;
     const endpoint* requester = m_directory.find(ntohl(message.m_header->src_siid));
     if (requester != nullptr) answer_undelivered(message, requester->holder(), "the component is gone");
@@ -513,7 +515,7 @@ void KXcore::tell_to_end(int count) {
     peer& each = *entry.second;
     if (each.is_told_to_end || each.is_gone) continue;
     each.is_told_to_end = true;
-    send(each, each.mgmt, kill);
+    send(each, each.mgmt, kill, nullptr);
     --count;
   }
 }

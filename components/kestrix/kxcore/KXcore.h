@@ -62,14 +62,15 @@ class KXcore : public KXcomponent {
 
   void route(peer& from, KXmessage& message);
   void fan_out(const service& signal, KXmessage& message, peer* requester);
-  void forward(peer& to, const KXmessage& message, peer* requester);
+  void forward(peer& to, const KXmessage& message, peer* from);
   void answer_undelivered(const KXmessage& message, peer* requester, const char* reason);
   // The component with this management socket; null when it is another process that sends. A pid of 0 is any.
   peer* peer_at(const std::string& mgmt_path, pid_t pid) const;
   unsigned long& dropped_of(peer* from);  // the counter of a peer, or of all who are not registered
   void drop(peer* from, const std::string& sender, const char* reason);
 
-  outlet::result_e send(peer& to, outlet& way, const KXmessage& message);
+  // `from` is null for what the core itself says.
+  outlet::result_e send(peer& to, outlet& way, const KXmessage& message, const peer* from);
   void watch(peer& watched, int fd, unsigned int events);
   void flush(peer& to, outlet& way);
   void process_ended(peer& of);

@@ -46,23 +46,30 @@ outlet::result_e outlet::try_send(const void* bytes, std::size_t size) {
   }
 }
 
-outlet::result_e outlet::send(const void* bytes, std::size_t size) {
+bool outlet::has_room_for(unsigned long sender) const {
+  const auto own = static_cast<std::size_t>(std::count_if(
+      m_queue.begin(), m_queue.end(), [sender](const datagram& queued) { return queued.sender == sender; }));
+  return own == 0 || own + m_queue.size() < max_queued;
+}
+
+outlet::result_e outlet::send(const void* bytes, std::size_t size, unsigned long sender) {
   if (m_queue.empty()) {
     const result_e result = try_send(bytes, size);
     if (result != QUEUED) return result;
   }
-  if (m_queue.size() == max_queued) {
+  if (!has_room_for(sender)) {
     ++m_lost;
     return FULL;
   }
   const auto* begin = static_cast<const unsigned char*>(bytes);
-  m_queue.emplace_back(begin, begin + size);
+  m_queue.push_back({sender, {begin, begin + size}});
   return QUEUED;
 }
 
 outlet::result_e outlet::flush() {
   while (!m_queue.empty()) {
-    const result_e result = try_send(m_queue.front().data(), m_queue.front().size());
+    const std::vector<unsigned char>& next = m_queue.front().bytes;
+    const result_e result = try_send(next.data(), next.size());
     if (result != SENT) return result;
     m_queue.pop_front();
   }

@@ -4,7 +4,8 @@
 // A receiver holds only a few unread datagrams, and unread datagrams count against the sender's send buffer:
 // with a socket for each destination, one that does not read fills only its own. Being connected, the socket
 // reports POLLOUT when there is room again. Nothing here ever waits: what cannot be sent at once is queued in
-// order, and what does not fit into the queue is refused.
+// order, and what does not fit into the queue is refused. A sender may take as many places of a queue as it
+// leaves free, and one in any case: however many flood a queue, it has room for the others.
 #ifndef OUTLET_H
 #define OUTLET_H
 
@@ -27,16 +28,19 @@ class unique_fd {
   int m_fd;
 };
 
-using datagram = std::vector<unsigned char>;
+struct datagram {
+  unsigned long sender;
+  std::vector<unsigned char> bytes;
+};
 
 class outlet {
  public:
-  static constexpr std::size_t max_queued = 128;
+  static constexpr std::size_t max_queued = 256;
 
   enum result_e {
     SENT,    // handed to the receiver's socket
     QUEUED,  // waits its turn; call flush when the socket is writable
-    FULL,    // refused: the queue is full
+    FULL,    // refused: the queue is full, or the sender's share of it
     GONE     // the receiver's socket does not exist any more
   };
 
@@ -47,7 +51,8 @@ class outlet {
   int fd() const { return m_socket.get(); }
   bool has_queue() const { return !m_queue.empty(); }
 
-  result_e send(const void* bytes, std::size_t size);
+  // `sender` is the serial of a peer, 0 for the core itself.
+  result_e send(const void* bytes, std::size_t size, unsigned long sender);
 
   // Sends what is queued: SENT when nothing is left, QUEUED or GONE otherwise.
   result_e flush();
@@ -60,6 +65,7 @@ class outlet {
   std::deque<datagram> take_queue();
 
  private:
+  bool has_room_for(unsigned long sender) const;
   result_e try_send(const void* bytes, std::size_t size);
 
   unique_fd m_socket;
