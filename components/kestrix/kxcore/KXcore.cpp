@@ -462,7 +462,7 @@ void KXcore::forget_gone_peers() {
     m_directory.forget(*gone);
     m_by_mgmt_path.erase(gone->mgmt_path);
     m_by_data_path.erase(gone->data_path);
-    const std::deque<datagram> undelivered = gone->data.take_queue();
+    const std::vector<datagram> undelivered = gone->data.take_queue();
     const unsigned long queued = undelivered.size() + gone->mgmt.take_queue().size();
     if (const unsigned long lost = queued + gone->data.take_lost() + gone->mgmt.take_lost(); lost > 0) {
       REPORT_PROBLEM("%lu messages to %s are lost", lost, gone->name.c_str());
@@ -474,11 +474,11 @@ void KXcore::forget_gone_peers() {
   if (m_stopping && m_peers.empty()) m_running = false;
 }
 
-void KXcore::answer_lost_requests(const std::deque<datagram>& queue) {
-  for (const datagram& lost : queue) {
+void KXcore::answer_lost_requests(const std::vector<datagram>& queue) {
+  for (const datagram& bytes : queue) {
     KXmessage message;
-    std::memcpy(message.m_header, lost.bytes.data(), lost.bytes.size());
-    message.incr_size(static_cast<int>(lost.bytes.size() - sizeof(msg_header_t)));
+    std::memcpy(message.m_header, bytes.data(), bytes.size());
+    message.incr_size(static_cast<int>(bytes.size() - sizeof(msg_header_t)));
     if (message.m_header->msg_type != MSG_REQ) continue;
     const endpoint* requester = m_directory.find(ntohl(message.m_header->src_siid));
     if (requester != nullptr) answer_undelivered(message, requester->holder(), "the component is gone");

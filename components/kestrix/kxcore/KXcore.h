@@ -79,7 +79,7 @@ class KXcore : public KXcomponent {
 
   void give_up(peer& gone, const char* reason);
   void forget_gone_peers();
-  void answer_lost_requests(const std::deque<datagram>& queue);
+  void answer_lost_requests(const std::vector<datagram>& queue);
 
   void begin_stop();
   void tell_to_end(int count);

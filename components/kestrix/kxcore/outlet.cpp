@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <utility>
 
 unique_fd::~unique_fd() {
@@ -46,36 +47,43 @@ outlet::result_e outlet::try_send(const void* bytes, std::size_t size) {
   }
 }
 
-bool outlet::has_room_for(unsigned long sender) const {
-  const auto own = static_cast<std::size_t>(std::count_if(
-      m_queue.begin(), m_queue.end(), [sender](const datagram& queued) { return queued.sender == sender; }));
-  return own == 0 || own + m_queue.size() < max_queued;
-}
-
 outlet::result_e outlet::send(const void* bytes, std::size_t size, unsigned long sender) {
-  if (m_queue.empty()) {
+  if (!has_queue()) {
     const result_e result = try_send(bytes, size);
     if (result != QUEUED) return result;
   }
-  if (!has_room_for(sender)) {
+  const auto entry = m_queues.find(sender);
+  if (entry != m_queues.end() && entry->second.size() + m_queued >= max_queued) {
     ++m_lost;
     return FULL;
   }
   const auto* begin = static_cast<const unsigned char*>(bytes);
-  m_queue.push_back({sender, {begin, begin + size}});
+  m_queues[sender].emplace_back(begin, begin + size);
+  ++m_queued;
   return QUEUED;
 }
 
 outlet::result_e outlet::flush() {
-  while (!m_queue.empty()) {
-    const std::vector<unsigned char>& next = m_queue.front().bytes;
-    const result_e result = try_send(next.data(), next.size());
+  while (has_queue()) {
+    auto next = m_queues.upper_bound(m_last_served);
+    if (next == m_queues.end()) next = m_queues.begin();
+    std::deque<datagram>& queue = next->second;
+    const result_e result = try_send(queue.front().data(), queue.front().size());
     if (result != SENT) return result;
-    m_queue.pop_front();
+    m_last_served = next->first;
+    queue.pop_front();
+    --m_queued;
+    if (queue.empty()) m_queues.erase(next);
   }
   return SENT;
 }
 
 unsigned long outlet::take_lost() { return std::exchange(m_lost, 0); }
 
-std::deque<datagram> outlet::take_queue() { return std::exchange(m_queue, {}); }
+std::vector<datagram> outlet::take_queue() {
+  std::vector<datagram> given_up;
+  for (auto& [sender, queue] : std::exchange(m_queues, {}))
+    std::move(queue.begin(), queue.end(), std::back_inserter(given_up));
+  m_queued = 0;
+  return given_up;
+}

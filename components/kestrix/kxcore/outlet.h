@@ -4,8 +4,9 @@
 // A receiver holds only a few unread datagrams, and unread datagrams count against the sender's send buffer:
 // with a socket for each destination, one that does not read fills only its own. Being connected, the socket
 // reports POLLOUT when there is room again. Nothing here ever waits: what cannot be sent at once is queued in
-// order, and what does not fit into the queue is refused. A sender may take as many places of a queue as it
-// leaves free, and one in any case: however many flood a queue, it has room for the others.
+// the order of each sender, and what does not fit into the queue is refused. A sender may take as many places
+// of a queue as it leaves free, and one in any case, and the senders have their turns: however many flood a
+// queue, the others find room in it and do not wait for the end of the flood.
 #ifndef OUTLET_H
 #define OUTLET_H
 
@@ -13,6 +14,7 @@
 
 #include <cstddef>
 #include <deque>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -28,10 +30,7 @@ class unique_fd {
   int m_fd;
 };
 
-struct datagram {
-  unsigned long sender;
-  std::vector<unsigned char> bytes;
-};
+using datagram = std::vector<unsigned char>;
 
 class outlet {
  public:
@@ -49,7 +48,7 @@ class outlet {
 
   bool connected() const { return m_connected; }
   int fd() const { return m_socket.get(); }
-  bool has_queue() const { return !m_queue.empty(); }
+  bool has_queue() const { return m_queued > 0; }
 
   // `sender` is the serial of a peer, 0 for the core itself.
   result_e send(const void* bytes, std::size_t size, unsigned long sender);
@@ -62,15 +61,16 @@ class outlet {
   unsigned long lost() const { return m_lost; }
 
   // Gives up what is queued.
-  std::deque<datagram> take_queue();
+  std::vector<datagram> take_queue();
 
  private:
-  bool has_room_for(unsigned long sender) const;
   result_e try_send(const void* bytes, std::size_t size);
 
   unique_fd m_socket;
   bool m_connected;
-  std::deque<datagram> m_queue;
+  std::map<unsigned long, std::deque<datagram>> m_queues;  // by sender, none empty
+  std::size_t m_queued = 0;                                // in all of them
+  unsigned long m_last_served = 0;
   unsigned long m_lost = 0;
 };
 
