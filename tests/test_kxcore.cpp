@@ -109,7 +109,11 @@ struct raw_component {
 
 class kxcore : public testing::Test {
  protected:
-  void SetUp() override { ASSERT_TRUE(wait_until_bound(m_core, fake_core::data_path)); }
+  // Once it answers, the setting that its sockets were created with is what it was.
+  void SetUp() override {
+    ASSERT_TRUE(wait_until_bound(m_core, fake_core::data_path));
+    raw_component("first").exchange(CMD_NONE, nullptr);
+  }
 
   void TearDown() override {
     if (!m_core.has_ended()) m_core.end(SIGKILL);
@@ -230,6 +234,57 @@ TEST_F(kxcore, bounds_the_queue_of_a_component_that_does_not_read) {
     ASSERT_EQ(id, ntohl(next_message(server.data).m_header->msg_id));
   for (int refused = 0; !client.data.receive().empty();)
     ASSERT_LT(++refused, 1000);
+}
+
+TEST_F(kxcore, lets_a_hostile_component_get_nowhere) {
+  raw_component server("server"), user("user"), hostile("hostile");
+  for (raw_component* each : {&server, &user, &hostile})
+    each->enter();
+  const int get = server.offer("get", 0);
+  const int proxy = user.subscribe("get", false).at(0);
+  for (const std::string name : {"server", "user"})
+    hostile.exchange(
+        CMD_UNREG_COMPONENT, [&](KXmessage& m) { m << name; }, MSG_SIG);
+  int own = 0, services = 0;
+  for (int siid; (siid = hostile.offer("service " + std::to_string(services), 0)) > 0; own = siid)
+    ++services;
+  EXPECT_EQ(1024, services);
+  std::string refusal;
+  hostile.exchange(CMD_SUB_FUNCTION, [](KXmessage& m) { m << "get"; }) >> refusal;
+  EXPECT_EQ("it holds 1024 services and subscriptions, which is the limit", refusal);
+  for (int siid = 0; siid < 2000; ++siid) {
+    for (const int src : {own, get, proxy, 1})
+      hostile.send(siid, src, MSG_RSP, 77);
+  }
+  user.send(get, proxy, MSG_REQ, 78);
+  for (unsigned int id = 0; id != 78;) {
+    const KXmessage message = next_message(server.data);
+    id = ntohl(message.m_header->msg_id);
+    EXPECT_EQ(id == 78 ? proxy : own, static_cast<int>(ntohl(message.m_header->src_siid)));
+  }
+  server.send(proxy, get, MSG_RSP, 78);
+  EXPECT_EQ(78u, ntohl(next_message(user.data).m_header->msg_id)) << "a response that is not the service's";
+}
+
+TEST_F(kxcore, serves_the_senders_of_a_full_queue_in_turn) {
+  raw_component server("server"), flooder("flooder"), other("other");
+  for (raw_component* each : {&server, &flooder, &other})
+    each->enter();
+  const int get = server.offer("get", 0);
+  const int from_flooder = flooder.subscribe("get", false).at(0);
+  const int from_other = other.subscribe("get", false).at(0);
+  for (unsigned int id = 0; flooder.data.receive().empty(); ++id)
+    flooder.send(get, from_flooder, MSG_REQ, id);
+  flooder.exchange(CMD_NONE, nullptr);  // answered after the flood was served
+  other.send(get, from_other, MSG_REQ, 7);
+  other.exchange(CMD_NONE, nullptr);
+  const auto next_is = [&](int siid) {
+    return ntohl(next_message(server.data).m_header->src_siid) == static_cast<unsigned int>(siid);
+  };
+  while (!next_is(from_other))
+    continue;
+  for (int after = 0; after < 100; ++after)
+    ASSERT_TRUE(next_is(from_flooder)) << "it waited for the end of the flood";
 }
 
 TEST_F(kxcore, forgets_a_component_that_dies_and_answers_what_it_did_not_read) {

@@ -349,6 +349,9 @@ void KXcore::route(peer& from, KXmessage& message) {
     if (src_siid == serving.siid) return fan_out(serving, message, &from);
     return answer_undelivered(message, &from, "only a signal's own stub reaches its subscribers");
   }
+  if (to->role == endpoint::PROXY && src_siid != serving.siid) {
+    return answer_undelivered(message, &from, "only its service reaches a proxy");
+  }
   peer* const receiver = to->holder();
   if (receiver == nullptr) return answer_undelivered(message, &from, "the service is not offered any more");
   forward(*receiver, message, &from);
