@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <set>
+#include <thread>
 
 #include "feed.h"
 #include "private_bus.h"
@@ -37,7 +38,10 @@ class world {
       for (const KXconnection* const each : *bound)
         REQUIRE(is_alive(each));
     }
-    REQUIRE(pthread_mutex_unlock(&m_component.m_mutex) == EPERM);
+    std::thread([this] {
+      REQUIRE(pthread_mutex_trylock(&m_component.m_mutex) == 0);
+      pthread_mutex_unlock(&m_component.m_mutex);
+    }).join();
     REQUIRE(m_component.m_data_fd == -1 && m_component.m_mgmt_fd == -1);
   }
 

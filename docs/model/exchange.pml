@@ -1,0 +1,339 @@
+/* The exchange of messages between two components through kxcore, with termination signals at any moment.
+ *
+ * Each component runs the library's event loop: it dispatches what was set aside, then serves its management
+ * socket, its data socket or a timer. Its handlers do what applications do: synchronous calls, one-way messages
+ * and management exchanges; while one of them waits for its reply, everything else that arrives is set aside.
+ * What is begun is bounded, so every run comes to rest; what is asked of the system is asked at each step (sent,
+ * settled) and there (at_rest).
+ *
+ * Names in parentheses are the functions of the library and of kxcore. Each of the names that begin with BROKEN_
+ * breaks a rule on purpose, to show that the checks can fail.
+ */
+
+#ifndef ACTIONS
+#define ACTIONS 1 /* that the timer of each component begins */
+#endif
+#ifndef NESTED
+#define NESTED 0 /* calls that the stub of each component makes before it answers */
+#endif
+#ifndef SIGNALS_0
+#define SIGNALS_0 0 /* termination signals to component 0, */
+#endif
+#ifndef SIGNALS_1
+#define SIGNALS_1 0 /* and to component 1 */
+#endif
+#ifndef ROOM
+#define ROOM 1 /* datagrams that a data socket holds */
+#endif
+
+#define IDS_EACH (ACTIONS + NESTED)
+#define IDS (2 * IDS_EACH)
+
+/* A datagram: what it is, the id of its exchange, and the component that it is for; of SUB and UNREG, from. */
+mtype = { NONE, REQ, RSP, SIG, SUB, GRANT, KILL, UNREG };
+
+chan data[2] = [ROOM] of { mtype, byte, byte };
+chan mgmt[2] = [2] of { mtype, byte, byte };
+chan core_data = [ROOM] of { mtype, byte, byte };
+chan core_mgmt = [2] of { mtype, byte, byte };
+chan queue[2] = [1] of { mtype, byte, byte };   /* kxcore's, behind a full data socket (outlet) */
+chan waiting[2] = [6] of { mtype, byte, byte }; /* m_waiting_queue; never full here */
+
+bool running[2] = true; /* m_running */
+bool known[2] = true;   /* to kxcore */
+bool at_poll[2], stopped[2], armed[2];
+byte lock_depth[2];  /* m_mutex: how often it is held, */
+byte lock_holder[2]; /* and by the loop's thread (1) or another (2) */
+byte kills[2];       /* sent, and neither obeyed nor dropped */
+
+/* What became of each message: nothing stays underway, and nothing happens to one twice. */
+#define UNSENT 0
+#define UNDERWAY 1
+#define DELIVERED 2
+#define DROPPED 3
+byte requests[IDS], replies[IDS], notices[IDS];
+
+inline sent(what, which) {
+  d_step {
+    if
+    :: what == REQ -> assert(requests[which] == UNSENT); requests[which] = UNDERWAY
+    :: what == RSP -> assert(replies[which] == UNSENT); replies[which] = UNDERWAY
+    :: what == SIG -> assert(notices[which] == UNSENT); notices[which] = UNDERWAY
+    fi
+  }
+}
+
+inline settled(what, which, fate) {
+  d_step {
+    if
+    :: what == REQ -> assert(requests[which] == UNDERWAY); requests[which] = fate
+    :: what == RSP -> assert(replies[which] == UNDERWAY); replies[which] = fate
+    :: what == SIG -> assert(notices[which] == UNDERWAY); notices[which] = fate
+    fi
+  }
+}
+
+inline acquire(c, thread) {
+  atomic { lock_depth[c] == 0 || lock_holder[c] == thread -> lock_holder[c] = thread; lock_depth[c]++ }
+}
+
+inline release(c) { d_step { assert(lock_depth[c] > 0); lock_depth[c]-- } }
+
+/* send_message_to: the last of its attempts finds room in the core's socket, or the message is dropped. */
+inline send(what, which, whom) {
+  atomic {
+    sent(what, which);
+    if
+    :: nfull(core_data) -> core_data!what(which, whom)
+    :: full(core_data) -> settled(what, which, DROPPED)
+    fi
+  }
+}
+
+/* A synchronous call (proxy_send): what else arrives is set aside (await_response). */
+inline call(c) {
+  atomic { call_id = c * IDS_EACH + used; used++ };
+  acquire(c, 1);
+  send(REQ, call_id, 1 - c);
+  if
+  :: requests[call_id] == DROPPED
+  :: requests[call_id] != DROPPED ->
+    do
+    :: data[c]?kind, id, to ->
+      if
+      :: kind == RSP && id == call_id -> settled(RSP, id, DELIVERED); break
+      :: kind != RSP || id != call_id ->
+#ifndef BROKEN_FOREIGN_MESSAGES_ARE_LOST
+        waiting[c]!kind(id, to)
+#else
+        skip
+#endif
+      fi
+    :: empty(data[c]) -> break /* ten seconds of silence */
+    od
+  fi;
+#ifdef BROKEN_LOCK_IS_KEPT
+  if
+  :: requests[call_id] == DROPPED
+  :: requests[call_id] != DROPPED -> release(c)
+  fi;
+#else
+  release(c);
+#endif
+  call_id = 0
+}
+
+/* A management exchange (interconnect_service) waits without limit; kxcore always answers. */
+inline exchange(c) {
+  core_mgmt!SUB(0, c);
+  do /* await_reply */
+  :: mgmt[c]?kind, id, to ->
+    if
+    :: kind == GRANT -> break
+    :: kind != GRANT -> waiting[c]!kind(id, to)
+    fi
+  od
+}
+
+/* A request's stub answers, perhaps after a call of its own; late responses and notices reach their proxy. */
+inline deliver(c) {
+  if
+  :: kind == KILL -> /* dropped: nobody is bound to the siid of management */
+#ifndef BROKEN_NO_KILL_MAY_BE_SET_ASIDE
+    kills[c]--
+#else
+    skip
+#endif
+  :: kind == REQ ->
+    settled(REQ, id, DELIVERED);
+    served = id;
+    if
+    :: nested > 0 -> nested--; call(c)
+    :: nested == 0
+    fi;
+    send(RSP, served, 1 - c)
+  :: kind == RSP || kind == SIG -> settled(kind, id, DELIVERED)
+  fi
+}
+
+/* What is unread in a socket is lost with it. */
+inline abandon(socket) {
+  do
+  :: socket?kind, id, to ->
+    if
+    :: kind == KILL || kind == GRANT
+    :: kind != KILL && kind != GRANT -> settled(kind, id, DROPPED)
+    fi
+  :: empty(socket) -> break
+  od
+}
+
+proctype component(byte me) {
+  mtype kind;
+  byte id, to, call_id, served, used;
+  byte actions = ACTIONS, nested = NESTED;
+
+  do /* wait */
+  :: running[me] ->
+    do /* dispatch_waiting_queue: the front is removed when it has been dispatched */
+    :: waiting[me]?<kind, id, to> ->
+      deliver(me);
+#ifndef BROKEN_FRONT_IS_DISPATCHED_TWICE
+      waiting[me]?_, _, _
+#endif
+    :: empty(waiting[me]) -> break
+    od;
+#ifdef THREADS
+    acquire(me, 1); /* poll_timeout */
+    release(me);
+#endif
+    atomic { kind = NONE; id = 0; to = 0; served = 0; at_poll[me] = true };
+end_poll:
+    if
+    :: mgmt[me]?kind, id, to -> /* get_mgmt_message */
+      atomic {
+        at_poll[me] = false;
+        if
+        :: kind == KILL -> running[me] = false; kills[me]--
+        :: kind != KILL
+        fi
+      }
+    :: empty(mgmt[me]) && nempty(data[me]) -> /* get_data_message */
+      atomic { at_poll[me] = false; data[me]?kind, id, to };
+      deliver(me)
+    :: empty(mgmt[me]) && empty(data[me]) && actions > 0 -> /* fire_earliest_timer */
+      atomic { at_poll[me] = false; actions-- };
+      acquire(me, 1);
+      if
+      :: call(me)
+      :: atomic { served = me * IDS_EACH + used; used++ }; send(SIG, served, 1 - me)
+      :: exchange(me)
+      fi;
+      release(me)
+    fi
+  :: !running[me] -> break
+  od;
+  acquire(me, 1); /* stop */
+  core_mgmt!UNREG(0, me);
+  atomic {
+    stopped[me] = true;
+    abandon(data[me]);
+    abandon(mgmt[me]);
+    abandon(waiting[me]);
+    release(me)
+  }
+}
+
+/* Another thread arms a timer (add_msec_timer). */
+proctype other_thread(byte me) {
+  acquire(me, 2);
+  armed[me] = true;
+  release(me)
+}
+
+/* sig_handler sends the kill message while the component runs. */
+proctype termination_signals(byte to_whom; byte left) {
+  do
+  :: atomic {
+      left > 0 && running[to_whom] && nfull(mgmt[to_whom]) ->
+      left--;
+      kills[to_whom]++;
+#ifndef BROKEN_SIGNAL_IS_FORGOTTEN
+      mgmt[to_whom]!KILL(0, to_whom)
+#endif
+    }
+  :: left == 0 || !running[to_whom] -> break
+  od
+}
+
+#define reachable(c) (known[c] && !stopped[c])
+
+/* kxcore's road to a component's data socket (forward). */
+inline forward(what, which, whom) {
+  if
+  :: reachable(whom) && empty(queue[whom]) && nfull(data[whom]) -> data[whom]!what(which, whom); refused = false
+  :: reachable(whom) && empty(queue[whom]) && full(data[whom]) -> queue[whom]!what(which, whom); refused = false
+  :: reachable(whom) && nempty(queue[whom]) -> refused = true
+  :: !reachable(whom) -> refused = true
+  fi
+}
+
+/* A request that cannot be delivered is answered with an ERR message, if that can be (answer_undelivered). */
+inline undelivered() {
+  settled(kind, id, DROPPED);
+  if
+  :: kind == REQ ->
+    sent(RSP, id);
+    forward(RSP, id, 1 - to);
+    if
+    :: refused -> settled(RSP, id, DROPPED)
+    :: !refused
+    fi
+  :: kind != REQ
+  fi
+}
+
+inline flush(c) {
+  if
+  :: stopped[c] -> undelivered()
+  :: !stopped[c] -> data[c]!kind(id, to)
+  fi
+}
+
+proctype core() {
+  mtype kind;
+  byte id, to;
+  bool refused;
+
+end:
+  do
+  :: atomic {
+      core_data?kind, id, to ->
+      forward(kind, id, to);
+      if
+      :: refused -> undelivered()
+      :: !refused
+      fi;
+      refused = false
+    }
+  :: atomic { core_mgmt?SUB, _, to -> mgmt[to]!GRANT(0, to) }
+  :: atomic { core_mgmt?UNREG, _, to -> known[to] = false }
+  :: atomic { nempty(queue[0]) && (nfull(data[0]) || stopped[0]) -> queue[0]?kind, id, to; flush(0); refused = false }
+  :: atomic { nempty(queue[1]) && (nfull(data[1]) || stopped[1]) -> queue[1]?kind, id, to; flush(1); refused = false }
+  od
+}
+
+/* Nothing moves any more: each component has stopped or waits in poll, and every message is accounted for. */
+proctype at_rest() {
+  byte i;
+
+  timeout;
+  d_step {
+    for (i : 0 .. 1) {
+      assert(stopped[i] || (at_poll[i] && running[i]));
+      assert(stopped[i] || kills[i] == 0); /* only a kill that an exchange set aside does not end it */
+      assert(lock_depth[i] == 0);
+#ifdef THREADS
+      assert(armed[i])
+#endif
+    };
+    for (i : 0 .. IDS - 1) {
+      assert(requests[i] != UNDERWAY && replies[i] != UNDERWAY && notices[i] != UNDERWAY)
+    }
+  }
+}
+
+init {
+  atomic {
+    run core();
+    run component(0);
+    run component(1);
+#ifdef THREADS
+    run other_thread(0);
+    run other_thread(1);
+#endif
+    run termination_signals(0, SIGNALS_0);
+    run termination_signals(1, SIGNALS_1);
+    run at_rest()
+  }
+}
