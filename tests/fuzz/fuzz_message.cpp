@@ -13,6 +13,10 @@ bool same(const KXmessage& a, const KXmessage& b) {
   return a.size == b.size && std::equal(a.data, a.data + a.offset + a.size, b.data);
 }
 
+std::size_t room(const KXmessage& message) {
+  return static_cast<std::size_t>(buffer_t::capacity - message.offset - message.size);
+}
+
 // A value that is there is read whole, one that is not leaves its target alone.
 template <typename T, bool tagged>
 void read(KXmessage& message, feed& input) {
@@ -35,9 +39,10 @@ template <typename T>
 void write_value(KXmessage& message, const T& value, std::size_t needed) {
   const KXmessage before = message;
   message << value;
-  const bool fits = static_cast<std::size_t>(buffer_t::capacity - before.offset - before.size) >= needed;
-  if (!fits) REQUIRE(same(before, message));
-  if (!fits) return;
+  if (room(before) < needed) {
+    REQUIRE(same(before, message));
+    return;
+  }
   REQUIRE(message.size == before.size + static_cast<int>(needed));
   KXmessage copy = message;
   copy.pos = before.size;
@@ -51,6 +56,15 @@ void write(KXmessage& message, feed& input) {
   write_value(message, static_cast<T>(input.value<T>()), 1 + sizeof(T));
 }
 
+void write_buffer(KXmessage& message, const buffer_t& value) {
+  const int length = value.size;
+  const bool fits = room(message) >= static_cast<std::size_t>(length + 3);
+  const int size = message.size;
+  message << value;
+  REQUIRE(message.size == (fits ? size + length + 3 : size));
+}
+
+// A refused read leaves the text; a tagged one has emptied it by then.
 template <bool tagged>
 void read_string(KXmessage& message, feed&) {
   std::string text = "before";
@@ -60,21 +74,25 @@ void read_string(KXmessage& message, feed&) {
   } else {
     message.buffer_t::operator>>(text);
   }
-  REQUIRE(text == "before" || text.empty() ||
+  REQUIRE(text == (tagged ? "" : "before") ||
           message.pos == pos + tagged + 3 + static_cast<int>(text.size()));
 }
 
+// What is read is appended; a tagged read has emptied the target by then.
 template <bool tagged>
 void read_buffer(KXmessage& message, feed& input) {
   KXmessage into;
   into << std::string(input.below(256) * 8, 'x');
-  const int size = into.size;
+  into.pos = into.size;
+  const int kept = tagged ? 0 : into.size;
+  const int pos = message.pos;
   if (tagged) {
     message >> into;
   } else {
     message.buffer_t::operator>>(into);
   }
-  REQUIRE(into.pos == 0 && into.offset + into.size <= buffer_t::capacity && (tagged || into.size >= size));
+  REQUIRE(into.pos == kept && into.offset + into.size <= buffer_t::capacity);
+  REQUIRE(into.size == kept || into.size == kept + message.pos - pos - tagged - 2);
 }
 
 constexpr operation operations[] = {
@@ -113,11 +131,15 @@ constexpr operation operations[] = {
       const std::vector<unsigned char> bytes = input.bytes(input.value<std::uint16_t>() % 3000);
       write_value(message, std::string(bytes.begin(), bytes.end()), bytes.size() + 4);
     },
+    [](KXmessage& message, feed& input) {  // a text that fills it, but for a few bytes
+      const std::size_t length = std::max(room(message), std::size_t(8)) - input.below(9);
+      write_value(message, std::string(length, 'x'), length + 4);
+    },
     [](KXmessage& message, feed& input) {
       KXmessage value = message;
       value.size = std::min(value.size, input.value<std::uint16_t>() % 2048);
-      message << value;
-      message << message;
+      write_buffer(message, value);
+      write_buffer(message, message);
     },
     [](KXmessage& message, feed& input) { message.incr_pos(input.value<int>()); },
     [](KXmessage& message, feed& input) { message.incr_size(input.value<int>()); },
