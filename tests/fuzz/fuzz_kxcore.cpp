@@ -154,24 +154,33 @@ class world {
       reply >> granted;
       REQUIRE(granted > 1);
       m_holders[static_cast<unsigned int>(granted)].insert(who);
+      if (cmd != CMD_SUB_FUNCTION) continue;
+      int service = -1;
+      reply >> service;
+      m_services[static_cast<unsigned int>(granted)] = static_cast<unsigned int>(service);
     }
   }
 
-  // What arrives was sent by a holder of its source siid, or is the core's own answer.
+  // What arrives was sent by a holder of its source siid, a proxy's by its service, or is the core's answer.
   void check_sources(std::size_t who) {
-    for (;;) {
-      const KXmessage message = m_members[who]->data.receive_message();
-      if (message.m_header->msg_type == MSG_NONE) return;
-      if (message.m_header->msg_type == MSG_ERR) continue;
-      unsigned char sender = 255;
-      message >> sender;
-      REQUIRE(m_holders[ntohl(message.m_header->src_siid)].count(sender) == 1);
+    const raw_socket& arrived = m_members[who]->data;
+    for (auto bytes = arrived.receive(); !bytes.empty(); bytes = arrived.receive()) {
+      REQUIRE(bytes.size() > sizeof(msg_header_t) + 1);
+      const auto& header = *reinterpret_cast<const msg_header_t*>(bytes.data());
+      const unsigned char tag = bytes[sizeof header];
+      const unsigned char sender = bytes[sizeof header + 1];
+      if (tag == TAG_STRING) continue;
+      const unsigned int source = ntohl(header.src_siid);
+      REQUIRE(m_holders[source].count(sender) == 1);
+      const auto service = m_services.find(ntohl(header.dst_siid));
+      REQUIRE(service == m_services.end() || service->second == source);
     }
   }
 
   feed& m_input;
   unsigned int m_msg_id = 0;
   std::map<unsigned int, std::set<std::size_t>> m_holders;  // of each siid that was granted
+  std::map<unsigned int, unsigned int> m_services;          // of each function proxy
   std::unique_ptr<member> m_members[members];
   core_probe m_core{false};
 };
