@@ -252,6 +252,7 @@ class KX_EXPORT KXcomponent {
   void begin_synchronous_wait();
   void end_synchronous_wait();
   int (*take_close_cb())();
+  int send_to_self(KXmessage& message);
   void tell_loop_to_end();
 
   pthread_t m_loop_thread = {};

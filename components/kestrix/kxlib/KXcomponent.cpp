@@ -711,7 +711,7 @@ void KXcomponent::begin_synchronous_wait() {
 void KXcomponent::end_synchronous_wait() {
   if (!loop_runs_elsewhere() || m_waiting_queue.empty() || m_unread_own > 0) return;
   KXmessage message = make_management_message(CMD_NONE, 0);
-  if (send_message_to(m_mgmt_fd, m_mgmt_socket_name.c_str(), message) > 0) ++m_unread_own;
+  send_to_self(message);
 }
 
 // --- start, stop and signals ---
@@ -759,14 +759,21 @@ int (*KXcomponent::take_close_cb())() {
 
 int KXcomponent::sendKillMsgToSelf() {
   KXmessage message = make_management_message(CMD_KILL_COMPONENT, kill_message_id);
-  return send_message_to(m_mgmt_fd, m_mgmt_socket_name.c_str(), message);
+  return send_to_self(message);
+}
+
+// Counted before it is sent: the loop may have read it before the send returns.
+int KXcomponent::send_to_self(KXmessage& message) {
+  ++m_unread_own;
+  const int sent = send_message_to(m_mgmt_fd, m_mgmt_socket_name.c_str(), message);
+  if (sent <= 0) --m_unread_own;
+  return sent;
 }
 
 // Signals that come faster than the loop reads would fill the socket, and each would then wait for room that
 // only the thread it interrupts can make.
 void KXcomponent::tell_loop_to_end() {
-  if (m_unread_own >= max_unread_own) return;
-  if (sendKillMsgToSelf() > 0) ++m_unread_own;
+  if (m_unread_own < max_unread_own) sendKillMsgToSelf();
 }
 
 void sig_handler(int sig, siginfo_t* info, void* /*ctx*/) {
