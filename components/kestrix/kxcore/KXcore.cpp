@@ -18,7 +18,7 @@
 
 namespace {
 
-// A turn ends after this many batches, so that a flood on one socket does not keep the loop from the other.
+// A turn ends after this many batches, so that a flood of data does not keep the loop from the rest.
 constexpr int batches_per_turn = 16;
 constexpr unsigned int kill_message_id = 0x33333333;
 constexpr char unparsable[] = "the payload does not parse";
@@ -115,20 +115,17 @@ void KXcore::drop(peer* from, const std::string& sender, const char* reason) {
 // --- management ---
 
 void KXcore::get_mgmt_message(int /*fd*/) {
-  unsigned int received = inbox::batch_size;
-  for (int batch = 0; batch < batches_per_turn && received == inbox::batch_size; ++batch) {
-    received = m_mgmt_inbox.receive(m_mgmt_fd);
-    get_data_message(m_data_fd);
-    for (unsigned int i = 0; i < received; ++i) {
-      const std::string& sender = m_mgmt_inbox.sender(i);
-      const pid_t pid = m_mgmt_inbox.sender_pid(i);
-      peer* const from = peer_at(sender, pid);
-      if (m_mgmt_inbox.is_malformed(i)) {
-        drop(from, sender, "it is malformed");
-      } else {
-        handle_management({sender, pid, from, m_mgmt_inbox.message(i)});
-        forget_gone_peers();
-      }
+  const unsigned int received = m_mgmt_inbox.receive(m_mgmt_fd);
+  get_data_message(m_data_fd);
+  for (unsigned int i = 0; i < received; ++i) {
+    const std::string& sender = m_mgmt_inbox.sender(i);
+    const pid_t pid = m_mgmt_inbox.sender_pid(i);
+    peer* const from = peer_at(sender, pid);
+    if (m_mgmt_inbox.is_malformed(i)) {
+      drop(from, sender, "it is malformed");
+    } else {
+      handle_management({sender, pid, from, m_mgmt_inbox.message(i)});
+      forget_gone_peers();
     }
   }
 }
