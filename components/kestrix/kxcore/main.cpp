@@ -17,6 +17,7 @@
 
 #include "KXcore.h"
 #include "KXerror.h"
+#include "KXlog.h"
 
 namespace {
 
@@ -71,12 +72,18 @@ void raise_descriptor_limit() {
 // others. Where the system does not permit that, the setting stays.
 class longer_socket_queues {
  public:
-  longer_socket_queues() {
-    std::ifstream(setting) >> m_before;
-    if (m_before > 0 && m_before < wanted) std::ofstream(setting) << wanted;
+  longer_socket_queues() : m_before(current()) {
+    if (m_before >= wanted) return;
+    std::ofstream(setting) << wanted;
+    if (current() >= wanted) return;
+    std::fprintf(stderr,
+                 "kxcore: cannot raise %s, which is %d: senders of more messages at once are held up\n",
+                 setting, m_before);
+    KX_LOG_WARNING("cannot raise %s, which is %d: senders of more messages at once are held up", setting,
+                   m_before);
   }
   ~longer_socket_queues() {
-    if (m_before > 0 && m_before < wanted) std::ofstream(setting) << m_before;
+    if (m_before < wanted) std::ofstream(setting) << m_before;
   }
   longer_socket_queues(const longer_socket_queues&) = delete;
   longer_socket_queues& operator=(const longer_socket_queues&) = delete;
@@ -85,7 +92,13 @@ class longer_socket_queues {
   static constexpr char setting[] = "/proc/sys/net/unix/max_dgram_qlen";
   static constexpr int wanted = 4096;
 
-  int m_before = 0;
+  static int current() {
+    int length = wanted;  // without the setting there is nothing to raise
+    std::ifstream(setting) >> length;
+    return length;
+  }
+
+  const int m_before;
 };
 
 std::unique_ptr<KXcore> create_core(bool verbose) {
