@@ -31,14 +31,12 @@ constexpr char usage[] =
     "usage: kxsoak [REQUESTS] [--components N] [--stopped N] [--killed N] [--flooding N] [--seed N]\n"
     "              [--untimed | --responses-only]\n"
     "\n"
-    "Exchanges REQUESTS (1,000,000) synchronous requests between components (100 in all) through kxcore, "
-    "while\n"
-    "some are stopped with full queues (20), some are killed and started again (10), and some flood (5). "
-    "Fails\n"
-    "when a response is wrong or missing, when a request waits longer than 100 times the median (unless\n"
-    "--untimed), or when the memory of kxcore or of a component grows (with --responses-only neither of "
-    "these,\n"
-    "for builds with sanitizers).\n";
+    "Exchanges REQUESTS (1,000,000) synchronous requests between components (100 in all) through kxcore,\n"
+    "while some are stopped with full queues (20), some are killed and started again (10), and some flood\n"
+    "(5). Fails when a response is wrong or missing, when a request waits longer than 100 times the median\n"
+    "(unless --untimed), or when the memory of kxcore or of a component grows (with --responses-only "
+    "neither\n"
+    "of these, for builds with sanitizers).\n";
 
 constexpr char queue_setting[] = "/proc/sys/net/unix/max_dgram_qlen";
 constexpr int skipped = 77;
@@ -46,8 +44,7 @@ constexpr int skipped = 77;
 constexpr double longest_wait_in_medians = 100;
 constexpr long memory_growth_kib = 512;
 constexpr int callers_per_server = 3;
-constexpr int flooded_server =
-    0;  // has no time: the components that are killed call it, and no response is timed
+constexpr int flooded_server = 0;  // the components that are killed call it; its responses are not timed
 constexpr int largest_text = 2048 - 14 - 9 - 4;  // beside header, number and the string's own bytes
 constexpr useconds_t turn_us = 50'000;
 
@@ -171,15 +168,31 @@ void call_servers(const std::string& name, int servers, const settings& with, un
 }
 
 // Serves, and calls the server that is flooded, until it is killed.
+class mortal : public KXproxy {
+ public:
+  mortal(KXcomponent* component, std::string name) : KXproxy(component), m_name(std::move(name)) {
+    subscribe(*this, numbered("server", flooded_server), SYNC);
+    component->add_msec_timer(1, this, static_call, 0);
+  }
+
+ private:
+  static int static_call(void* self, int) {
+    auto& user = *static_cast<mortal*>(self);
+    call(user, user.m_name, ++user.m_calls, 10);
+    return 0;
+  }
+
+  const std::string m_name;
+  unsigned long long m_calls = 0;
+};
+
 void live_dangerously(const std::string& name) {
   KXclientComponent component(name.c_str(), nullptr);
   component.register_component();
   echo service(&component);
   service.register_synchronous(name.c_str());
-  KXproxy proxy(&component);
-  subscribe(proxy, numbered("server", flooded_server), KXconnection::SYNC);
-  for (unsigned long long number = 0;; ++number)
-    call(proxy, name, number, 10);
+  mortal user(&component, name);
+  component.wait(true);
 }
 
 // Requests to a component that does not read, until the core refuses them; then one now and then.
@@ -189,7 +202,7 @@ class filling_proxy : public KXproxy {
   using KXproxy::process_message;
 
   void fill() {
-    if (m_refused && ++m_pause % 256 != 0) return;
+    if (m_refused && ++m_pause % 64 != 0) return;
     KXmessage message;
     message << 0ull;
     message << std::string(largest_text, 'x');
@@ -215,7 +228,7 @@ void fill_queues(int stopped) {
     proxies.push_back(std::make_unique<filling_proxy>(&component));
     subscribe(*proxies.back(), numbered("stopped", i), KXconnection::ASYNC);
     component.add_msec_timer(
-        0, proxies.back().get(),
+        1, proxies.back().get(),
         [](void* proxy, int) {
           static_cast<filling_proxy*>(proxy)->fill();
           return 0;
@@ -230,12 +243,11 @@ class flooding_component : public KXclientComponent {
  public:
   using KXclientComponent::KXclientComponent;
 
-  void send(const KXmessage& message, bool mgmt) {
+  void send(const void* bytes, std::size_t size, bool mgmt) {
     peer_info_t to;
     std::string path = mgmt ? m_kxcore_mgmt_socket_name : m_kxcore_data_socket_name;
     to.path(path);
-    const auto size = static_cast<std::size_t>(message.datagram_size());
-    while (sendto(mgmt ? m_mgmt_fd : m_data_fd, message.m_header, size, MSG_DONTWAIT,
+    while (sendto(mgmt ? m_mgmt_fd : m_data_fd, bytes, size, MSG_DONTWAIT,
                   reinterpret_cast<const sockaddr*>(&to.addr), to.addrlen) < 0)
       usleep(1000);
     ++board->flooded;
@@ -243,7 +255,7 @@ class flooding_component : public KXclientComponent {
 };
 
 // In turn what is in order, what is for somebody who does not read, what comes from somebody else, and what
-// makes no sense.
+// makes no sense; the last two cut off anywhere.
 void flood(const std::string& name, unsigned int seed) {
   flooding_component component(name.c_str(), nullptr);
   component.register_component();
@@ -259,6 +271,7 @@ void flood(const std::string& name, unsigned int seed) {
     usleep(turn_us);
   for (unsigned int turn = 0;; ++turn) {
     const bool in_order = turn % 4 < 2;
+    const bool mgmt = turn % 4 == 3;
     const any_proxy& proxy = turn % 4 == 0 ? to_server : to_stopped;
     KXmessage message;
     message.m_header->dst_siid = in_order ? htonl(proxy.m_service_siid) : htonl(random() % 500);
@@ -266,7 +279,8 @@ void flood(const std::string& name, unsigned int seed) {
     message.m_header->msg_type = turn % 4 == 0 ? MSG_SIG : MSG_REQ;
     message.m_header->cmd = static_cast<std::uint8_t>(random());
     if (random() % 2 == 0) message << std::string(largest_text, 'x');
-    component.send(message, turn % 4 == 3);
+    const auto size = static_cast<std::size_t>(message.datagram_size());
+    component.send(message.m_header, in_order ? size : random() % (size + 1), mgmt);
   }
 }
 
@@ -321,14 +335,15 @@ class soak {
   soak& operator=(const soak&) = delete;
 
   // Whether everything held.
-  bool run(pid_t core) {
-    const std::vector<pid_t> watched = {core, m_working.front()->pid(), m_working.back()->pid()};
+  bool run(child_process& core) {
+    const std::vector<pid_t> watched = {core.pid(), m_working.front()->pid(), m_working.back()->pid()};
     std::vector<long> warm, late;
     const std::uint64_t started = now_ns();
     long kills = 0;
     board->begun = true;
     for (int turn = 1; board->answered + board->failed < m_settings.requests; ++turn) {
       usleep(turn_us);
+      if (core.has_ended() || !all_work()) return std::puts("FAILED: kxcore or a component has ended"), false;
       replace_one();
       ++kills;
       const long done = board->answered + board->failed;
@@ -348,6 +363,13 @@ class soak {
     const std::size_t victim = m_random() % m_mortal.size();
     m_mortal[victim]->end(SIGKILL);
     m_mortal[victim] = start([victim] { live_dangerously(numbered("mortal", static_cast<int>(victim))); });
+  }
+
+  // A caller ends when every request has been taken.
+  bool all_work() const {
+    return board->taken >= m_settings.requests ||
+           std::none_of(m_working.begin(), m_working.end(),
+                        [](const auto& each) { return each->has_ended(); });
   }
 
   static std::vector<long> memory_of_all(const std::vector<pid_t>& processes) {
@@ -375,7 +397,7 @@ class soak {
                 us(board->latency.quantile(0.999)), longest, longest / median);
     std::printf("meanwhile     %ld components killed and started again, %ld datagrams of floods\n", kills,
                 board->flooded.load());
-    static constexpr const char* names[] = {"kxcore", "a server", "a caller"};
+    static constexpr const char* names[] = {"kxcore", "server0", "the last caller"};
     bool flat = true;
     for (std::size_t i = 0; i < late.size(); ++i) {
       std::printf("memory        %s: %ld KiB after a tenth, %ld KiB after nine\n", names[i], warm[i],
@@ -447,6 +469,6 @@ int main(int argc, char** argv) {
   child_process core(std::vector<std::string>{sibling_program("kxcore")});
   if (!wait_until_bound(core, "/tmp/kxcore/kxcore-d")) return EXIT_FAILURE;
   soak subject(with);
-  const bool held = subject.run(core.pid());
+  const bool held = subject.run(core);
   return held ? EXIT_SUCCESS : EXIT_FAILURE;
 }

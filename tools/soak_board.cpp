@@ -29,7 +29,7 @@ std::uint64_t latency_histogram::quantile(double part) const {
   std::uint64_t below = 0;
   for (unsigned int i = 0; i < buckets; ++i) {
     below += m_counts[i];
-    if (below > wanted) return least_of(i + 1);
+    if (below > wanted) return least_of(i);
   }
   return m_longest;
 }

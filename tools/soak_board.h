@@ -10,7 +10,7 @@ class latency_histogram {
  public:
   void add(std::uint64_t ns);
 
-  // The duration that this part (0 to 1) of all stay below; the longest.
+  // A duration that this part (0 to 1) of all do not reach, rounded down to its bucket; the longest.
   std::uint64_t quantile(double part) const;
   std::uint64_t longest() const { return m_longest; }
 
