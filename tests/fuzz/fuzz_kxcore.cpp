@@ -1,52 +1,25 @@
 // The core, in this process, between components made of raw sockets: the input chooses who sends what, who
 // reads, and who goes and comes.
 #include <arpa/inet.h>
-#include <poll.h>
 
 #include <map>
 #include <memory>
 #include <set>
 
-#include "KXcore.h"
 #include "feed.h"
 #include "private_bus.h"
-#include "probe.h"
+#include "raw_component.h"
 
 namespace {
 
 constexpr std::size_t members = 4;
 
-class core_probe : public KXcore {
- public:
-  using KXcore::KXcore;
-  ~core_probe() override { stop(); }
-
-  // Serves its descriptors until nothing is left to do.
-  void serve() {
-    while (poll(m_fda, static_cast<nfds_t>(m_nfds), 0) > 0) {
-      for (int i = 0; i < m_nfds; ++i)
-        if (m_fda[i].revents != 0) m_fd_handlers[i].handler(m_fd_handlers[i].context, m_fda[i].fd);
-    }
-  }
-};
-
-struct member {
-  explicit member(std::size_t index)
-      : name(1, static_cast<char>('a' + index)),
-        mgmt("/tmp/kxcore/" + name),
-        data("/tmp/kxcore/" + name + "-d") {}
-
-  std::string name;
-  raw_socket mgmt;
-  raw_socket data;
-};
-
 class world {
  public:
   explicit world(feed& input) : m_input(input) {
     for (std::size_t i = 0; i < members; ++i) {
-      m_members[i] = std::make_unique<member>(i);
-      if (i % 2 == 0) send_management(i, CMD_REG_COMPONENT, MSG_REQ);
+      begin(i);
+      if (i % 2 == 0) m_members[i]->manage(CMD_REG_COMPONENT, "", 0);
     }
   }
 
@@ -61,13 +34,17 @@ class world {
       check_sources(i);
       m_core.serve();
       note_grants(i);
-      send_management(i, CMD_REG_COMPONENT, MSG_REQ);
+      m_members[i]->manage(CMD_REG_COMPONENT, "", 0);
       m_core.serve();
       REQUIRE(note_grants(i) == MSG_RSP);  // whatever happened, a component can register
     }
   }
 
  private:
+  void begin(std::size_t who) {
+    m_members[who] = std::make_unique<raw_component>(std::string(1, static_cast<char>('a' + who)));
+  }
+
   void act() {
     const std::size_t who = m_input.below(members);
     const std::size_t what = m_input.below(8);
@@ -76,17 +53,22 @@ class world {
     if (what == 2 && m_input.below(4) == 0) {
       m_members[who].reset();
       if (m_input.below(2) == 0) m_core.serve();
-      m_members[who] = std::make_unique<member>(who);
+      begin(who);
     }
     if (what < 6) {
       const auto cmd = static_cast<mgmt_cmd_e>(m_input.below(13));
-      return send_management(who, cmd, static_cast<msg_type_e>(m_input.below(5)));
+      const std::string service = "service " + std::to_string(m_input.below(3));
+      const unsigned int number = cmd == CMD_REG_SIGNAL     ? 2u
+                                  : cmd == CMD_REG_FUNCTION ? m_input.value<std::uint8_t>() & 1u
+                                                            : siid();
+      return m_members[who]->manage(cmd, service, static_cast<int>(number),
+                                    static_cast<msg_type_e>(m_input.below(5)));
     }
     for (std::size_t times = 1 + m_input.below(4) * m_input.below(60); times > 0; --times)
       send_data(who);
   }
 
-  void send_raw(const member& from) {
+  void send_raw(const raw_component& from) {
     const bool mgmt = m_input.below(2) == 0;
     auto bytes = m_input.bytes(m_input.value<std::uint16_t>() % 2100);
     if (!mgmt && bytes.size() > 4) bytes[4] |= 0x80;  // a source that nobody was granted
@@ -100,33 +82,6 @@ class world {
     auto entry = m_holders.begin();
     std::advance(entry, static_cast<long>(m_input.below(m_holders.size())));
     return entry->first;
-  }
-
-  void send_management(std::size_t who, mgmt_cmd_e cmd, msg_type_e type) {
-    const member& from = *m_members[who];
-    const std::string service = "service " + std::to_string(m_input.below(3));
-    KXmessage message = make_message(1, 1, type, cmd, ++m_msg_id);
-    switch (cmd) {
-      case CMD_REG_COMPONENT:
-        message << from.name, message << from.data.path();
-        break;
-      case CMD_UNREG_COMPONENT:
-        message << from.name;
-        break;
-      case CMD_REG_FUNCTION:
-      case CMD_REG_SIGNAL:
-        for (const std::string& text : {from.name, service, service, service})
-          message << text;
-        message << (cmd == CMD_REG_SIGNAL ? 2u : static_cast<unsigned int>(m_input.below(2)));
-        break;
-      case CMD_SUB_FUNCTION:
-      case CMD_SUB_SIGNAL:
-        message << service;
-        break;
-      default:
-        message << siid();
-    }
-    from.mgmt.send(fake_core::mgmt_path, message);
   }
 
   // The sender's index is in the payload.
@@ -181,8 +136,8 @@ class world {
   unsigned int m_msg_id = 0;
   std::map<unsigned int, std::set<std::size_t>> m_holders;  // of each siid that was granted
   std::map<unsigned int, unsigned int> m_services;          // of each function proxy
-  std::unique_ptr<member> m_members[members];
-  core_probe m_core{false};
+  std::unique_ptr<raw_component> m_members[members];
+  core_probe m_core;
 };
 
 }  // namespace
