@@ -145,10 +145,8 @@ class life {
         reply << value;
     });
     m_core.serve();
-    for (KXmessage data = m_core.data.receive_message(); data.m_header->msg_type != MSG_NONE;
-         data = m_core.data.receive_message()) {
+    for (KXmessage data; m_core.data.receive(data);)
       if (data.m_header->cmd == answered) m_core.data.send(component->m_data_socket_name, data);
-    }
     for (; m_arriving > 0; --m_arriving)
       m_core.data.send(component->m_data_socket_name, arriving());
   }

@@ -49,49 +49,36 @@ class world {
     stub_probe& stub = *m_stubs[m_input.below(connections)];
     proxy_probe& proxy = *m_proxies[m_input.below(connections)];
     const auto kind = static_cast<KXconnection::interface_type_e>(m_input.below(kinds));
-    try {
-      switch (m_input.below(12)) {
-        case 0:
-          stub.register_service("service", kind);
-          break;
-        case 1:
+    const std::function<void()> acts[] = {
+        [&] { stub.register_service("service", kind); },
+        [&] {
           unbind(proxy);  // subscribed again, it would keep what it was bound to
           proxy.subscribe_service("service", kind, nullptr);
-          break;
-        case 2:
-          stub.disconnect(m_input.below(2) == 0);
-          break;
-        case 3:
-          proxy.disconnect(m_input.below(2) == 0);
-          break;
-        case 4:
-          renew(m_stubs[m_input.below(connections)]);
-          break;
-        case 5:
-          renew(m_proxies[m_input.below(connections)]);
-          break;
-        case 6:
-          m_component.add_msec_timer(m_input.value<int>(), this, on_timer, 7);
-          break;
-        case 7:
-          m_component.del_timer(this, on_timer, 7);
-          break;
-        case 8:
-          fail();
-          break;
-        case 9: {
+        },
+        [&] { stub.disconnect(m_input.below(2) == 0); },
+        [&] { proxy.disconnect(m_input.below(2) == 0); },
+        [&] { renew(m_stubs[m_input.below(connections)]); },
+        [&] { renew(m_proxies[m_input.below(connections)]); },
+        [&] { m_component.add_msec_timer(m_input.value<int>(), this, on_timer, 7); },
+        [&] { m_component.del_timer(this, on_timer, 7); },
+        [&] { fail(); },
+        [&] {
           KXmessage message = near_valid();
           stub.connection_send(message);
-          break;
-        }
-        default:
-          KXmessage message = near_valid();
-          proxy.proxy_send(message);
-          m_awaited = ntohl(message.m_header->msg_id);
-      }
+        },
+        [&] { call(proxy); },
+        [&] { call(proxy); }};
+    try {
+      acts[m_input.below(std::size(acts))]();
     } catch (KXerror::error_e) {
       // The core refuses, or grants a siid that is taken.
     }
+  }
+
+  void call(proxy_probe& proxy) {
+    KXmessage message = near_valid();
+    proxy.proxy_send(message);
+    m_awaited = ntohl(message.m_header->msg_id);
   }
 
   static int on_timer(void* context, int) {
@@ -109,12 +96,9 @@ class world {
 
   // The core reads what there is. Some datagrams come before an exchange has its reply, which always comes.
   void before_select() {
-    for (KXmessage request = m_core.mgmt.receive_message(); request.m_header->msg_type != MSG_NONE;
-         request = m_core.mgmt.receive_message()) {
+    for (KXmessage request; m_core.mgmt.receive(request);)
       if (request.m_header->msg_type == MSG_REQ) m_unanswered.push_back(request);
-    }
-    for (KXmessage sent = m_core.data.receive_message(); sent.m_header->msg_type != MSG_NONE;
-         sent = m_core.data.receive_message())
+    for (KXmessage sent; m_core.data.receive(sent);)
       m_awaited = ntohl(sent.m_header->msg_id);
     for (std::size_t extra = m_input.below(3); extra > 0; --extra)
       inject();

@@ -56,12 +56,18 @@ std::vector<unsigned char> raw_socket::receive() const {
   return bytes;
 }
 
-KXmessage raw_socket::receive_message() const {
-  KXmessage message;
+bool raw_socket::receive(KXmessage& message) const {
   const std::vector<unsigned char> bytes = receive();
-  if (bytes.size() < sizeof(msg_header_t)) return message;
+  if (bytes.size() < sizeof(msg_header_t)) return false;
+  message = KXmessage();
   std::memcpy(message.m_header, bytes.data(), bytes.size());
   message.incr_size(static_cast<int>(bytes.size() - sizeof(msg_header_t)));
+  return true;
+}
+
+KXmessage raw_socket::receive_message() const {
+  KXmessage message;
+  receive(message);
   return message;
 }
 
@@ -98,9 +104,7 @@ void fake_core::reply(msg_type_e type, std::function<void(KXmessage&)> fill) {
 }
 
 void fake_core::serve() {
-  for (;;) {
-    const KXmessage request = mgmt.receive_message();
-    if (request.m_header->msg_type == MSG_NONE) return;
+  for (KXmessage request; mgmt.receive(request);) {
     received.push_back(request);
     if (request.m_header->msg_type != MSG_REQ || m_replies.empty()) continue;
     KXmessage answer = request;

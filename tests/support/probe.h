@@ -103,7 +103,8 @@ class raw_socket {
   // The path of the sender of what was received last.
   const std::string& sender() const { return m_sender; }
 
-  // The next datagram as a message; one with MSG_NONE when there is none.
+  // The next datagram as a message; false, or one with MSG_NONE, when there is none.
+  bool receive(KXmessage& message) const;
   KXmessage receive_message() const;
 
  private:
