@@ -1,6 +1,5 @@
 #include <unistd.h>
 
-#include <filesystem>
 #include <future>
 #include <optional>
 
@@ -35,19 +34,12 @@ class component : public seam_test {
 };
 
 TEST_F(component, failed_construction_leaves_nothing_behind) {
-  const auto entries = [](const char* path) {
-    return std::distance(std::filesystem::directory_iterator(path), std::filesystem::directory_iterator());
-  };
-  const auto files = entries("/tmp/kxcore"), descriptors = entries("/proc/self/fd");
-  for (const int failing : {0, 1, 2}) {
-    reset();
-    fail(BIND, EACCES, 1, failing);
-    const std::string name(failing < 2 ? 3 : 94, 'x');
-    EXPECT_THROW(component_probe(name.c_str(), nullptr), KXerror::error_e);
-    EXPECT_TRUE(logged(failing < 2 ? "failed - Permission denied" : "x-d failed - File name too long"));
-    EXPECT_EQ(failing == 2, calls().empty()) << "a long path is refused before anything happens";
-    EXPECT_TRUE(files == entries("/tmp/kxcore") && descriptors == entries("/proc/self/fd")) << failing;
-  }
+  fail(BIND, EACCES, 1, 1);
+  EXPECT_THROW(component_probe("x", nullptr), KXerror::error_e);
+  EXPECT_TRUE(logged("x-d failed - Permission denied") && access("/tmp/kxcore/x", F_OK) != 0);
+  reset();
+  EXPECT_THROW(component_probe(std::string(94, 'x').c_str(), nullptr), KXerror::error_e);
+  EXPECT_TRUE(logged("x-d failed - File name too long") && calls().empty()) << "refused beforehand";
 }
 
 TEST_F(component, send_is_tried_three_times_a_second_apart) {
@@ -286,19 +278,5 @@ TEST_F(component, start_runs_phases_one_after_the_other_then_loops_and_stops) {
     EXPECT_TRUE(logged("start: KESTRIX init_done") && logged("Exit polling loop") &&
                 logged("(stop) - stop finished"));
     EXPECT_EQ((ints{-1, -1, -1}), (ints{own.m_data_fd, own.m_mgmt_fd, own.sendKillMsgToSelf()}));
-  }
-}
-
-TEST_F(component, every_termination_signal_ends_a_running_component_and_no_other) {
-  for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGPIPE}) {
-    component_probe victim("victim");
-    reset();
-    before(POLL, [&] { raise(signal); });
-    raise(signal);
-    victim.wait(true);
-    raise(signal);
-    EXPECT_EQ(2, times_logged("not handled: component already stopped"));
-    EXPECT_EQ(1, times_logged(" received from ") - times_logged(" received from (pid)"));
-    EXPECT_TRUE(logged(": killing victim"));
   }
 }
