@@ -41,8 +41,6 @@ constexpr std::size_t max_lines = 4096;
 
 std::array<armed_call, seam::CALLS> armed;
 std::vector<seam::call_e> made;
-std::size_t failing_call = 0;  // its place in `made`, counted from 1
-int failing_call_error = 0;
 int failing_allocation = 0;  // how many there are before it, and itself
 std::array<line_record, max_lines> records;
 std::atomic<std::size_t> record_count{0};
@@ -62,38 +60,25 @@ Function real(const char* name, Function) {
 }
 #define REAL(name) real(#name, &::name)
 
+void run(std::function<void()> hook) {
+  if (!hook || inside) return;
+  inside = true;
+  hook();
+  inside = false;
+}
+
 // Notes a call and runs its hook; whether it is to fail, with errno set.
 bool fails(seam::call_e call) {
   if (!arms || inside) return false;
   armed_call& entry = armed[call];
   ++entry.count;
   made.push_back(call);
-  if (entry.hook) {
-    inside = true;
-    const auto hook = entry.hook;
-    hook();
-    inside = false;
-  }
-  if (made.size() == failing_call) {
-    errno = failing_call_error;
-    return true;
-  }
-  if (entry.failures == 0) return false;
-  if (entry.skip > 0) {
-    --entry.skip;
-    return false;
-  }
+  run(entry.hook);
+  if (entry.failures == 0 || entry.skip-- > 0) return false;
   --entry.failures;
+  entry.skip = 0;
   errno = entry.error;
   return true;
-}
-
-void run_idle_hook() {
-  if (!idle || inside) return;
-  inside = true;
-  const auto hook = idle;
-  hook();
-  inside = false;
 }
 
 bool clock_is_fake() { return arms && is_fake(fake_now); }
@@ -101,7 +86,7 @@ bool clock_is_fake() { return arms && is_fake(fake_now); }
 int count_ready(const std::function<int()>& look) {
   int ready = look();
   if (ready != 0) return ready;
-  run_idle_hook();
+  run(idle);
   return look();
 }
 
@@ -118,7 +103,6 @@ void reset() {
   made.clear();
   made.reserve(1 << 16);  // so that notes allocate nothing
   assertions.reserve(1 << 10);
-  failing_call = 0;
   failing_allocation = 0;
   assertions.clear();
   idle = nullptr;
@@ -127,11 +111,7 @@ void reset() {
   trace_level(9);
 }
 
-void disarm() {
-  arms = false;
-  idle = nullptr;
-  fake_now = -1;
-}
+void disarm() { arms = false; }
 
 const std::vector<call_e>& calls() { return made; }
 int count(call_e call) { return armed[call].count; }
@@ -140,11 +120,6 @@ void fail(call_e call, int error, int times, int skip) {
   armed[call].error = error;
   armed[call].failures = times;
   armed[call].skip = skip;
-}
-
-void fail_call(std::size_t n, int error) {
-  failing_call = made.size() + n;
-  failing_call_error = error;
 }
 
 void fail_allocation(int n) { failing_allocation = n; }

@@ -48,9 +48,6 @@ int count(call_e call);
 // Lets `times` calls fail with `error`, after `skip` calls that pass.
 void fail(call_e call, int error, int times = 1, int skip = 0);
 
-// Lets the `n`-th call from now on, of whatever kind, fail with `error`.
-void fail_call(std::size_t n, int error);
-
 // In programs that link allocations.cpp: lets the `n`-th operator new fail; whether it has; how many blocks
 // there are.
 void fail_allocation(int n);
