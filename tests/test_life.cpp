@@ -1,7 +1,9 @@
 // Lives a component's life in steps. Once it does everything, well and badly, and the log is what a firmware
-// engineer reads, line by line: log_lines.txt. Then, with one fault in each life, every system call fails
-// with every error that its manual page names, and every allocation fails: each time the step has the outcome
-// of the table, nothing is left behind, and the step then succeeds.
+// engineer reads, line by line: log_lines.txt, with the bytes of the management messages behind. Then, with
+// one fault in each life, every system call fails with every error that its manual page names, and every
+// allocation fails: each time the step has the outcome of the table, nothing is left behind, and the step
+// then succeeds.
+#include <arpa/inet.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,6 +12,7 @@
 #include <map>
 #include <optional>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -126,17 +129,27 @@ class life {
 
   // What the library refuses, drops or takes without need.
   void misuse() {
-    proxy_probe proxy(&*component);
+    KXproxy proxy(&*component);
+    struct : KXstub {
+      using KXstub::KXstub;
+      const char* get_xml_comment() const override { return "a comment"; }
+    } idle(&*component);
     KXmessage message = make_message(3, 9, MSG_SIG, 5, 77);
+    peer_info_t peer;
     proxy.proxy_send(message);
     m_stub->register_signal(service);
     stub_probe twin(&*component);
     m_siid = static_cast<int>(m_stub->m_siid) - 1;
     EXPECT_THROW(twin.register_asynchronous("twin"), KXerror::error_e);
+    EXPECT_EQ(1, idle.register_signal("ticks"));
+    idle.disconnect(true);
     m_answer = MSG_ERR;
     EXPECT_THROW(proxy.subscribe_asynchronous("absent", nullptr), KXerror::error_e);
-    m_core.data.send(component->m_data_socket_name, hex("1 2 3"));
-    m_core.data.send(component->m_data_socket_name, message);
+    idle.connection_process_message(message);
+    idle.process_message(message, peer);
+    proxy.connection_process_message(message);
+    core.data.send(component->m_data_socket_name, hex("1 2 3"));
+    core.data.send(component->m_data_socket_name, message);
     EXPECT_EQ(0, send(*m_sync, 0)) << "nothing answers";
     m_async->disconnect(true);
     m_async->disconnect(true);
@@ -147,7 +160,6 @@ class life {
     for (const std::string& path : {std::string("/tmp/kxcore/nobody"), std::string(108, 'x')})
       component->send_message_to(component->m_data_fd, path.c_str(), message);
     component->send_message_to(0, "", message);
-    peer_info_t peer;
     peer.path(component->m_data_socket_name);
     component->rec_message(-1, message, true, peer);
     const auto once = [](void*, int) { return -1; };
@@ -184,20 +196,19 @@ class life {
 
   // The core answers each management request and what is to be answered of the data.
   void serve() {
-    m_core.reply(MSG_RSP, [this](KXmessage& reply) {
+    core.reply(MSG_RSP, [this](KXmessage& reply) {
       reply.m_header->msg_type = m_answer;
       if (reply.m_header->cmd == CMD_REG_COMPONENT) return reply << fake_core::data_path;
       for (const int value : {++m_siid, 40, 1000, 2000})
         reply << value;
     });
-    m_core.serve();
-    for (KXmessage data; m_core.data.receive(data);)
-      if (data.m_header->cmd == answered) m_core.data.send(component->m_data_socket_name, data);
+    core.serve();
+    for (KXmessage data; core.data.receive(data);)
+      if (data.m_header->cmd == answered) core.data.send(component->m_data_socket_name, data);
     for (; m_arriving > 0; --m_arriving)
-      m_core.data.send(component->m_data_socket_name, arriving());
+      core.data.send(component->m_data_socket_name, arriving());
   }
 
-  fake_core m_core;
   msg_type_e m_answer = MSG_RSP;
   int m_siid = 10;
   int m_arriving = 0;
@@ -207,6 +218,7 @@ class life {
   std::optional<proxy_probe> m_sync, m_async, m_signal;
 
  public:
+  fake_core core;
   std::optional<client_probe> component;
 };
 
@@ -292,6 +304,7 @@ using a_life = seam_test;
 
 TEST_F(a_life, is_told_in_the_log) {
   std::string told;
+  std::set<unsigned int> ids = {0, 0x33333333};
   {
     life subject;
     fail(ACCESS, ENOENT, 2);
@@ -304,7 +317,16 @@ TEST_F(a_life, is_told_in_the_log) {
     }
     for (const log_line& line : lines())
       told += masked(line.text);
+    for (const failed_assertion& each : failed_assertions())
+      told.append(each.expression).append(" in ").append(each.function) += "\n";
+    subject.core.serve();
+    for (KXmessage& message : subject.core.received) {
+      EXPECT_TRUE(ids.insert(ntohl(message.m_header->msg_id)).second) << "reserved, or given twice";
+      message.m_header->msg_id = 0;
+      told += "management" + hex(bytes_of(message)) + "\n";
+    }
   }
+  EXPECT_TRUE(ids.count(0x11111111) == 1 && ids.count(0x22222222) == 1);
   std::ostringstream expected;
   expected << std::ifstream(LOG_LINES).rdbuf();
   EXPECT_EQ(expected.str(), told);

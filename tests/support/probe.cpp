@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <iomanip>
 #include <sstream>
 
 #include "seam.h"
@@ -93,6 +94,13 @@ std::vector<unsigned char> hex(const std::string& text) {
   for (std::string word; words >> word;)
     bytes.push_back(static_cast<unsigned char>(std::stoul(word, nullptr, 16)));
   return bytes;
+}
+
+std::string hex(const std::vector<unsigned char>& bytes) {
+  std::ostringstream text;
+  for (const unsigned int byte : bytes)
+    text << std::hex << std::uppercase << std::setfill('0') << ' ' << std::setw(2) << byte;
+  return text.str();
 }
 
 fake_core::fake_core() : mgmt(mgmt_path), data(data_path) {

@@ -120,8 +120,9 @@ KXmessage make_message(unsigned int dst_siid, unsigned int src_siid, msg_type_e 
 // The bytes of the datagram that `message` is.
 std::vector<unsigned char> bytes_of(const KXmessage& message);
 
-// "05 00 00" as bytes.
+// "05 00 00" as bytes; bytes as " 05 00 00".
 std::vector<unsigned char> hex(const std::string& text);
+std::string hex(const std::vector<unsigned char>& bytes);
 
 // A core made of raw sockets on the real paths. It works on the test's own thread, whenever the component is
 // about to wait in select: each request gets the first of the replies laid ready, and none when there is none
