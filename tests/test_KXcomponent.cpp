@@ -208,22 +208,6 @@ TEST_F(component, signal_handler_sends_the_kill_message_and_keeps_errno) {
   EXPECT_TRUE(logged("(15) not handled") && logged("from (pid)  999999999: killing comp"));
 }
 
-TEST_F(component, bindings_are_listed_until_removed_and_disconnected_by_stop) {
-  bound_stub function(&c, KXconnection::SYNC), signal(&c, KXconnection::SGNL);
-  EXPECT_THROW(c.bind_siid(9, &function), KXerror::error_e);
-  c.bind_siid(9, &signal);
-  c.bind_siid(no_siid, &function);
-  c.add_close_cb([] { return happened += "close ", 0; });
-  c.stop();
-  c.stop();
-  EXPECT_EQ("close 0 2 0 ", happened);
-  c.remove_connection(&signal);
-  c.remove_connection(&function);
-  c.remove_connection(&function);
-  EXPECT_TRUE(c.m_siid_map.empty() && c.m_connections.empty());
-  EXPECT_EQ(1, times_logged("no service with siid [9] found"));
-}
-
 TEST_F(component, broken_descriptors_are_reported_and_not_served) {
   for (const std::string kind : {"POLLHUP", "POLLERR", "POLLNVAL"}) {
     component_probe broken("broken", nullptr);
@@ -265,18 +249,17 @@ TEST_F(component, start_runs_phases_one_after_the_other_then_loops_and_stops) {
     void startup_phase1(KXcomponent*) override { happened += "1"; }
     void startup_phase2(KXcomponent*) override { happened += "2"; }
   } first, second;
-  for (const int mode : {0, 1, 7}) {
-    component_probe own("own", nullptr);
-    reset();
-    happened.clear();
-    own.add_interface(&first);
-    own.add_interface(&second);
-    before(POLL, [&] { own.sendKillMsgToSelf(); });
-    own.start(static_cast<KXcomponent::cmp_start_e>(mode));
-    EXPECT_EQ("001122", happened);
-    EXPECT_EQ(mode == 0 ? 1 : 0, count(POLL));
-    EXPECT_TRUE(logged("start: KESTRIX init_done") && logged("Exit polling loop") &&
-                logged("(stop) - stop finished"));
-    EXPECT_EQ((ints{-1, -1, -1}), (ints{own.m_data_fd, own.m_mgmt_fd, own.sendKillMsgToSelf()}));
-  }
+  bound_stub function(&c, KXconnection::SYNC), signal(&c, KXconnection::SGNL);
+  EXPECT_THROW(c.bind_siid(9, &function), KXerror::error_e);
+  c.bind_siid(9, &signal);
+  c.bind_siid(no_siid, &function);
+  c.add_close_cb([] { return happened += "close ", 0; });
+  c.add_interface(&first);
+  c.add_interface(&second);
+  before(POLL, [&] { c.sendKillMsgToSelf(); });
+  c.start(KXcomponent::CMP_START_AND_LOOP);
+  c.start(static_cast<KXcomponent::cmp_start_e>(7));
+  EXPECT_EQ("001122close 0 2 0 001122", happened) << "each connection is disconnected once";
+  EXPECT_TRUE(count(POLL) == 1 && times_logged("start: KESTRIX init_done") == 2);
+  EXPECT_EQ((ints{-1, -1, -1}), (ints{c.m_data_fd, c.m_mgmt_fd, c.sendKillMsgToSelf()}));
 }
