@@ -2,7 +2,6 @@
 // the program between real processes.
 #include <arpa/inet.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -11,7 +10,6 @@
 #include <optional>
 #include <set>
 #include <sstream>
-#include <thread>
 
 #include "child_process.h"
 #include "raw_component.h"
@@ -259,92 +257,6 @@ TEST_F(kxcore, runs_once_notices_deaths_and_stops_in_order) {
   client.wait(true);
   EXPECT_EQ(0, program.end(0));
   EXPECT_TRUE(access(fake_core::mgmt_path, F_OK) != 0 && access(fake_core::data_path, F_OK) != 0);
-}
-
-// Interrupts this process's blocking calls ten thousand times in a second.
-class signal_storm {
- public:
-  signal_storm() {
-    struct sigaction action = {};
-    action.sa_handler = [](int) {};
-    sigaction(SIGUSR1, &action, nullptr);
-    sigevent event = {};
-    event.sigev_notify = SIGEV_SIGNAL;
-    event.sigev_signo = SIGUSR1;
-    const itimerspec often = {{0, 100'000}, {0, 100'000}};
-    EXPECT_EQ(0,
-              timer_create(CLOCK_MONOTONIC, &event, &m_timer) + timer_settime(m_timer, 0, &often, nullptr));
-  }
-  ~signal_storm() { timer_delete(m_timer); }
-
- private:
-  timer_t m_timer;
-};
-
-TEST_F(kxcore, carries_calls_of_every_kind_between_processes_in_a_storm_of_harmless_signals) {
-  child_process server([] {
-    const signal_storm storm;
-    KXclientComponent component("server");
-    component.register_component();
-    stub_probe get(&component);
-    stub_probe tick(&component);
-    get.on_message = [&](KXmessage& request) {
-      int value = 0;
-      request >> value;
-      KXmessage response = make_message(ntohl(request.m_header->src_siid), 0, MSG_RSP, request.m_header->cmd,
-                                        ntohl(request.m_header->msg_id));
-      response << value + 1;
-      get.connection_send(response);
-      KXmessage signal = make_message(tick.m_siid, 0, MSG_SIG, 0, 0);
-      signal << value;
-      tick.connection_send(signal);
-    };
-    tick.register_signal("tick");
-    get.register_synchronous("get");
-    component.wait(true);
-  });
-  std::optional<signal_storm> storm(std::in_place);
-  KXclientComponent component("client");
-  component.register_component();
-  proxy_probe sync(&component);
-  proxy_probe async(&component);
-  proxy_probe tick(&component);
-  for (int tries = 0; sync.m_siid == no_siid && tries < patience_ms; ++tries) {
-    try {
-      sync.subscribe_synchronous("get");
-    } catch (const KXerror::error_e&) {
-      usleep(1000);
-    }
-  }
-  tick.subscribe_signal("tick");
-  async.subscribe_asynchronous("get", nullptr);
-  const auto call = [](proxy_probe& proxy, int value) {
-    KXmessage message;
-    message << value;
-    EXPECT_EQ(1, proxy.proxy_send(message));
-    return message;
-  };
-  int ticks = 0;
-  tick.on_message = [&](KXmessage& message) {
-    EXPECT_EQ(ticks < 1000 ? 2 * ticks : 7, ints_of(message).at(0)) << "each once and in order";
-    ++ticks;
-    if (ticks == 1000) call(async, 7);
-  };
-  async.on_message = [&](KXmessage& response) {
-    EXPECT_EQ(8, ints_of(response).at(0));
-    component.sendKillMsgToSelf();
-  };
-  const auto make_calls = [&](int from) {
-    for (int value = from; value < from + 1000; value += 2)
-      ASSERT_EQ(value + 1, ints_of(call(sync, value)).at(0));
-  };
-  make_calls(0);
-  std::thread beside_the_loop(make_calls, 1000);
-  component.wait(true);
-  beside_the_loop.join();
-  EXPECT_GE(ticks, 1000);
-  storm.reset();
-  EXPECT_EQ(0, server.end(SIGTERM));
 }
 
 TEST_F(kxcore, a_component_takes_thousands_of_signals_and_stops_once) {

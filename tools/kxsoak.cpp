@@ -4,6 +4,7 @@
 #include <getopt.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +17,7 @@
 #include <new>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "KXclientComponent.h"
@@ -38,12 +40,14 @@ constexpr char usage[] =
     "neither\n"
     "of these, for builds with sanitizers).\n";
 
+constexpr char counting_service[] = "count";
 constexpr char queue_setting[] = "/proc/sys/net/unix/max_dgram_qlen";
 constexpr int skipped = 77;
 
 constexpr double longest_wait_in_medians = 100;
 constexpr long memory_growth_kib = 512;
 constexpr int callers_per_server = 3;
+constexpr int counting_server = 1;
 constexpr int flooded_server = 0;  // the components that are killed call it; its responses are not timed
 constexpr int largest_text = 2048 - 14 - 9 - 4;  // beside header, number and the string's own bytes
 constexpr useconds_t turn_us = 50'000;
@@ -76,12 +80,49 @@ std::unique_ptr<child_process> start(const std::function<void()>& part) {
   return std::make_unique<child_process>(part, SIGKILL);
 }
 
+// Interrupts whatever this process waits in, a thousand times in a second.
+class signal_storm {
+ public:
+  signal_storm() {
+    std::signal(SIGUSR1, [](int) {});
+    sigevent event = {};
+    event.sigev_notify = SIGEV_SIGNAL;
+    event.sigev_signo = SIGUSR1;
+    const itimerspec often = {{0, 1'000'000}, {0, 1'000'000}};
+    timer_create(CLOCK_MONOTONIC, &event, &m_timer);
+    timer_settime(m_timer, 0, &often, nullptr);
+  }
+  ~signal_storm() { timer_delete(m_timer); }
+  signal_storm(const signal_storm&) = delete;
+  signal_storm& operator=(const signal_storm&) = delete;
+
+ private:
+  timer_t m_timer = {};
+};
+
 // What a server makes of a request's number, different for each.
 std::uint64_t answer_to(std::uint64_t number) { return number * 0x9E3779B97F4A7C15 + 1; }
 
-class echo : public KXstub {
+// Tells with a signal how many requests a server has had.
+class request_count : public KXstub {
  public:
   using KXstub::KXstub;
+
+  void announce() {
+    KXmessage signal;
+    signal.m_header->dst_siid = htonl(m_siid);
+    signal.m_header->msg_type = MSG_SIG;
+    signal << ++m_requests;
+    connection_send(signal);
+  }
+
+ private:
+  unsigned long long m_requests = 0;
+};
+
+class echo : public KXstub {
+ public:
+  explicit echo(KXcomponent* component, request_count* count = nullptr) : KXstub(component), m_count(count) {}
   using KXstub::process_message;
 
   void process_message(KXmessage& request) override {
@@ -96,9 +137,11 @@ class echo : public KXstub {
     response << static_cast<unsigned long long>(answer_to(number));
     response << m_text;
     if (request.m_header->msg_type == MSG_REQ) connection_send(response);
+    if (m_count != nullptr) m_count->announce();
   }
 
  private:
+  request_count* const m_count;
   std::string m_text;
 };
 
@@ -106,6 +149,18 @@ void serve(const std::string& name, std::atomic<int>& ready) {
   KXclientComponent component(name.c_str(), nullptr);
   component.register_component();
   echo service(&component);
+  service.register_synchronous(name.c_str());
+  ++ready;
+  component.wait(true);
+}
+
+void serve_and_count(const std::string& name, std::atomic<int>& ready) {
+  const signal_storm storm;
+  KXclientComponent component(name.c_str(), nullptr);
+  component.register_component();
+  request_count count(&component);
+  count.register_signal(counting_service);
+  echo service(&component, &count);
   service.register_synchronous(name.c_str());
   ++ready;
   component.wait(true);
@@ -128,46 +183,95 @@ void fail_request(const std::string& name, unsigned long long number, const char
   ++board->failed;
 }
 
-// One request whose text has this length; whether its response is the right one.
-bool call(KXproxy& proxy, const std::string& name, unsigned long long number, std::size_t length) {
+constexpr char not_its_own[] = "is not its own";
+
+// One request whose text has this length; what is wrong with its response, or null.
+const char* call(KXproxy& proxy, unsigned long long number, std::size_t length) {
   const std::string text(length, static_cast<char>('a' + number % 26));
   KXmessage message;
   message << number;
   message << text;
-  if (proxy.proxy_send(message) == 0) return fail_request(name, number, "is missing"), false;
-  if (message.m_header->msg_type != MSG_RSP) return fail_request(name, number, "is an error"), false;
+  if (proxy.proxy_send(message) == 0) return "is missing";
+  if (message.m_header->msg_type != MSG_RSP) return "is an error";
   unsigned long long answer = 0;
   std::string returned;
   message >> answer;
   message >> returned;
-  if (answer != answer_to(number) || returned != text)
-    return fail_request(name, number, "is not its own"), false;
-  return true;
+  return answer == answer_to(number) && returned == text ? nullptr : not_its_own;
 }
 
-void call_servers(const std::string& name, int servers, const settings& with, unsigned int seed) {
-  KXclientComponent component(name.c_str(), nullptr);
-  component.register_component();
-  std::vector<std::unique_ptr<KXproxy>> proxies;
+using proxy_list = std::vector<std::unique_ptr<KXproxy>>;
+
+proxy_list subscribe_to_servers(KXcomponent& component, int servers) {
+  proxy_list subscribed;
   for (int i = flooded_server + 1; i < servers; ++i) {
-    proxies.push_back(std::make_unique<KXproxy>(&component));
-    subscribe(*proxies.back(), numbered("server", i), KXconnection::SYNC);
+    subscribed.push_back(std::make_unique<KXproxy>(&component));
+    subscribe(*subscribed.back(), numbered("server", i), KXconnection::SYNC);
   }
+  return subscribed;
+}
+
+// Takes requests until there are none left.
+void call_servers(const proxy_list& servers, const std::string& name, long requests, unsigned int seed) {
   while (!board->begun)
     usleep(turn_us);
   random_source random(seed);
-  for (long number; (number = board->taken++) < with.requests;) {
+  for (long number; (number = board->taken++) < requests;) {
     const std::size_t length = random() % 16 == 0 ? largest_text : random() % 64;
     const std::uint64_t started = now_ns();
-    if (!call(*proxies[random() % proxies.size()], name, static_cast<unsigned long long>(number), length))
-      continue;
-    board->latency.add(now_ns() - started);
-    ++board->answered;
+    const auto id = static_cast<unsigned long long>(number);
+    if (const char* const wrong = call(*servers[random() % servers.size()], id, length)) {
+      fail_request(name, id, wrong);
+    } else {
+      board->latency.add(now_ns() - started);
+      ++board->answered;
+    }
   }
+}
+
+void live_as_caller(const std::string& name, int servers, long requests, unsigned int seed) {
+  KXclientComponent component(name.c_str(), nullptr);
+  component.register_component();
+  const proxy_list subscribed = subscribe_to_servers(component, servers);
+  call_servers(subscribed, name, requests, seed);
   component.stop();
 }
 
-// Serves, and calls the server that is flooded, until it is killed.
+// Receives the counts of a server: in order, and none twice.
+class count_watch : public KXproxy {
+ public:
+  using KXproxy::KXproxy;
+  using KXproxy::process_message;
+
+  void process_message(KXmessage& signal) override {
+    unsigned long long count = 0;
+    signal >> count;
+    if (count <= m_last) fail_request("the watching caller", count, "was counted twice, or out of order");
+    m_last = count;
+    ++board->counts;
+  }
+
+ private:
+  unsigned long long m_last = 0;
+};
+
+// Calls from a thread beside its loop, which takes signals, all in a storm of interruptions.
+void live_as_watching_caller(const std::string& name, int servers, long requests, unsigned int seed) {
+  const signal_storm storm;
+  KXclientComponent component(name.c_str(), nullptr);
+  component.register_component();
+  count_watch watch(&component);
+  subscribe(watch, counting_service, KXconnection::SGNL);
+  const proxy_list subscribed = subscribe_to_servers(component, servers);
+  std::thread calling([&] {
+    call_servers(subscribed, name, requests, seed);
+    component.sendKillMsgToSelf();
+  });
+  component.wait(true);
+  calling.join();
+}
+
+// Serves, and calls the server that is flooded, which may have no room for it, until it is killed.
 class mortal : public KXproxy {
  public:
   mortal(KXcomponent* component, std::string name) : KXproxy(component), m_name(std::move(name)) {
@@ -178,7 +282,7 @@ class mortal : public KXproxy {
  private:
   static int static_call(void* self, int) {
     auto& user = *static_cast<mortal*>(self);
-    call(user, user.m_name, ++user.m_calls, 10);
+    if (call(user, ++user.m_calls, 10) == not_its_own) fail_request(user.m_name, user.m_calls, not_its_own);
     return 0;
   }
 
@@ -307,7 +411,9 @@ class soak {
     for (int i = 0; i < with.stopped; ++i)
       m_stopped.push_back(start([i] { serve(numbered("stopped", i), board->stopped_ready); }));
     for (int i = 0; i < servers; ++i)
-      m_working.push_back(start([i] { serve(numbered("server", i), board->servers_ready); }));
+      m_working.push_back(start([i] {
+        (i == counting_server ? serve_and_count : serve)(numbered("server", i), board->servers_ready);
+      }));
     await(board->stopped_ready, with.stopped);
     await(board->servers_ready, servers);
     for (const auto& each : m_stopped)
@@ -315,7 +421,8 @@ class soak {
     m_filler = start([&with] { fill_queues(with.stopped); });
     for (int i = servers; i < others; ++i)
       m_working.push_back(start([&with, i, servers, seed = m_random()] {
-        call_servers(numbered("caller", i), servers, with, seed);
+        (i == servers ? live_as_watching_caller : live_as_caller)(numbered("caller", i), servers,
+                                                                  with.requests, seed);
       }));
     for (int i = 0; i < with.flooding; ++i)
       m_flooding.push_back(start([i, seed = m_random()] { flood(numbered("flooder", i), seed); }));
@@ -395,8 +502,9 @@ class soak {
                 static_cast<double>(board->answered) / seconds);
     std::printf("latency       median %.0f us, 99.9 %% %.0f us, longest %.0f us: %.1f medians\n", median,
                 us(board->latency.quantile(0.999)), longest, longest / median);
-    std::printf("meanwhile     %ld components killed and started again, %ld datagrams of floods\n", kills,
-                board->flooded.load());
+    std::printf(
+        "meanwhile     %ld components killed and started again, %ld datagrams of floods, %ld signals\n",
+        kills, board->flooded.load(), board->counts.load());
     static constexpr const char* names[] = {"kxcore", "server0", "the last caller"};
     bool flat = true;
     for (std::size_t i = 0; i < late.size(); ++i) {
@@ -407,8 +515,9 @@ class soak {
     const bool soon = !m_settings.timed || longest <= longest_wait_in_medians * median;
     if (!flat) std::puts("FAILED: the memory grows");
     if (!soon) std::puts("FAILED: a request waited too long");
-    if (board->failed > 0) std::puts("FAILED: responses are wrong or missing");
-    return flat && soon && board->failed == 0;
+    if (board->failed > 0) std::puts("FAILED: responses are wrong or missing, or signals out of order");
+    if (board->counts == 0) std::puts("FAILED: no signal has arrived");
+    return flat && soon && board->failed == 0 && board->counts > 0;
   }
 
   const settings m_settings;

@@ -33,6 +33,7 @@ struct soak_board {
   std::atomic<long> answered{0};
   std::atomic<long> failed{0};
   std::atomic<long> flooded{0};  // datagrams of the flooding components
+  std::atomic<long> counts{0};   // signals of the counting server
   latency_histogram latency;
 };
 
