@@ -256,7 +256,7 @@ class KX_EXPORT KXcomponent {
   void tell_loop_to_end();
 
   pthread_t m_loop_thread = {};
-  std::atomic<int> m_unread_own{0};  // messages to itself since its management socket was read
+  std::atomic<int> m_unread_own{0};  // messages to itself that it has not received
 };
 
 #endif

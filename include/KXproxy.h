@@ -27,7 +27,9 @@ class KX_EXPORT KXproxy : public KXconnection {
   /// @param reply stored for process_message of the application's own class; not owned, may be null
   /// @return 1, or 0 when kxcore could not be reached
   /// @throws KXerror::ERR_ERROR_REPLY when kxcore refuses, for instance because nobody offers the service
-  ///         yet; KXerror::ERR_SIID_PRESENT when it grants a taken siid. Subscribing again later is fine.
+  ///         yet; KXerror::ERR_SIID_PRESENT when it grants a taken siid. After either the application may
+  ///         subscribe again. A proxy that is subscribed is to be disconnected with `remove` before: each
+  ///         subscription binds it once more, and disconnect leaves only the last of them.
   int subscribe_synchronous(const char* name);
   int subscribe_asynchronous(const char* name, KXproxyReplyInterface* reply);
   int subscribe_signal(const char* name);
@@ -37,13 +39,16 @@ class KX_EXPORT KXproxy : public KXconnection {
   /// that arrive meanwhile are dispatched by the event loop afterwards, timers do not fire. It may be called
   /// from handlers of every kind and, on a synchronous proxy, from any thread: synchronous requests of one
   /// component run one at a time, and an event loop on another thread begins no handler and no timer
-  /// meanwhile. Such threads must be done before the component stops.
+  /// meanwhile. Such threads must be done before the component stops. A service of the same component cannot
+  /// answer it: the proxy takes its own request for the response.
   /// @return synchronous: 1 with the response in `message` (a msg_type of MSG_ERR is one, too), read cursor
   ///         at the start of its payload; 0 when it was not sent or no response came. Others: 1 when sent,
   ///         else 0.
   int proxy_send(KXmessage& message);
 
-  /// Tells kxcore that the subscription ends; with `remove` also leaves the component's table of siids.
+  /// Tells kxcore that the subscription ends; with `remove` also leaves the component's table of siids. Does
+  /// nothing when it is disconnected already: after disconnect(false) only KXcomponent::remove_connection
+  /// takes it off the table.
   void disconnect(bool remove) override;
 
   /// Passes the message on to process_message.

@@ -66,12 +66,12 @@ class core : public seam_test {
   // queued wait behind them.
   unsigned int fill() {
     unsigned int sent = 0;
-    while (pass(client, get, proxy, MSG_REQ, sent, client).m_header->msg_type != MSG_ERR && sent < 1000)
+    while (pass(client, get, proxy, MSG_REQ, sent, client).m_header->msg_type != MSG_ERR && sent < 9999)
       ++sent;
     return sent - queued;
   }
 
-  static constexpr unsigned int queued = 128;
+  static constexpr unsigned int queued = outlet::max_queued / 2 / (14 + outlet::cost_beside_bytes) + 1;
   core_probe subject;
   raw_component server{"server"}, client{"client"}, other{"other"};
   KXmessage reply;
@@ -181,6 +181,16 @@ TEST_F(core, bounds_the_queue_of_a_component_that_does_not_read_and_serves_its_s
     }
   }
   EXPECT_TRUE(taken <= ahead && ahead < taken + 3) << "it waited for the end of the flood: " << ahead;
+}
+
+TEST_F(core, bounds_the_queue_of_a_component_against_senders_that_come_again_and_again) {
+  fill();
+  for (unsigned int id = 0, refused = 0; refused == 0; ++id) {
+    ASSERT_LT(id, 9999u);
+    asks(other, CMD_REG_COMPONENT);
+    proxy = grant(other, CMD_SUB_FUNCTION, "get").at(0);
+    refused = id_of(pass(other, get, proxy, MSG_REQ, id, other));
+  }
 }
 
 TEST_F(core, forgets_a_component_that_dies_and_answers_what_it_did_not_read) {

@@ -38,10 +38,17 @@ KXmessage make_management(msg_type_e type, std::uint8_t cmd, std::uint32_t wire_
   return message;
 }
 
+bool is_control(unsigned char c) { return c < 0x20 || c == 0x7F; }
+
 // Names go into lines of the log.
 bool is_name(const std::string& text) {
-  const auto is_control = [](unsigned char c) { return c < 0x20 || c == 0x7F; };
   return !text.empty() && text.size() <= 255 && std::none_of(text.begin(), text.end(), is_control);
+}
+
+// The path of a sender that is not registered, for a line.
+std::string printable(std::string path) {
+  std::replace_if(path.begin(), path.end(), is_control, '?');
+  return "[" + path + "]";
 }
 
 std::string limit_reached() {
@@ -67,9 +74,10 @@ KXcore::KXcore(bool verbose)
       m_console(verbose ? STDOUT_FILENO : STDERR_FILENO, verbose ? "" : "kxcore: "),
       m_signals(open_signals()),
       m_watched(epoll_create1(EPOLL_CLOEXEC)),
+      m_probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
       m_mgmt_inbox(true),
       m_data_inbox(false) {
-  if (m_signals.get() < 0 || m_watched.get() < 0) {
+  if (m_signals.get() < 0 || m_watched.get() < 0 || m_probe.get() < 0) {
     const int error = errno;
     stop();
     throw std::system_error(error, std::generic_category(), "cannot open its descriptors");
@@ -109,15 +117,21 @@ void KXcore::drop(peer* from, const std::string& sender, const char* reason) {
   unsigned long& count = dropped_of(from);
   if (!is_reported(++count)) return;
   REPORT_PROBLEM("dropped a message of %s (%lu so far): %s",
-                 from != nullptr ? from->name.c_str() : sender.c_str(), count, reason);
+                 from != nullptr ? from->name.c_str() : printable(sender).c_str(), count, reason);
 }
 
 // --- management ---
 
 void KXcore::get_mgmt_message(int /*fd*/) {
-  const unsigned int received = m_mgmt_inbox.receive(m_mgmt_fd);
+  if (m_held == 0 && !m_processes_ended) {
+    m_held = m_mgmt_inbox.receive(m_mgmt_fd);
+    m_data_ahead = socket_queue;
+  }
   get_data_message(m_data_fd);
-  for (unsigned int i = 0; i < received; ++i) {
+}
+
+void KXcore::serve_held() {
+  for (unsigned int i = 0; i < m_held; ++i) {
     const std::string& sender = m_mgmt_inbox.sender(i);
     const pid_t pid = m_mgmt_inbox.sender_pid(i);
     peer* const from = peer_at(sender, pid);
@@ -128,14 +142,19 @@ void KXcore::get_mgmt_message(int /*fd*/) {
       forget_gone_peers();
     }
   }
+  m_held = 0;
+  if (!std::exchange(m_processes_ended, false)) return;
+  for (const auto& entry : m_peers)
+    if (entry.second->has_ended) process_ended(*entry.second);
+  forget_gone_peers();
 }
 
-std::string KXcore::request::name() const { return from != nullptr ? from->name : "[" + sender + "]"; }
+std::string KXcore::request::name() const { return from != nullptr ? from->name : printable(sender); }
 
 void KXcore::handle_management(const request& received) {
   const msg_header_t& header = *received.message.m_header;
-  KX_LOG_DEBUG3("RX : [%s] : %s : %s (id=%d)", received.sender.c_str(), msg_type_name(header.msg_type),
-                mgmt_cmd_name(header.cmd), ntohl(header.msg_id));
+  KX_LOG_DEBUG3("RX : %s : %s : %s (id=%d)", printable(received.sender).c_str(),
+                msg_type_name(header.msg_type), mgmt_cmd_name(header.cmd), ntohl(header.msg_id));
   if (received.cmd() == CMD_KILL_COMPONENT && received.sender == m_mgmt_socket_name) return begin_stop();
   if (header.msg_type != MSG_REQ && header.msg_type != MSG_SIG) {
     return drop(received.from, received.sender, "it is neither a request nor a notice");
@@ -204,14 +223,17 @@ std::string KXcore::register_peer(const request& received, KXmessage& reply) {
   if (!values.take(name) || !values.take(data_path)) return unparsable;
   if (!is_name(name)) return unsuitable_name;
   if (m_stopping) return "the core is stopping";
-  if (received.sender.empty()) return "its management socket has no path";
+  if (!is_name(received.sender)) return "its management socket has no path, or one with control characters";
   if (data_path != received.sender + "-d")
     return "the data socket is not the one beside its management socket";
 
   auto created = std::make_unique<peer>(name, received.sender, data_path, received.pid);
-  if (!created->mgmt.connected() || !created->data.connected()) {
-    return std::string("its sockets cannot be reached: ") + strerror(errno);
+  if (!created->is_connected() && (errno == EMFILE || errno == ENFILE)) {
+    created.reset();
+    give_up_unreachable_peers();
+    created = std::make_unique<peer>(name, received.sender, data_path, received.pid);
   }
+  if (!created->is_connected()) return std::string("its sockets cannot be reached: ") + strerror(errno);
   // Whoever had the name or the sockets before is replaced: the component itself as a rule, started again.
   const auto same_name = m_peers.find(name);
   if (same_name != m_peers.end()) give_up(*same_name->second, "it registered again");
@@ -254,7 +276,7 @@ std::string KXcore::offer_service(const request& received, KXmessage& reply) {
 
   if (const auto offered = m_directory.find_offered(name); offered != nullptr) {
     peer& owner = *offered->owner;
-    if (&owner == received.from || !owner.is_unreachable())
+    if (&owner == received.from || !owner.is_unreachable(m_probe.get()))
       return "'" + name + "' is offered by " + owner.name;
     give_up(owner, "it does not exist any more");
     m_directory.forget(owner);
@@ -326,7 +348,9 @@ void KXcore::get_data_message(int /*fd*/) {
       }
     }
     forget_gone_peers();
+    m_data_ahead -= std::min(m_data_ahead, received);
   }
+  if (received < inbox::batch_size || m_data_ahead == 0) serve_held();
 }
 
 void KXcore::route(peer& from, KXmessage& message) {
@@ -392,9 +416,8 @@ outlet::result_e KXcore::send(peer& to, outlet& way, const KXmessage& message, c
   if (result == outlet::QUEUED && !had_queue) watch(to, way.fd(), EPOLLOUT);
   if (result == outlet::GONE) give_up(to, "its socket is gone");
   if (result == outlet::FULL && is_reported(way.lost())) {
-    REPORT_PROBLEM("%s does not read: its queue of %zu messages is full for %s (%lu lost so far)",
-                   to.name.c_str(), outlet::max_queued, from == nullptr ? m_name : from->name.c_str(),
-                   way.lost());
+    REPORT_PROBLEM("%s does not read: its queue of %zu KiB is full for %s (%lu lost so far)", to.name.c_str(),
+                   outlet::max_queued / 1024, from == nullptr ? m_name : from->name.c_str(), way.lost());
   }
   return result;
 }
@@ -416,23 +439,27 @@ int KXcore::static_serve_watched(void* context, int /*fd*/) {
 // Processes are watched for EPOLLIN, sockets for EPOLLOUT; peers live until forget_gone_peers, so no event is
 // stale.
 void KXcore::serve_watched() {
+  const bool holds = m_held > 0 || m_processes_ended;
   epoll_event events[64];
   const int count = epoll_wait(m_watched.get(), events, 64, 0);
   for (int i = 0; i < count; ++i) {
     peer& watched = *static_cast<peer*>(events[i].data.ptr);
-    if ((events[i].events & EPOLLIN) != 0) {
-      process_ended(watched);
-    } else {
+    if ((events[i].events & EPOLLIN) == 0) {
       flush(watched, watched.mgmt);
       flush(watched, watched.data);
+    } else if (!holds) {  // otherwise later: it is reported again
+      watched.has_ended = m_processes_ended = true;
+      m_data_ahead = socket_queue;
     }
   }
   forget_gone_peers();
+  if (m_processes_ended) get_data_message(m_data_fd);
 }
 
 void KXcore::process_ended(peer& of) {
-  if (of.is_unreachable()) return give_up(of, "its process ended");
+  if (of.is_unreachable(m_probe.get())) return give_up(of, "its process ended");
   of.pid = 0;  // a child of it goes on with its sockets
+  of.has_ended = false;
   epoll_ctl(m_watched.get(), EPOLL_CTL_DEL, of.process.get(), nullptr);
 }
 
@@ -445,6 +472,12 @@ void KXcore::flush(peer& to, outlet& way) {
   if (const unsigned long lost = way.take_lost(); lost > 0) {
     REPORT_PROBLEM("%s reads again: %lu messages to it were lost", to.name.c_str(), lost);
   }
+}
+
+void KXcore::give_up_unreachable_peers() {
+  for (const auto& entry : m_peers)
+    if (entry.second->is_unreachable(m_probe.get())) give_up(*entry.second, "it does not exist any more");
+  forget_gone_peers();
 }
 
 // Marks a component as gone. It is forgotten when nothing refers to it any more.

@@ -1,9 +1,10 @@
 // The core of the bus: a component named kxcore that answers the management requests of the others and
 // forwards their data messages.
 //
-// It never waits for anybody. Its sockets are emptied at each turn, data before management, so that what a
-// component sends before it withdraws still counts as its own; what a component does not read is queued for
-// it up to a limit and costs the others nothing (outlet.h). A component whose process ends, or whose socket
+// It never waits for anybody. Its sockets are emptied at each turn; a management message, and the end of a
+// process, are held until the data is served that came before, so that what a component sends before it
+// withdraws still counts as its own. What a component does not read is queued for it up to a limit and costs
+// the others nothing (outlet.h). A component whose process ends, or whose socket
 // is gone when something is sent to it, is forgotten with all that it was granted. Whatever a sender claims
 // is checked against the path of the socket that it sent from, and in management against its process.
 #ifndef KXCORE_H
@@ -29,6 +30,9 @@ class KXcore : public KXcomponent {
   // std::system_error.
   explicit KXcore(bool verbose);
 
+  // How many unread datagrams a socket of the core holds at most, where the system permits.
+  static constexpr unsigned int socket_queue = 4096;
+
   void get_mgmt_message(int fd) override;
   void get_data_message(int fd) override;
 
@@ -50,6 +54,7 @@ class KXcore : public KXcomponent {
   static constexpr int stop_interval_ms = 50;
   static constexpr int stop_intervals = 60;
 
+  void serve_held();
   void handle_management(const request& received);
   std::string answer(const request& received, KXmessage& reply);
   std::string register_peer(const request& received, KXmessage& reply);
@@ -78,6 +83,7 @@ class KXcore : public KXcomponent {
   static int static_serve_watched(void* context, int fd);
 
   void give_up(peer& gone, const char* reason);
+  void give_up_unreachable_peers();
   void forget_gone_peers();
   void answer_lost_requests(const std::vector<datagram>& queue);
 
@@ -93,7 +99,11 @@ class KXcore : public KXcomponent {
   int m_stop_intervals = 0;
   unsigned long m_strangers_dropped = 0;
   unique_fd m_signals;
-  unique_fd m_watched;  // epoll: processes of components, and sockets that wait for room
+  unique_fd m_watched;             // epoll: processes of components, and sockets that wait for room
+  unique_fd m_probe;               // for peer::is_unreachable
+  unsigned int m_held = 0;         // messages in the management inbox that wait for the data before them
+  bool m_processes_ended = false;  // and so do the ends of processes
+  unsigned int m_data_ahead = 0;   // datagrams that may have come before what is held
   inbox m_mgmt_inbox;
   inbox m_data_inbox;
   directory m_directory;

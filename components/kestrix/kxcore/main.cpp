@@ -90,7 +90,7 @@ class longer_socket_queues {
 
  private:
   static constexpr char setting[] = "/proc/sys/net/unix/max_dgram_qlen";
-  static constexpr int wanted = 4096;
+  static constexpr int wanted{KXcore::socket_queue};
 
   static int current() {
     int length = wanted;  // without the setting there is nothing to raise

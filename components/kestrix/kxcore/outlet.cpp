@@ -52,28 +52,35 @@ outlet::result_e outlet::send(const void* bytes, std::size_t size, unsigned long
     const result_e result = try_send(bytes, size);
     if (result != QUEUED) return result;
   }
-  const auto entry = m_queues.find(sender);
-  if (entry != m_queues.end() && entry->second.size() + m_queued >= max_queued) {
+  auto own = std::find_if(m_turns.begin(), m_turns.end(),
+                          [sender](const waiting& each) { return each.sender == sender; });
+  const bool is_first = own == m_turns.end();
+  if (is_first ? m_queued >= 2 * max_queued : own->cost + m_queued >= max_queued) {
     ++m_lost;
     return FULL;
   }
+  if (is_first) own = m_turns.insert(own, {sender, {}, 0});
   const auto* begin = static_cast<const unsigned char*>(bytes);
-  m_queues[sender].emplace_back(begin, begin + size);
-  ++m_queued;
+  own->messages.emplace_back(begin, begin + size);
+  own->cost += size + cost_beside_bytes;
+  m_queued += size + cost_beside_bytes;
   return QUEUED;
 }
 
 outlet::result_e outlet::flush() {
   while (has_queue()) {
-    auto next = m_queues.upper_bound(m_last_served);
-    if (next == m_queues.end()) next = m_queues.begin();
-    std::deque<datagram>& queue = next->second;
-    const result_e result = try_send(queue.front().data(), queue.front().size());
+    waiting& next = m_turns.front();
+    const datagram& message = next.messages.front();
+    const result_e result = try_send(message.data(), message.size());
     if (result != SENT) return result;
-    m_last_served = next->first;
-    queue.pop_front();
-    --m_queued;
-    if (queue.empty()) m_queues.erase(next);
+    next.cost -= message.size() + cost_beside_bytes;
+    m_queued -= message.size() + cost_beside_bytes;
+    next.messages.pop_front();
+    if (next.messages.empty()) {
+      m_turns.pop_front();
+    } else {
+      m_turns.splice(m_turns.end(), m_turns, m_turns.begin());
+    }
   }
   return SENT;
 }
@@ -82,8 +89,8 @@ unsigned long outlet::take_lost() { return std::exchange(m_lost, 0); }
 
 std::vector<datagram> outlet::take_queue() {
   std::vector<datagram> given_up;
-  for (auto& [sender, queue] : std::exchange(m_queues, {}))
-    std::move(queue.begin(), queue.end(), std::back_inserter(given_up));
+  for (waiting& each : std::exchange(m_turns, {}))
+    std::move(each.messages.begin(), each.messages.end(), std::back_inserter(given_up));
   m_queued = 0;
   return given_up;
 }

@@ -4,9 +4,10 @@
 // A receiver holds only a few unread datagrams, and unread datagrams count against the sender's send buffer:
 // with a socket for each destination, one that does not read fills only its own. Being connected, the socket
 // reports POLLOUT when there is room again. Nothing here ever waits: what cannot be sent at once is queued in
-// the order of each sender, and what does not fit into the queue is refused. A sender may take as many places
-// of a queue as it leaves free, and one in any case, and the senders have their turns: however many flood a
-// queue, the others find room in it and do not wait for the end of the flood.
+// the order of each sender, and what does not fit into the queue is refused. A sender may take as much of a
+// queue as it leaves free, and one message in any case, and the senders have their turns: however many flood
+// a queue, the others find room in it and do not wait for the end of the flood. What a sender has room for is
+// more than its own send buffer holds, so that a burst to a component that reads loses nothing.
 #ifndef OUTLET_H
 #define OUTLET_H
 
@@ -14,7 +15,7 @@
 
 #include <cstddef>
 #include <deque>
-#include <map>
+#include <list>
 #include <string>
 #include <vector>
 
@@ -34,7 +35,10 @@ using datagram = std::vector<unsigned char>;
 
 class outlet {
  public:
-  static constexpr std::size_t max_queued = 256;
+  // In bytes, with what the memory of each message costs beside its own. Where so many senders come that the
+  // first messages of each reach twice that, these are refused, too.
+  static constexpr std::size_t max_queued = 256 * 1024;
+  static constexpr std::size_t cost_beside_bytes = 128;
 
   enum result_e {
     SENT,    // handed to the receiver's socket
@@ -64,13 +68,18 @@ class outlet {
   std::vector<datagram> take_queue();
 
  private:
+  struct waiting {
+    unsigned long sender;
+    std::deque<datagram> messages;
+    std::size_t cost;
+  };
+
   result_e try_send(const void* bytes, std::size_t size);
 
   unique_fd m_socket;
   bool m_connected;
-  std::map<unsigned long, std::deque<datagram>> m_queues;  // by sender, none empty
-  std::size_t m_queued = 0;                                // in all of them
-  unsigned long m_last_served = 0;
+  std::list<waiting> m_turns;  // of the senders, none without messages; the front has the next
+  std::size_t m_queued = 0;    // the cost of all
   unsigned long m_lost = 0;
 };
 

@@ -1,5 +1,6 @@
 #include "peer.h"
 
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -33,7 +34,8 @@ peer::peer(std::string component_name, std::string mgmt_socket, std::string data
       mgmt(mgmt_path),
       data(data_path) {}
 
-bool peer::is_unreachable() const {
-  const unique_fd attempt(connect_datagram(mgmt_path));
-  return attempt.get() < 0 && (errno == ECONNREFUSED || errno == ENOENT);
+bool peer::is_unreachable(int probe) const {
+  const sockaddr_un address = address_of(mgmt_path);
+  return connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
+         (errno == ECONNREFUSED || errno == ENOENT);
 }

@@ -16,9 +16,11 @@ struct peer {
 
   peer(std::string component_name, std::string mgmt_socket, std::string data_socket, pid_t process_id);
 
+  bool is_connected() const { return mgmt.connected() && data.connected(); }
+
   // Whether its management socket does not exist any more. A process that ended has none; one that went on as
-  // a child of the one that registered has.
-  bool is_unreachable() const;
+  // a child of the one that registered has. `probe` is a datagram socket to try it with.
+  bool is_unreachable(int probe) const;
 
   const unsigned long serial;  // of this registration
   const std::string name;
@@ -31,6 +33,7 @@ struct peer {
   std::set<std::uint32_t> siids;  // that its stubs, proxies and subscriptions hold
   unsigned int grants = 0;        // services and subscriptions
   unsigned long dropped = 0;      // messages and notices of its own that were refused
+  bool has_ended = false;         // its process; what it sent before is not served yet
   bool is_gone = false;
   bool is_told_to_end = false;
 };

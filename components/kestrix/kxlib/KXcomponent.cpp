@@ -46,15 +46,14 @@ constexpr unsigned int wrap_margin = longest_timeout + 99;
 
 constexpr int send_attempts = 3;
 constexpr int receive_limit_seconds = 10;
-constexpr unsigned int kill_message_id = 0x33333333;
+constexpr unsigned int own_message_id = 0x33333333;  // which no exchange awaits
 constexpr int termination_signals[] = {SIGINT, SIGQUIT, SIGTERM, SIGPIPE};
 constexpr int max_unread_own = std::size(termination_signals);
 constexpr short asked_for = -1;  // no set of events
 
 // Closes one of the component's sockets and removes its file.
 void release_socket(int& fd, const std::string& path) {
-  close(fd);
-  fd = -1;
+  close(std::exchange(fd, -1));
   remove(path.c_str());
 }
 
@@ -336,7 +335,8 @@ int KXcomponent::create_socket(std::string& path) {
   address.sun_family = AF_UNIX;
   std::memcpy(address.sun_path, path.c_str(), path.size());
 
-  const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+  // Closed on exec: a program that the component starts must not outlive it as the owner of its sockets.
+  const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   const int on = 1;
   setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
@@ -432,8 +432,6 @@ int KXcomponent::rec_message(int fd, KXmessage& msg, bool timeout, peer_info_t& 
     KX_LOG_WARNING("Receive message timeout");
     return 0;
   }
-  if (fd == m_mgmt_fd) m_unread_own = 0;
-
   msg.size = 0;
   msg.pos = 0;
   peer.addrlen = sizeof peer.addr;
@@ -442,6 +440,7 @@ int KXcomponent::rec_message(int fd, KXmessage& msg, bool timeout, peer_info_t& 
                                           static_cast<std::size_t>(buffer_t::capacity - header_offset), 0,
                                           reinterpret_cast<sockaddr*>(&peer.addr), &peer.addrlen));
   msg.incr_size(peer.rx_len - static_cast<int>(sizeof(msg_header_t)));
+  if (m_unread_own > 0 && m_mgmt_socket_name == sender_path(peer).text) --m_unread_own;
   trace_received(peer, msg);
   return peer.rx_len;
 }
@@ -541,6 +540,10 @@ int KXcomponent::add_close_cb(int (*cb)()) {
 void KXcomponent::add_interface(KXinterface* iface) { m_interfaces.push_back(iface); }
 
 void KXcomponent::wait(bool run) {
+  const struct loop_end {  // also by an exception: signals must not be taken for a loop that is gone
+    ~loop_end() { runs = false; }
+    std::atomic<bool>& runs;
+  } end{m_running};
   m_loop_thread = pthread_self();
   m_running = run;
   while (m_running) {
@@ -710,7 +713,7 @@ void KXcomponent::begin_synchronous_wait() {
 // does.
 void KXcomponent::end_synchronous_wait() {
   if (!loop_runs_elsewhere() || m_waiting_queue.empty() || m_unread_own > 0) return;
-  KXmessage message = make_management_message(CMD_NONE, 0);
+  KXmessage message = make_management_message(CMD_NONE, own_message_id);
   send_to_self(message);
 }
 
@@ -758,7 +761,7 @@ int (*KXcomponent::take_close_cb())() {
 }
 
 int KXcomponent::sendKillMsgToSelf() {
-  KXmessage message = make_management_message(CMD_KILL_COMPONENT, kill_message_id);
+  KXmessage message = make_management_message(CMD_KILL_COMPONENT, own_message_id);
   return send_to_self(message);
 }
 
