@@ -209,26 +209,6 @@ TEST_F(component, signal_handler_sends_the_kill_message_and_keeps_errno) {
   EXPECT_TRUE(logged("(15) not handled") && logged("from (pid)  999999999: killing comp"));
 }
 
-TEST_F(component, broken_descriptors_are_reported_and_not_served) {
-  for (const std::string kind : {"POLLHUP", "POLLERR", "POLLNVAL"}) {
-    component_probe broken("broken", nullptr);
-    int ends[2];
-    ASSERT_EQ(1, pipe(ends) + write(ends[1], "x", 1));
-    handler serve = [&](int fd) { return ADD_FAILURE() << kind << fd, 0; };
-    const int fd = ends[kind == "POLLERR"];
-    broken.add_socket_descriptor(fd, &serve, call);
-    if (kind != "POLLERR") close(ends[1]);
-    if (kind != "POLLHUP") close(ends[0]);
-    reset();
-    before(POLL, [&] { count(POLL) == 2 && broken.sendKillMsgToSelf(); });
-    broken.wait(true);
-    EXPECT_EQ(kind == "POLLNVAL" ? 1 : 2,
-              times_logged("(wait) - " + kind + " [m_fda[i=2].fd=" + std::to_string(fd)));
-    for (const int end : ends)
-      close(end);
-  }
-}
-
 TEST_F(component, stop_from_a_handler_ends_the_loop_even_when_its_descriptors_are_taken) {
   for (const bool taken : {false, true}) {
     component_probe own("own", nullptr);

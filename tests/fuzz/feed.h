@@ -26,19 +26,14 @@ class feed {
 
   std::size_t below(std::size_t limit) { return value<std::uint8_t>() % limit; }
 
-  std::vector<unsigned char> bytes(std::size_t count) {
+  std::vector<unsigned char> bytes(std::size_t wanted) {
     const std::uint8_t* const begin = m_at;
-    return {begin, begin + take(count)};
+    m_at += std::min(wanted, m_left);
+    m_left -= static_cast<std::size_t>(m_at - begin);
+    return {begin, m_at};
   }
 
  private:
-  std::size_t take(std::size_t wanted) {
-    const std::size_t count = std::min(wanted, m_left);
-    m_at += count;
-    m_left -= count;
-    return count;
-  }
-
   const std::uint8_t* m_at;
   std::size_t m_left;
 };

@@ -1,9 +1,9 @@
-// Runs a fuzz target over the files, and the folders of files, that are named, for builds without the fuzzer.
-#include <algorithm>
+// Runs a fuzz target over the files of a folder, for builds without the fuzzer.
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <set>
 #include <vector>
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
@@ -11,19 +11,10 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t si
 
 int main(int argc, char** argv) {
   LLVMFuzzerInitialize(&argc, &argv);
-  std::vector<std::filesystem::path> inputs;
-  for (int i = 1; i < argc; ++i) {
-    if (std::filesystem::is_directory(argv[i])) {
-      std::copy(std::filesystem::directory_iterator(argv[i]), {}, std::back_inserter(inputs));
-    } else {
-      inputs.emplace_back(argv[i]);
-    }
-  }
-  std::sort(inputs.begin(), inputs.end());
+  const std::set<std::filesystem::path> inputs(std::filesystem::directory_iterator(argv[1]), {});
   for (const std::filesystem::path& path : inputs) {
     std::cout << path << std::endl;
     std::ifstream file(path, std::ios::binary);
-    if (!file) return 1;
     const std::vector<char> input(std::istreambuf_iterator<char>(file), {});
     LLVMFuzzerTestOneInput(reinterpret_cast<const unsigned char*>(input.data()), input.size());
   }

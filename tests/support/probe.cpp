@@ -10,18 +10,8 @@
 #include <iomanip>
 #include <sstream>
 
+#include "outlet.h"
 #include "seam.h"
-
-namespace {
-
-sockaddr_un address_of(const std::string& path) {
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, path.data(), path.size());
-  return address;
-}
-
-}  // namespace
 
 raw_socket::raw_socket(const std::string& path)
     : m_path(path), m_fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
