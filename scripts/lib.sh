@@ -3,7 +3,7 @@
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
 
-build_packages=(g++ cmake ninja-build libgtest-dev)
+build_packages=(g++ cmake ninja-build pkg-config libgtest-dev)
 
 die() {
   printf '%s: %s\n' "${0##*/}" "$*" >&2
