@@ -1,4 +1,4 @@
-/// Marks what libkxlib exports; everything else is hidden.
+/// Marks what libkxlib exports, as far as abi/libkxlib.symbols lists it; everything else is hidden.
 #ifndef KXEXPORT_H
 #define KXEXPORT_H
 
