@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "child_process.h"
+#include "private_bus.h"
 #include "support.h"
 
 namespace {
@@ -22,9 +23,6 @@ constexpr char usage[] =
     "                       receive; prints us_per_roundtrip=<float>\n"
     "  oneway, oneway-poll  N messages over it, acknowledged in groups of four with eight under way;\n"
     "                       prints msgs_per_s=<float>\n";
-
-constexpr int window = 8;
-constexpr int acknowledged_at_once = 4;
 
 class endpoint {
  public:
@@ -97,51 +95,33 @@ void serve(const endpoint& server, const paths& at, int answered_at_once) {
   }
 }
 
-double measure(const endpoint& client, const paths& at, const bench::options& options, int under_way,
-               int at_once) {
-  const sockaddr_un middle = endpoint::address_of(at.middle);
-  const auto size = static_cast<std::size_t>(options.size);
-  std::vector<char> buffer(2048, 'x');
-  const long count = (options.count + at_once - 1) / at_once * at_once;
-  bench::progress progress(count);
-  const double started = bench::now_seconds();
-  long answered = 0;
-  for (long sent = 0; answered < count;) {
-    if (sent < count && sent - answered < under_way) {
-      buffer[0] = FORTH;
-      client.send(middle, buffer, size);
-      progress.at(++sent);
-    } else {
-      client.receive(buffer);
-      answered += at_once;
-    }
-  }
-  return (bench::now_seconds() - started) / static_cast<double>(count);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  const bench::options options = bench::parse(argc, argv, usage, 1);
-  const bool oneway = options.mode == "oneway" || options.mode == "oneway-poll";
-  const bool polls = options.mode == "rtt-poll" || options.mode == "oneway-poll";
-  if (!oneway && !polls && options.mode != "rtt") bench::fail("%s", usage);
+  bench::options options = bench::parse(argc, argv, usage, 1);
+  const std::size_t suffix = options.mode.find("-poll");
+  const bool polls = suffix != std::string::npos;
+  if (polls) options.mode.resize(suffix);
+  const bool oneway = bench::is_oneway(options, usage);
+  enter_private_bus();
 
-  const std::string base = "/tmp/kxbench-floor-" + std::to_string(getpid());
+  const std::string base = "/tmp/kxcore/floor";
   const paths at = {base + "-client", base + "-middle", base + "-server"};
-  const int at_once = oneway ? acknowledged_at_once : 1;
   {
     const endpoint client(at.client, polls);
     const endpoint middle(at.middle, polls);
     const endpoint server(at.server, polls);
     child_process forwarding([&] { forward(middle, at); });
-    child_process serving([&] { serve(server, at, at_once); });
-    const double seconds = measure(client, at, options, oneway ? window : 1, at_once);
-    if (oneway) {
-      std::printf("msgs_per_s=%.0f\n", 1 / seconds);
-    } else {
-      std::printf("us_per_roundtrip=%.3f\n", seconds * 1e6);
-    }
+    child_process serving([&] { serve(server, at, oneway ? bench::stream.answered_at_once : 1); });
+    const sockaddr_un to = endpoint::address_of(at.middle);
+    std::vector<char> buffer(2048, 'x');
+    bench::run(
+        options, oneway,
+        [&](long) {
+          buffer[0] = FORTH;
+          client.send(to, buffer, static_cast<std::size_t>(options.size));
+        },
+        [&](long) { client.receive(buffer); });
   }
   for (const std::string& path : {at.client, at.middle, at.server})
     unlink(path.c_str());

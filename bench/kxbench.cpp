@@ -29,10 +29,6 @@ constexpr int int_size = 5;         // tag and value
 constexpr int string_overhead = 4;  // tag, count, final 00
 constexpr int smallest_size = header_size + int_size + string_overhead + 4;
 
-// A receiver holds 11 unread datagrams; what is under way at any time stays below that.
-constexpr int window = 8;
-constexpr int acknowledged_at_once = 4;
-
 // Answers a request with its own payload, and acknowledges signals in groups.
 class echo_stub : public KXstub {
  public:
@@ -40,7 +36,7 @@ class echo_stub : public KXstub {
   using KXstub::process_message;
 
   void process_message(KXmessage& message) override {
-    if (message.m_header->msg_type == MSG_SIG && ++m_signals % acknowledged_at_once != 0) return;
+    if (message.m_header->msg_type == MSG_SIG && ++m_signals % bench::stream.answered_at_once != 0) return;
     int number = 0;
     message >> number;
     message >> m_text;
@@ -74,21 +70,19 @@ KXmessage make_request(int number, const std::string& text) {
   return request;
 }
 
-double measure_rtt(KXproxy& proxy, long count, const std::string& text) {
-  bench::progress progress(count);
+// Makes synchronous calls, and checks each answer.
+void measure_rtt(KXproxy& proxy, const bench::options& options, const std::string& text) {
+  KXmessage message;
   std::string answered;
-  const double started = bench::now_seconds();
-  for (long i = 0; i < count; ++i) {
-    const int number = static_cast<int>(i);
-    KXmessage message = make_request(number, text);
-    int back = ~number;
-    if (proxy.proxy_send(message) != 1) bench::fail("request %ld was not answered", i);
-    message >> back;
-    message >> answered;
-    if (back != number || answered != text) bench::fail("request %ld has a wrong answer", i);
-    progress.at(i);
-  }
-  return (bench::now_seconds() - started) * 1e6 / static_cast<double>(count);
+  bench::run(
+      options, false, [&](long number) { message = make_request(static_cast<int>(number), text); },
+      [&](long number) {
+        int back = -1;
+        if (proxy.proxy_send(message) != 1) bench::fail("request %ld was not answered", number);
+        message >> back;
+        message >> answered;
+        if (back != number || answered != text) bench::fail("request %ld has a wrong answer", number);
+      });
 }
 
 // Sends signals of a function's proxy by hand, which is what a stream of notifications is, and reads the
@@ -97,27 +91,22 @@ class stream : public KXproxy {
  public:
   using KXproxy::KXproxy;
 
-  double measure(long count, const std::string& text) {
-    bench::progress progress(count);
-    long acknowledged = 0;
-    const double started = bench::now_seconds();
-    for (long sent = 0; sent < count || acknowledged < count;) {
-      if (sent < count && sent - acknowledged < window) {
-        KXmessage message = make_request(static_cast<int>(sent), text);
-        message.m_header->dst_siid = htonl(m_service_siid);
-        message.m_header->msg_type = MSG_SIG;
-        if (!connection_send(message)) bench::fail("message %ld was not sent", sent);
-        progress.at(++sent);
-        continue;
-      }
-      KXmessage message;
-      int number = -1;
-      if (!connection_receive(message)) bench::fail("%ld messages of %ld arrived", acknowledged, count);
-      message >> number;
-      acknowledged += acknowledged_at_once;
-      if (number != static_cast<int>(acknowledged - 1)) bench::fail("a message before %d is lost", number);
-    }
-    return static_cast<double>(count) / (bench::now_seconds() - started);
+  void measure(const bench::options& options, const std::string& text) {
+    bench::run(
+        options, true,
+        [&](long number) {
+          KXmessage message = make_request(static_cast<int>(number), text);
+          message.m_header->dst_siid = htonl(m_service_siid);
+          message.m_header->msg_type = MSG_SIG;
+          if (!connection_send(message)) bench::fail("message %ld was not sent", number);
+        },
+        [&](long number) {
+          KXmessage message;
+          int acknowledged = -1;
+          if (!connection_receive(message)) bench::fail("message %ld did not arrive", number);
+          message >> acknowledged;
+          if (acknowledged != number) bench::fail("a message before %d is lost", acknowledged);
+        });
   }
 };
 
@@ -140,7 +129,7 @@ int main(int argc, char** argv) {
   const bench::options options = bench::parse(argc, argv, usage, smallest_size);
   const std::string text(static_cast<std::size_t>(options.size - header_size - int_size - string_overhead),
                          'x');
-  if (options.mode != "rtt" && options.mode != "oneway") bench::fail("%s", usage);
+  const bool oneway = bench::is_oneway(options, usage);
   enter_private_bus();
 
   child_process core(std::vector<std::string>{sibling_program("kxcore")});
@@ -148,19 +137,16 @@ int main(int argc, char** argv) {
   child_process server(serve);
   KXclientComponent component("kxbench-client");
   component.register_component();
-  if (options.mode == "rtt") {
-    KXproxy proxy(&component);
-    subscribe(proxy);
-    measure_rtt(proxy, options.count / 10 + 1, text);  // warm up
-    std::printf("us_per_roundtrip=%.3f\n", measure_rtt(proxy, options.count, text));
-    proxy.disconnect(true);
-  } else {
+  if (oneway) {
     stream sender(&component);
     subscribe(sender);
-    const long rounded =
-        (options.count + acknowledged_at_once - 1) / acknowledged_at_once * acknowledged_at_once;
-    std::printf("msgs_per_s=%.0f\n", sender.measure(rounded, text));
+    sender.measure(options, text);
     sender.disconnect(true);
+  } else {
+    KXproxy proxy(&component);
+    subscribe(proxy);
+    measure_rtt(proxy, options, text);
+    proxy.disconnect(true);
   }
   component.stop();
   return 0;

@@ -61,4 +61,17 @@ void progress::at(long done) {
   m_next = now_seconds() + 1;
 }
 
+bool is_oneway(const options& given, const char* usage) {
+  if (given.mode != "rtt" && given.mode != "oneway") fail("%s", usage);
+  return given.mode == "oneway";
+}
+
+void print_result(bool oneway, double seconds_per_message) {
+  if (oneway) {
+    std::printf("msgs_per_s=%.0f\n", 1 / seconds_per_message);
+  } else {
+    std::printf("us_per_roundtrip=%.3f\n", seconds_per_message * 1e6);
+  }
+}
+
 }  // namespace bench
