@@ -86,11 +86,25 @@ class KX_EXPORT buffer_t {
   int room() const { return capacity - offset - size; }  ///< bytes that can still be written
   int unread() const { return size - pos; }              ///< bytes that can still be read
 
- private:
+  /// Appends and takes an unsigned integer as it travels, without checking that there is room or data for it.
   template <typename Word>
-  void append_word(Word word);
+  void append_word(Word word) {
+    unsigned char* to = data + offset + size;
+    for (unsigned i = 0; i < sizeof word; ++i) {
+      to[i] = static_cast<unsigned char>(word >> (8 * (sizeof word - 1 - i)));
+    }
+    size += static_cast<int>(sizeof word);
+  }
   template <typename Word>
-  Word take_word() const;
+  Word take_word() const {
+    const unsigned char* from = data + offset + pos;
+    Word word = 0;
+    for (unsigned i = 0; i < sizeof word; ++i) {
+      word = static_cast<Word>(word | static_cast<Word>(from[i]) << (8 * (sizeof word - 1 - i)));
+    }
+    pos += static_cast<int>(sizeof word);
+    return word;
+  }
 };
 
 #endif

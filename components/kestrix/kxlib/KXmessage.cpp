@@ -23,6 +23,12 @@ const char* name_of(const char* const (&names)[entries], std::uint8_t code) {
   return code < entries ? names[code] : "unknown";
 }
 
+// Apart from the operators, which need no frame without it.
+[[gnu::cold, gnu::noinline]] bool refuse() {
+  KX_LOG_WARNING_IN("operator<<", "buffer full\n");
+  return false;
+}
+
 }  // namespace
 
 const char* const msg_type2str[5] = {"", "REQ", "RSP", "ERR", "SIG"};
@@ -46,25 +52,29 @@ void KXmessage::operator=(const KXmessage& other) {
 }
 
 bool KXmessage::has_room(std::size_t needed) const {
-  if (static_cast<std::size_t>(room()) >= needed) return true;
-  KX_LOG_WARNING_IN("operator<<", "buffer full\n");
-  return false;
+  return static_cast<std::size_t>(room()) >= needed || refuse();
 }
 
+// A missing tag has its WARNING line, too.
 void KXmessage::skip_tag() const {
-  unsigned char tag = 0;
-  buffer_t::operator>>(tag);
+  if (unread() > 0) {
+    ++pos;
+  } else {
+    unsigned char tag = 0;
+    buffer_t::operator>>(tag);
+  }
 }
 
-#define TAGGED_OPERATORS(type, wire_type, tag)             \
-  void KXmessage::operator<<(type value) {                 \
-    if (!has_room(tag_width + sizeof(type))) return;       \
-    buffer_t::operator<<(static_cast<unsigned char>(tag)); \
-    buffer_t::operator<<(static_cast<wire_type>(value));   \
-  }                                                        \
-  void KXmessage::operator>>(type& value) const {          \
-    skip_tag();                                            \
-    buffer_t::operator>>(value);                           \
+#define TAGGED_OPERATORS(type, wire_type, tag)                                         \
+  void KXmessage::operator<<(type value) {                                             \
+    if (!has_room(tag_width + sizeof(type))) return;                                   \
+    append_word(static_cast<unsigned char>(tag));                                      \
+    append_word(static_cast<wire_type>(value));                                        \
+  }                                                                                    \
+  void KXmessage::operator>>(type& value) const {                                      \
+    skip_tag();                                                                        \
+    if (unread() < static_cast<int>(sizeof(type))) return buffer_t::operator>>(value); \
+    value = static_cast<type>(take_word<wire_type>());                                 \
   }
 
 TAGGED_OPERATORS(signed char, unsigned char, TAG_INT8)
@@ -75,13 +85,13 @@ TAGGED_OPERATORS(unsigned char, unsigned char, TAG_UINT8)
 TAGGED_OPERATORS(unsigned short, unsigned short, TAG_UINT16)
 TAGGED_OPERATORS(unsigned int, unsigned int, TAG_UINT32)
 TAGGED_OPERATORS(unsigned long long, unsigned long long, TAG_UINT64)
-TAGGED_OPERATORS(bool, bool, TAG_BOOL)
+TAGGED_OPERATORS(bool, unsigned char, TAG_BOOL)
 
 #undef TAGGED_OPERATORS
 
 void KXmessage::operator<<(const std::string& value) {
   if (!has_room(value.size() + 4)) return;
-  buffer_t::operator<<(static_cast<unsigned char>(TAG_STRING));
+  append_word(static_cast<unsigned char>(TAG_STRING));
   buffer_t::operator<<(value);
 }
 
@@ -89,7 +99,7 @@ void KXmessage::operator<<(const buffer_t& value) {
   // The tag would lengthen a message that is written into itself.
   if (&value == this) return KXmessage::operator<<(buffer_t(value));
   if (!has_room(static_cast<std::size_t>(value.size) + 3)) return;
-  buffer_t::operator<<(static_cast<unsigned char>(TAG_BUFFER));
+  append_word(static_cast<unsigned char>(TAG_BUFFER));
   buffer_t::operator<<(value);
 }
 

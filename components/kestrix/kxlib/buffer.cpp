@@ -81,25 +81,6 @@ void buffer_t::incr_pos(int n) const {
   pos = size;
 }
 
-template <typename Word>
-void buffer_t::append_word(Word word) {
-  unsigned char* to = data + offset + size;
-  for (unsigned i = 0; i < sizeof word; ++i) {
-    to[i] = static_cast<unsigned char>(word >> (8 * (sizeof word - 1 - i)));
-  }
-  size += static_cast<int>(sizeof word);
-}
-
-template <typename Word>
-Word buffer_t::take_word() const {
-  const unsigned char* from = data + offset + pos;
-  unsigned long long word = 0;
-  for (unsigned i = 0; i < sizeof(Word); ++i)
-    word = word << 8 | from[i];
-  pos += static_cast<int>(sizeof(Word));
-  return static_cast<Word>(word);
-}
-
 #define FIXED_WIDTH_OPERATORS(type, name)                                                              \
   void buffer_t::operator<<(type value) {                                                              \
     constexpr int width = sizeof(type);                                                                \
