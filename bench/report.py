@@ -1,0 +1,159 @@
+"""Writes the report of scripts/bench: report.py RESULTS-DIRECTORY REPORT
+
+Beside the report it prints the comparison with the goals, and writes the tables for the plots into the directory
+of the results.
+"""
+import collections
+import csv
+import pathlib
+import statistics
+import sys
+
+KXLIB, POLL = "kxlib", "bare sockets, poll"
+GOALS = [  # pinned: what, over what, limit, whether it is an upper one
+    ("rtt", POLL, 1.10, True),
+    ("rtt", "sd-bus", 0.65, True),
+    ("rtt", "ZeroMQ", 0.35, True),
+    ("oneway", POLL, 0.90, False),
+]
+TITLES = {"rtt": "Round trip, µs", "oneway": "One way, messages a second"}
+INTRODUCTION = """# Benchmarks
+
+Written by `scripts/bench`, which measures everything again; `scripts/bench --counts` adds the counts at the end.
+
+{machine}
+
+All programs send datagrams (or messages, or for D-Bus the number and the text of a datagram) of 64 bytes. A round
+trip is a synchronous call of one process to another, which reads the request and answers with the same content;
+one way, a stream is acknowledged in groups of four, with eight under way. kxlib goes over kxcore, D-Bus over a
+dbus-daemon, ZeroMQ and nng from process to process, which spares them two of the four hops. *Bare sockets* are
+the same four hops between three processes with nothing but sendto and recvfrom, *poll* with a poll before each
+receive. *Pinned*: all processes on one processor. The programs take turns within a round. Figures are medians of
+{rounds} rounds, with the smallest and the largest.
+"""
+GROWTH = {
+    "components": "components on the bus",
+    "services": "services on the bus",
+    "subscribers": "subscribers of a signal",
+    "timers": "timers armed",
+}
+GROWTH_INTRODUCTION = """## How costs grow
+
+Pinned; medians of five runs, with the smallest and the largest. kxcore finds services by siid and by name in hash
+tables. A signal is a datagram for each of its subscribers. Armed timers are a list in order of expiry, which arming
+one walks; the event loop fires one in each of its cycles.
+"""
+MEASURES = {
+    "us_per_roundtrip": "round trip, µs",
+    "us_per_subscription": "subscription, µs",
+    "kxcore_rss_anon_kib": "memory of kxcore (RssAnon), KiB",
+    "us_until_all_received": "until all have received it, µs",
+    "us_per_arming": "arming and removing one, µs",
+    "us_per_firing": "firing one, µs",
+}
+
+
+def read_rounds(path):
+    """{(mode, where): {bus: [value of each round]}}"""
+    table = collections.defaultdict(lambda: collections.defaultdict(list))
+    for mode, where, _, bus, value in csv.reader(path.open(), delimiter="|"):
+        table[mode, where][bus].append(float(value))
+    return table
+
+
+def read_growth(path):
+    """{what: {population: {measure: [value of each run]}}}"""
+    table = collections.defaultdict(lambda: collections.defaultdict(lambda: collections.defaultdict(list)))
+    for line in path.read_text().splitlines():
+        (what, population), *measures = (word.split("=") for word in line.split())
+        for measure, value in measures:
+            table[what][int(population)][measure].append(float(value))
+    return table
+
+
+def shown(values):
+    digits = 0 if all(value.is_integer() for value in values) else 1 if max(values) >= 10 else 2
+    return f"{statistics.median(values):,.{digits}f} ({min(values):,.{digits}f}–{max(values):,.{digits}f})"
+
+
+def markdown_table(head, rows):
+    lines = [head, ["---"] + ["---:"] * (len(head) - 1), *rows]
+    return "\n".join("| " + " | ".join(line) + " |" for line in lines) + "\n"
+
+
+def bus_table(rounds):
+    columns = [(mode, where) for mode in TITLES for where in ("pinned", "free")]
+    rows = [[bus] + [shown(rounds[column][bus]) for column in columns] for bus in rounds[columns[0]]]
+    return markdown_table([""] + [f"{TITLES[mode]}, {where}" for mode, where in columns], rows)
+
+
+def goal_table(rounds):
+    rows = []
+    for mode, other, limit, is_upper in GOALS:
+        values = rounds[mode, "pinned"]
+        if other not in values:
+            continue
+        ratios = [own / theirs for own, theirs in zip(values[KXLIB], values[other])]
+        ratio = statistics.median(ratios)
+        met = ratio <= limit if is_upper else ratio >= limit
+        rows.append([f"{TITLES[mode].split(',')[0]}, kxlib / {other}", f"{'≤' if is_upper else '≥'} {limit:.2f}",
+                     f"{ratio:.2f} ({min(ratios):.2f}–{max(ratios):.2f})", "met" if met else "missed"])
+    return markdown_table(["Ratio within a round, pinned", "Goal", "Measured", ""], rows)
+
+
+def growth_table(what, populations):
+    measures = list(next(iter(populations.values())))
+    rows = [[f"{population:,}"] + [shown(values[measure]) for measure in measures]
+            for population, values in populations.items()]
+    return markdown_table([GROWTH[what]] + [MEASURES[measure] for measure in measures], rows)
+
+
+def encoding_section(path):
+    lines = path.read_text().splitlines()
+    start = next(i for i, line in enumerate(lines) if line.startswith("name,"))
+    times = {row["name"][:-len("_median")].strip('"'): float(row["cpu_time"])
+             for row in csv.DictReader(lines[start:]) if row["name"].endswith("_median")}
+    values = dict.fromkeys(name.split("/")[0] for name in times if not name.startswith("payload"))
+    rows = [[value] + [f"{times[f'{value}/{kind}']:.1f}" for kind in ("encode", "decode", "memcpy")]
+            for value in values]
+    own, by_hand = times["payload/operators"], times["payload/by_hand"]
+    met = own <= 60 or own <= 2 * by_hand
+    return (markdown_table(["Nanoseconds", "encode", "decode", "memcpy of the same bytes"], rows) +
+            f"\nThe payload of the 64-byte datagram, a number and a text, written and read: {own:.1f} ns; packed and "
+            f"unpacked by hand: {by_hand:.1f} ns. Goal: at most 60 ns, or twice the time by hand: "
+            f"{'met' if met else 'missed'}.\n")
+
+
+def write_plot_tables(results, rounds, growth):
+    for mode in TITLES:
+        buses = rounds[mode, "pinned"]
+        lines = [['"' + bus.replace(" ", "\\n") + '"'] + [f(rounds[mode, where][bus]) for where in ("pinned", "free")
+                                 for f in (statistics.median, min, max)] for bus in buses]
+        (results / f"{mode}.dat").write_text("".join(" ".join(map(str, line)) + "\n" for line in lines))
+    for what, populations in growth.items():
+        lines = [[population] + [statistics.median(values) for values in measures.values()]
+                 for population, measures in populations.items()]
+        (results / f"{what}.dat").write_text("".join(" ".join(map(str, line)) + "\n" for line in lines))
+
+
+def main():
+    results, report = map(pathlib.Path, sys.argv[1:])
+    rounds, growth = read_rounds(results / "rounds"), read_growth(results / "growth")
+    machine = (results / "machine").read_text().strip()
+    number = len(rounds["rtt", "pinned"][KXLIB])
+    comparison = bus_table(rounds) + "\n" + goal_table(rounds)
+    parts = [INTRODUCTION.format(machine=machine, rounds=number), comparison,
+             "![Round trips](benchmarks-rtt.svg)\n\n![One-way messages](benchmarks-oneway.svg)\n",
+             GROWTH_INTRODUCTION]
+    parts += [growth_table(what, growth[what]) + f"\n![Growth](benchmarks-{what}.svg)\n" for what in GROWTH]
+    if (results / "encoding").exists():
+        parts += ["## Encoding\n", encoding_section(results / "encoding")]
+    if (results / "counts").exists():
+        parts += ["## What a round trip takes\n\nEach process of one synchronous call, in steady state.\n",
+                  (results / "counts").read_text()]
+    report.write_text("\n".join(parts))
+    write_plot_tables(results, rounds, growth)
+    print(comparison)
+
+
+main()
