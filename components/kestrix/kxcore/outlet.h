@@ -37,7 +37,7 @@ class outlet {
  public:
   // In bytes, with what the memory of each message costs beside its own. Where so many senders come that the
   // first messages of each reach twice that, these are refused, too.
-  static constexpr std::size_t max_queued = 256 * 1024;
+  static constexpr std::size_t max_queued = std::size_t{256} * 1024;
   static constexpr std::size_t cost_beside_bytes = 128;
 
   enum result_e {
