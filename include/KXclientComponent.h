@@ -15,16 +15,19 @@
 /// line for each second, and then registers the component. See KXcomponent for all other operations.
 class KX_EXPORT KXclientComponent : public KXcomponent {
  public:
+  /// As the constructors of KXcomponent, which see for `name`, `cfg` and what they throw. kxcore is not asked
+  /// for anything before start.
+  /// @{
   explicit KXclientComponent(const char* name) : KXclientComponent(name, std::string(core_path)) {}
   KXclientComponent(const char* name, const ExtraCfg* cfg)
       : KXclientComponent(name, cfg, std::string(core_path)) {}
+  /// @}
 
   /// One management exchange with kxcore, in the caller's message: `cmd`, `msg_id` and the payload are the
   /// caller's, the other header fields are set here. A withdrawal is sent and not answered; any other command
   /// waits, without limit, for the reply with the request's id, and sets other messages aside for the event
-  /// loop.
-  /// @param connection the subject of a registration or subscription, which receives what kxcore grants; else
-  ///         null
+  /// loop. `connection` is the subject of a registration or subscription, which receives what kxcore grants;
+  /// else null.
   /// @return whether the exchange took place; then `message` holds the reply, cursor at the start of its
   ///         payload
   /// @throws KXerror::ERR_ERROR_REPLY when kxcore refuses, KXerror::ERR_SIID_PRESENT from bind_siid
@@ -37,8 +40,12 @@ class KX_EXPORT KXclientComponent : public KXcomponent {
   /// Tells kxcore that the component leaves; waits for nothing.
   void unregister_component() override;
 
+  /// Receives one datagram of the data socket and delivers it to the connections of its dst_siid, of which
+  /// there may be none. Throws what they throw.
   void get_data_message(int fd) override;
 
+  /// Receives one datagram of the management socket: KILL-COMPONENT ends the event loop, anything else is
+  /// dropped.
   void get_mgmt_message(int /*fd*/) override {
     KX_LOG_INFO("receive mgmt message");
     KXmessage message;
@@ -51,12 +58,15 @@ class KX_EXPORT KXclientComponent : public KXcomponent {
     }
   }
 
+  /// As send_message_to, to kxcore's management socket and to its data socket.
+  /// @{
   int send_mgmt_message(KXmessage& message) override;
   int send_data_message(KXmessage& message) override;
+  /// @}
 
  protected:
-  std::string m_kxcore_mgmt_socket_name;
-  std::string m_kxcore_data_socket_name;
+  std::string m_kxcore_mgmt_socket_name;  ///< path; fixed
+  std::string m_kxcore_data_socket_name;  ///< path that kxcore names in its reply to the registration
 
  private:
   static constexpr char core_path[] = "/tmp/kxcore/kxcore";

@@ -1,3 +1,5 @@
+/// @file
+/// The component, and the clock of its timers.
 #ifndef KXCOMPONENT_H
 #define KXCOMPONENT_H
 
@@ -21,7 +23,7 @@ class KXconnection;
 class KXinterface;
 
 /// Milliseconds of the monotonic clock within the current hour: 0 .. 3,599,999; 0 with an ERROR line when the
-/// clock cannot be read. Stamps wrap every hour.
+/// clock cannot be read. Stamps wrap every hour. Any thread.
 KX_EXPORT unsigned int get_currentTime();
 
 /// The deadline stamp (1 .. 3,600,000) of a timeout of `to` milliseconds from now. Above 900,000 ms, and for
@@ -65,20 +67,20 @@ class KX_EXPORT KXcomponent {
 
   /// One armed timer. Its identity is (context, handler, cookie).
   struct timer_entry_t {
-    handler_t handler;
-    void* context;
-    int cookie;
-    int to;            ///< timeout in ms as the caller gave it; also the period of a repeating timer
-    unsigned int ato;  ///< deadline stamp
+    handler_t handler;  ///< called when the deadline has passed
+    void* context;      ///< the caller's, never looked at
+    int cookie;         ///< the caller's number
+    int to;             ///< timeout in ms as the caller gave it; also the period of a repeating timer
+    unsigned int ato;   ///< deadline stamp
   };
 
   /// The handler of the descriptor at the same index of the poll set.
   struct fd_handler_t {
-    handler_t handler;
-    void* context;
+    handler_t handler;  ///< called when the descriptor is readable
+    void* context;      ///< the caller's, never looked at
   };
 
-  static constexpr int max_descriptors = 64;
+  static constexpr int max_descriptors = 64;  ///< in the poll set, the two sockets included
 
   /// Binds the sockets "/tmp/kxcore/<name>" (management) and "/tmp/kxcore/<name>-d" (data), removing files
   /// that stand there, and installs the signal handler.
@@ -100,17 +102,23 @@ class KX_EXPORT KXcomponent {
   virtual bool interconnect_service(KXconnection* conn, KXmessage& msg);
 
   /// Announces the component to the bus, and withdraws it; called by start and stop. The base does nothing.
+  /// @{
   virtual void register_component();
   virtual void unregister_component();
+  /// @}
 
   /// Receives and handles one datagram; called by the event loop when the socket is readable.
+  /// @{
   virtual void get_data_message(int fd) = 0;
   virtual void get_mgmt_message(int fd) = 0;
+  /// @}
 
   /// Sends to the core's management or data socket. Returns the bytes sent or -1; the base sends nothing and
   /// returns 0.
+  /// @{
   virtual int send_mgmt_message(KXmessage& msg);
   virtual int send_data_message(KXmessage& msg);
+  /// @}
 
   /// Directory and name of the sockets; the management socket's path.
   std::string get_socket_base_name();
@@ -122,7 +130,8 @@ class KX_EXPORT KXcomponent {
 
   /// Sends one message from `fd`, a socket of this component, to the socket at `path`. A send that fails, for
   /// whatever reason, is tried three times in all, with a second's pause between: the call blocks for about
-  /// two seconds at most. Safe in a signal handler as far as syslog is (see KXlog.h).
+  /// two seconds at most. `msg` is not changed. Any thread, and signal handlers as far as syslog is safe
+  /// there (see KXlog.h).
   /// @return bytes sent (header and payload), or -1
   int send_message_to(int fd, const char* path, KXmessage& msg);
 
@@ -135,7 +144,8 @@ class KX_EXPORT KXcomponent {
   /// now, and again after each further `to` milliseconds unless the handler returns -1. Timeouts are at most
   /// 900,000 ms; a longer or negative one counts as that. The same timer may be armed more than once. Any
   /// thread; from another one than the event loop's it does not wake the loop. A handler ends its own timer
-  /// by returning -1, not with del_timer. Returns 0.
+  /// by returning -1, not with del_timer, and runs with m_mutex held: other threads' calls that need it wait.
+  /// `context` stays the caller's. Returns 0.
   int add_msec_timer(int to, void* context, handler_t handler, int cookie);
 
   /// add_msec_timer(seconds * 1000, ...), in 32-bit arithmetic that wraps.
@@ -165,12 +175,13 @@ class KX_EXPORT KXcomponent {
   void add_interface(KXinterface* iface);
 
   /// Registers the component, runs the start-up phases and then the event loop; returns when the component
-  /// has stopped. Passes on what register_component and handlers throw.
+  /// has stopped. Once: a stopped component does not start again. Passes on what register_component, the
+  /// phases and handlers throw; then the component is still on the bus until stop is called.
   void start(cmp_start_e mode);
 
   /// Takes the component off the bus: close callback, connections, registration, sockets and their files.
   /// Called by the event loop when it ends; called from a handler it also ends the loop. A second call does
-  /// nothing.
+  /// nothing. Each notice to a kxcore that does not answer may take two seconds.
   void stop();
 
   /// The event loop; sets m_running to `run` first, and calls stop when it ends. Called by start.
@@ -189,8 +200,10 @@ class KX_EXPORT KXcomponent {
   void remove_connection(KXconnection* conn);
 
   /// The descriptor handlers of the two sockets; `context` is the component. Return 0.
+  /// @{
   static int static_get_data_message(void* context, int fd);
   static int static_get_mgmt_message(void* context, int fd);
+  /// @}
 
   /// The component that termination signals end: the one constructed last, null after any was destroyed.
   static KXcomponent* static_kxc;
@@ -214,6 +227,10 @@ class KX_EXPORT KXcomponent {
   /// Whether a received datagram holds at least a header; if not, writes a WARNING line for `operation`.
   static bool holds_header(int received, const char* operation);
 
+  /// State for derived components. m_mutex, which is recursive, guards the poll set, the timers, the close
+  /// callback and the waiting queue, and receiving from the data socket; m_running may be read and cleared by
+  /// any thread, which does not wake the loop; the rest belongs to the event loop's thread.
+  /// @{
   std::string m_socket_dir;
   struct pollfd m_fda[max_descriptors];
   fd_handler_t m_fd_handlers[max_descriptors];
@@ -231,6 +248,7 @@ class KX_EXPORT KXcomponent {
   std::atomic<bool> m_running;
   int m_data_fd;
   int m_mgmt_fd;
+  /// @}
 
   /// Whether a synchronous wait on another thread has begun since the event loop found the waiting queue
   /// empty: what the data socket holds now is newer than what that wait set aside. Guarded by m_mutex.

@@ -27,6 +27,7 @@ class KX_EXPORT KXconnection {
   /// The names of the kinds, indexed by their values.
   static const char* const interface_type2str[3];
 
+  /// `component` is not null and stays the caller's.
   explicit KXconnection(KXcomponent* component)
       : m_component(component), m_siid(no_siid), m_interface_type(not_connected) {}
   KXconnection(const KXconnection&) = delete;
@@ -34,6 +35,7 @@ class KX_EXPORT KXconnection {
   virtual ~KXconnection() = default;
 
   /// Tells kxcore that the connection is withdrawn; with `remove` also leaves the component's table of siids.
+  /// May be called from any handler, the connection's own included.
   virtual void disconnect(bool remove) = 0;
 
   /// Called by the event loop with each message for the connection's siid. `message` is the caller's;
@@ -71,6 +73,8 @@ class KX_EXPORT KXconnection {
   friend class KXcomponent;
   friend class KXclientComponent;
 
+  /// What m_interface_type holds before the first registration or subscription, and in a proxy that was
+  /// disconnected.
   static constexpr interface_type_e not_connected = static_cast<interface_type_e>(-1);
 
   /// As connection_receive; the number of bytes received, 0 when none came in time, or -1.
@@ -79,10 +83,10 @@ class KX_EXPORT KXconnection {
   /// Begins a management request: its command, and an id of its own.
   static void begin_request(KXmessage& message, mgmt_cmd_e cmd);
 
-  KXcomponent* m_component;
-  unsigned int m_siid;
-  interface_type_e m_interface_type;
-  std::string m_service_name;
+  KXcomponent* m_component;           ///< never null
+  unsigned int m_siid;                ///< granted by kxcore; no_siid before
+  interface_type_e m_interface_type;  ///< the kind asked for last
+  std::string m_service_name;         ///< the name asked for last
 };
 
 #endif

@@ -15,9 +15,13 @@ class KXcomponent;
 class KX_EXPORT KXinterface {
  public:
   virtual ~KXinterface() = default;
+
+  /// One phase of the start of `cmp`, the component that is starting. What it throws leaves start.
+  /// @{
   virtual void startup_phase0(KXcomponent* cmp) = 0;
   virtual void startup_phase1(KXcomponent* cmp) = 0;
   virtual void startup_phase2(KXcomponent* cmp) = 0;
+  /// @}
 };
 
 #endif

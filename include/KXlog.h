@@ -1,3 +1,4 @@
+/// @file
 /// Log lines: one test of the trace level, then one syslog call with a literal format.
 ///
 ///     KX_LOG_ERROR("bind of unixsocket %s failed - %s", path, strerror(errno));
@@ -70,10 +71,11 @@ inline void assert_failed(const char* expression, const char* path, int line, co
 
 /// Where the name of a source file begins in its path, and how long it is without its extension.
 struct name_range {
-  std::size_t begin;
-  std::size_t length;
+  std::size_t begin;   ///< index of its first character
+  std::size_t length;  ///< number of its characters
 };
 
+/// The range of the name in `path`.
 constexpr name_range find_source_name(const char* path) {
   std::size_t begin = 0;
   std::size_t end = 0;
@@ -85,10 +87,12 @@ constexpr name_range find_source_name(const char* path) {
   return {begin, (dot > begin ? dot : end) - begin};
 }
 
+/// The name of a source file, made when the file is compiled.
 template <std::size_t length>
 struct source_name {
-  char text[length + 1];
+  char text[length + 1];  ///< the name, with its NUL
 
+  /// Takes the name out of `path`.
   constexpr explicit source_name(const char* path) : text{} {
     const std::size_t begin = find_source_name(path).begin;
     for (std::size_t i = 0; i < length; ++i)
@@ -98,20 +102,27 @@ struct source_name {
 
 }  // namespace kxlog
 
+/// Write one line of their level, in the name of the function around them.
+/// @{
 #define KX_LOG_ERROR(...) KX_LOG_ERROR_IN(__func__, __VA_ARGS__)
 #define KX_LOG_WARNING(...) KX_LOG_WARNING_IN(__func__, __VA_ARGS__)
 #define KX_LOG_INFO(...) KX_LOG_INFO_IN(__func__, __VA_ARGS__)
 #define KX_LOG_DEBUG1(...) KX_LOG_DEBUG1_IN(__func__, __VA_ARGS__)
 #define KX_LOG_DEBUG2(...) KX_LOG_DEBUG2_IN(__func__, __VA_ARGS__)
 #define KX_LOG_DEBUG3(...) KX_LOG_DEBUG3_IN(__func__, __VA_ARGS__)
+/// @}
 
+/// Write one line of their level, in the name of `function`.
+/// @{
 #define KX_LOG_ERROR_IN(function, ...) KX_LOG_LINE(ERROR, LOG_ERR, function, __VA_ARGS__)
 #define KX_LOG_WARNING_IN(function, ...) KX_LOG_LINE(WARNING, LOG_WARNING, function, __VA_ARGS__)
 #define KX_LOG_INFO_IN(function, ...) KX_LOG_LINE(INFO, LOG_INFO, function, __VA_ARGS__)
 #define KX_LOG_DEBUG1_IN(function, ...) KX_LOG_LINE(DEBUG1, LOG_DEBUG, function, __VA_ARGS__)
 #define KX_LOG_DEBUG2_IN(function, ...) KX_LOG_LINE(DEBUG2, LOG_DEBUG, function, __VA_ARGS__)
 #define KX_LOG_DEBUG3_IN(function, ...) KX_LOG_LINE(DEBUG3, LOG_DEBUG, function, __VA_ARGS__)
+/// @}
 
+/// @cond the inside of the macros
 #define KX_LOG_LINE(level, priority, function, ...)                                                          \
   do {                                                                                                       \
     if (kxlog::enabled(kxlog::LEVEL_##level)) {                                                              \
@@ -130,5 +141,6 @@ struct source_name {
 #define KX_LOG_PICK(a, b, c, d, e, f, g, h, kind, ...) KX_LOG_ARGUMENTS_##kind
 #define KX_LOG_ARGUMENTS_NONE(text)
 #define KX_LOG_ARGUMENTS_SOME(text, ...) , __VA_ARGS__
+/// @endcond
 
 #endif

@@ -1,3 +1,5 @@
+/// @file
+/// Messages, and the vocabularies of their headers.
 #ifndef KXMESSAGE_H
 #define KXMESSAGE_H
 
@@ -43,16 +45,19 @@ enum value_tag_e : std::uint8_t {
 };
 
 /// The names of the message types and management commands, indexed by their codes.
+/// @{
 extern KX_EXPORT const char* const msg_type2str[5];
 extern KX_EXPORT const char* const mgmt_cmd2str[12];
+/// @}
 
-/// The name of a type or command as it was received: "unknown" for a code outside its table.
+/// The name of a type or command as it was received: "unknown" for a code outside its table. Any thread.
+/// @{
 KX_EXPORT const char* msg_type_name(std::uint8_t msg_type);
 KX_EXPORT const char* mgmt_cmd_name(std::uint8_t cmd);
+/// @}
 
-/// The siid of both ends of a management message, and the siid of a connection that has none.
-constexpr std::uint32_t management_siid = 1;
-constexpr std::uint32_t no_siid = 0xFFFFFFFF;
+constexpr std::uint32_t management_siid = 1;   ///< the siid of both ends of a management message
+constexpr std::uint32_t no_siid = 0xFFFFFFFF;  ///< the siid of a connection that has none
 
 /// The routing header in front of every payload, as it travels: 14 bytes, no padding, network byte order.
 /// Multi-byte fields are read with ntohl and written with htonl. It lies at any alignment in a byte array.
@@ -82,10 +87,15 @@ class KX_EXPORT KXmessage : public buffer_t {
 
   /// An empty payload behind a header of zeros; the payload's storage is not cleared.
   KXmessage();
+  /// Copies the whole datagram and the read cursor; the copy's header lies in its own storage.
+  /// @{
   KXmessage(const KXmessage& other);
   void operator=(
       const KXmessage& other);  // NOLINT(misc-unconventional-assign-operator): returns nothing by design
+  /// @}
 
+  /// Appends the tag and the encoding of `value`; without room for both, nothing.
+  /// @{
   virtual void operator<<(signed char value);
   virtual void operator<<(short value);
   virtual void operator<<(int value);
@@ -99,7 +109,11 @@ class KX_EXPORT KXmessage : public buffer_t {
   virtual void operator<<(bool value);
   virtual void operator<<(
       const char* value);  ///< as the std::string of the same text; null as the empty string
+  /// @}
 
+  /// Skips a tag, whatever it is, and decodes the value behind it into `value`. When too little is there,
+  /// `value` stays as it is (a string or buffer is emptied).
+  /// @{
   virtual void operator>>(signed char& value) const;
   virtual void operator>>(short& value) const;
   virtual void operator>>(int& value) const;
@@ -112,6 +126,7 @@ class KX_EXPORT KXmessage : public buffer_t {
   virtual void operator>>(buffer_t& value) const;  ///< replaces the content of `value`
   virtual void operator>>(bool& value) const;
   virtual void operator>>(const std::string& value) const;  ///< does nothing
+  /// @}
 
   /// A pointer to anything but characters would silently be written as a bool.
   template <typename T, typename = std::enable_if_t<!std::is_same<std::remove_cv_t<T>, char>::value>>

@@ -12,6 +12,7 @@
 /// process_message(KXmessage&), which runs on the event loop's thread.
 class KX_EXPORT KXproxy : public KXconnection {
  public:
+  /// @param component not null; must outlive the proxy
   /// @param timeout seconds after which a synchronous request gives up while only other messages arrive; when
   ///         none arrives at all it gives up after 10 seconds, whatever `timeout` is
   explicit KXproxy(KXcomponent* component, unsigned int timeout = 10)
@@ -24,16 +25,19 @@ class KX_EXPORT KXproxy : public KXconnection {
         m_timeout(timeout) {}
 
   /// Subscribe to the service `name` with kxcore and wait, without limit, for its answer.
-  /// @param reply stored for process_message of the application's own class; not owned, may be null
+  /// `name` is copied. `reply` is stored for process_message of the application's own class; not owned, may
+  /// be null.
   /// @return 1, or 0 when kxcore could not be reached
   /// @throws KXerror::ERR_ERROR_REPLY when kxcore refuses, for instance because nobody offers the service
   ///         yet; KXerror::ERR_SIID_PRESENT when it grants a taken siid. After either the application may
   ///         subscribe again. A proxy that is subscribed is to be disconnected with `remove` before: each
   ///         subscription binds it once more, and disconnect leaves only the last of them.
+  /// @{
   int subscribe_synchronous(const char* name);
   int subscribe_asynchronous(const char* name, KXproxyReplyInterface* reply);
   int subscribe_signal(const char* name);
   int subscribe_service(const char* name, interface_type_e type, KXproxyReplyInterface* reply);
+  /// @}
 
   /// Sends a request or signal to the service. A synchronous proxy then blocks for the response: messages
   /// that arrive meanwhile are dispatched by the event loop afterwards, timers do not fire. It may be called
@@ -54,6 +58,9 @@ class KX_EXPORT KXproxy : public KXconnection {
   /// Passes the message on to process_message.
   void connection_process_message(KXmessage& message) override;
 
+  /// Handles a response or signal, on the event loop's thread; `message` is the caller's, read cursor at the
+  /// start of its payload unless another subscriber in the component has read before. An application that
+  /// expects messages overrides it; here it writes an ERROR line.
   void process_message(KXmessage& /*message*/) override {
     KX_LOG_ERROR("Error, this function should never be called [%s]]\n",
                  "virtual void KXproxy::process_message(KXmessage&)");
@@ -63,12 +70,12 @@ class KX_EXPORT KXproxy : public KXconnection {
  protected:
   friend class KXclientComponent;
 
-  KXproxyReplyInterface* m_reply_interface;
-  unsigned int m_service_siid;
-  unsigned int m_mid;
-  unsigned int m_mid_first;
-  unsigned int m_mid_end;
-  unsigned int m_timeout;
+  KXproxyReplyInterface* m_reply_interface;  ///< as given with the subscription; may be null
+  unsigned int m_service_siid;               ///< of the stub; no_siid before the subscription
+  unsigned int m_mid;                        ///< id of the last message sent
+  unsigned int m_mid_first;                  ///< first message id that kxcore granted
+  unsigned int m_mid_end;                    ///< first message id behind the grant
+  unsigned int m_timeout;                    ///< seconds
 
  private:
   void address(KXmessage& message);

@@ -13,17 +13,20 @@
 /// all its subscribers when the stub sends a MSG_SIG with its own siid (m_siid) as dst_siid.
 class KX_EXPORT KXstub : public KXconnection {
  public:
+  /// `component` is not null and must outlive the stub.
   explicit KXstub(KXcomponent* component) : KXconnection(component) {}
 
-  /// Register the service `name` with kxcore and wait, without limit, for its answer.
+  /// Register the service `name`, which is copied, with kxcore and wait, without limit, for its answer.
   /// @return 0 when the stub is already registered, which includes a stub that was disconnected; else 1, also
   ///         when kxcore could not be reached and the stub may try again
-  /// @throws KXerror::ERR_ERROR_REPLY when kxcore refuses; KXerror::ERR_SIID_PRESENT when it grants a taken
-  ///         siid
+  /// @throws KXerror::ERR_ERROR_REPLY when kxcore refuses, for instance because another component offers the
+  ///         service; KXerror::ERR_SIID_PRESENT when it grants a taken siid
+  /// @{
   int register_synchronous(const char* name);
   int register_asynchronous(const char* name);
   int register_signal(const char* name);
   int register_service(const char* name, interface_type_e type);
+  /// @}
 
   /// Tells kxcore that the service is withdrawn, and with `remove` leaves the component's table, unless
   /// kxcore could not be told. Nothing for a stub that was never registered. A withdrawn stub cannot be
@@ -33,9 +36,12 @@ class KX_EXPORT KXstub : public KXconnection {
   /// Passes the message on to process_message.
   void connection_process_message(KXmessage& message) override;
 
-  /// Descriptions of the service that kxcore receives with the registration; "none" unless overridden.
+  /// Descriptions of the service that kxcore receives with the registration; "none" unless overridden. Asked
+  /// for once, by the registration, which copies the text.
+  /// @{
   virtual const char* get_xml_comment() const;
   virtual const char* get_interface_class() const;
+  /// @}
 };
 
 #endif

@@ -28,7 +28,7 @@
 /// several threads at once; reading counts as use, because it moves the cursor.
 class KX_EXPORT buffer_t {
  public:
-  static constexpr int capacity = 2048;
+  static constexpr int capacity = 2048;  ///< bytes of storage
 
   unsigned char data[capacity];  ///< the storage; bytes outside the content are not initialised
   std::int32_t offset;           ///< where the content begins in `data`
@@ -42,8 +42,11 @@ class KX_EXPORT buffer_t {
   /// with a WARNING line.
   buffer_t(unsigned char* bytes, int len);
 
+  /// Copies offset, size, cursor and all 2048 bytes.
+  /// @{
   buffer_t(const buffer_t& other);
   buffer_t& operator=(const buffer_t& other);
+  /// @}
 
   /// Takes `n` bytes that were placed behind the content by other means into the content; at most as many as
   /// the storage holds, with a WARNING line when `n` is larger. Nothing for an `n` of 0 or less.
@@ -53,6 +56,8 @@ class KX_EXPORT buffer_t {
   /// of 0 or less.
   void incr_pos(int n) const;
 
+  /// Appends the encoding of `value`; without room for all of it, nothing.
+  /// @{
   void operator<<(bool value);
   void operator<<(unsigned char value);
   void operator<<(unsigned short value);
@@ -64,7 +69,11 @@ class KX_EXPORT buffer_t {
   void operator<<(long long value);
   void operator<<(const buffer_t& value);  ///< the whole content of `value`, whatever its read cursor
   void operator<<(const std::string& value);
+  /// @}
 
+  /// Decodes the value at the read cursor into `value` and moves the cursor behind it. When too little is
+  /// there, `value` stays as it is, and so does the cursor, but for the length of a string or buffer.
+  /// @{
   void operator>>(bool& value) const;
   void operator>>(unsigned char& value) const;
   void operator>>(unsigned short& value) const;
@@ -76,6 +85,7 @@ class KX_EXPORT buffer_t {
   void operator>>(long long& value) const;
   void operator>>(buffer_t& value) const;  ///< appends to the content of `value`
   void operator>>(std::string& value) const;
+  /// @}
 
   /// A pointer would silently be written as a bool.
   template <typename T>
@@ -87,6 +97,7 @@ class KX_EXPORT buffer_t {
   int unread() const { return size - pos; }              ///< bytes that can still be read
 
   /// Appends and takes an unsigned integer as it travels, without checking that there is room or data for it.
+  /// @{
   template <typename Word>
   void append_word(Word word) {
     unsigned char* to = data + offset + size;
@@ -105,6 +116,7 @@ class KX_EXPORT buffer_t {
     pos += static_cast<int>(sizeof word);
     return word;
   }
+  /// @}
 };
 
 #endif

@@ -1,3 +1,4 @@
+/// @file
 /// The tracing interface that the device's libraries provide and that libtrace stands in for elsewhere.
 ///
 /// On the device `libtrace` and `libframework` define these two names; on a development machine the small
@@ -9,6 +10,7 @@
 extern "C" {
 #endif
 
+/// What the trace level is read from; the device's own has further fields behind it.
 struct trace_object_t {
   int level;  ///< 0 writes nothing, 3 errors, 4 warnings, 6 information, 7 to 9 debugging
 };
