@@ -4,8 +4,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <set>
@@ -267,6 +270,22 @@ TEST_F(kxcore, runs_once_notices_deaths_and_stops_in_order) {
   client.wait(true);
   EXPECT_EQ(0, program.end(0));
   EXPECT_TRUE(access(fake_core::mgmt_path, F_OK) != 0 && access(fake_core::data_path, F_OK) != 0);
+}
+
+TEST_F(kxcore, carries_the_bytes_that_the_page_of_the_wire_format_shows) {
+  std::ifstream file(WIRE_FORMAT_PAGE);
+  const std::string page{std::istreambuf_iterator<char>(file), {}};
+  for (const char* const name : {"guide-values", "guide-exchange"}) {
+    std::string command = KXCORE_COMMAND;
+    command.replace(command.rfind("kxcore"), std::string::npos, name);
+    std::replace(command.begin(), command.end(), '|', ' ');
+    FILE* const output = popen(command.c_str(), "r");
+    std::string printed = "```\n";
+    for (char line[128]; fgets(line, sizeof line, output) != nullptr;)
+      printed += line;
+    EXPECT_EQ(0, pclose(output)) << name;
+    EXPECT_NE(std::string::npos, page.find(printed + "```")) << name << " prints\n" << printed;
+  }
 }
 
 TEST_F(kxcore, a_component_takes_thousands_of_signals_and_stops_once) {
