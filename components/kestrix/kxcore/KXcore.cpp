@@ -77,13 +77,13 @@ KXcore::KXcore(bool verbose)
       m_probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
       m_mgmt_inbox(true),
       m_data_inbox(false) {
-  if (m_signals.get() < 0 || m_watched.get() < 0 || m_probe.get() < 0) {
+  if (m_signals.get() < 0 || m_watched.get() < 0 || m_probe.get() < 0 ||
+      !watch(nullptr, m_signals.get(), EPOLLIN)) {
     const int error = errno;
     stop();
     throw std::system_error(error, std::generic_category(), "cannot open its descriptors");
   }
   inbox::ask_for_sender_pid(m_mgmt_fd);
-  add_socket_descriptor(m_signals.get(), this, static_take_signal);
   add_socket_descriptor(m_watched.get(), this, static_serve_watched);
   if (m_verbose) m_console.line("kxcore is ready");
 }
@@ -244,7 +244,7 @@ std::string KXcore::register_peer(const request& received, KXmessage& reply) {
   m_by_mgmt_path[registered.mgmt_path] = &registered;
   m_by_data_path[registered.data_path] = &registered;
   m_peers[name] = std::move(created);
-  if (registered.process.get() >= 0) watch(registered, registered.process.get(), EPOLLIN);
+  if (registered.process.get() >= 0) watch_for(registered, registered.process.get(), EPOLLIN);
   REPORT_EVENT("%s (pid %d) registered with %s", name.c_str(), registered.pid, data_path.c_str());
   reply << m_data_socket_name;
   return {};
@@ -413,7 +413,7 @@ outlet::result_e KXcore::send(peer& to, outlet& way, const KXmessage& message, c
   const outlet::result_e result =
       way.send(message.m_header, static_cast<std::size_t>(message.datagram_size()),
                from == nullptr ? 0 : from->serial);
-  if (result == outlet::QUEUED && !had_queue) watch(to, way.fd(), EPOLLOUT);
+  if (result == outlet::QUEUED && !had_queue) watch_for(to, way.fd(), EPOLLOUT);
   if (result == outlet::GONE) give_up(to, "its socket is gone");
   if (result == outlet::FULL && is_reported(way.lost())) {
     REPORT_PROBLEM("%s does not read: its queue of %zu KiB is full for %s (%lu lost so far)", to.name.c_str(),
@@ -422,13 +422,16 @@ outlet::result_e KXcore::send(peer& to, outlet& way, const KXmessage& message, c
   return result;
 }
 
-void KXcore::watch(peer& watched, int fd, unsigned int events) {
+bool KXcore::watch(peer* owner, int fd, unsigned int events) {
   epoll_event entry = {};
   entry.events = events;
-  entry.data.ptr = &watched;
-  if (epoll_ctl(m_watched.get(), EPOLL_CTL_ADD, fd, &entry) != 0) {
-    REPORT_PROBLEM("cannot watch a descriptor of %s: %s", watched.name.c_str(), strerror(errno));
-  }
+  entry.data.ptr = owner;
+  return epoll_ctl(m_watched.get(), EPOLL_CTL_ADD, fd, &entry) == 0;
+}
+
+void KXcore::watch_for(peer& owner, int fd, unsigned int events) {
+  if (watch(&owner, fd, events)) return;
+  REPORT_PROBLEM("cannot watch a descriptor of %s: %s", owner.name.c_str(), strerror(errno));
 }
 
 int KXcore::static_serve_watched(void* context, int /*fd*/) {
@@ -436,19 +439,21 @@ int KXcore::static_serve_watched(void* context, int /*fd*/) {
   return 0;
 }
 
-// Processes are watched for EPOLLIN, sockets for EPOLLOUT; peers live until forget_gone_peers, so no event is
-// stale.
+// Signals and processes are watched for EPOLLIN, sockets for EPOLLOUT; peers live until forget_gone_peers, so
+// no event is stale.
 void KXcore::serve_watched() {
   const bool holds = m_held > 0 || m_processes_ended;
   epoll_event events[64];
   const int count = epoll_wait(m_watched.get(), events, 64, 0);
   for (int i = 0; i < count; ++i) {
-    peer& watched = *static_cast<peer*>(events[i].data.ptr);
-    if ((events[i].events & EPOLLIN) == 0) {
-      flush(watched, watched.mgmt);
-      flush(watched, watched.data);
+    auto* const owner = static_cast<peer*>(events[i].data.ptr);
+    if (owner == nullptr) {
+      take_signal();
+    } else if ((events[i].events & EPOLLIN) == 0) {
+      flush(*owner, owner->mgmt);
+      flush(*owner, owner->data);
     } else if (!holds) {  // otherwise later: it is reported again
-      watched.has_ended = m_processes_ended = true;
+      owner->has_ended = m_processes_ended = true;
       m_data_ahead = socket_queue;
     }
   }
@@ -520,11 +525,9 @@ void KXcore::answer_lost_requests(const std::vector<datagram>& queue) {
 
 // --- stop ---
 
-int KXcore::static_take_signal(void* context, int fd) {
-  auto& core = *static_cast<KXcore*>(context);
+void KXcore::take_signal() {
   signalfd_siginfo taken = {};
-  if (read(fd, &taken, sizeof taken) == sizeof taken) core.begin_stop();
-  return 0;
+  if (read(m_signals.get(), &taken, sizeof taken) == sizeof taken) begin_stop();
 }
 
 // Tells every component to end, and ends when they have unregistered, which without a core would cost each of

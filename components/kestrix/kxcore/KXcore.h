@@ -76,7 +76,8 @@ class KXcore : public KXcomponent {
 
   // `from` is null for what the core itself says.
   outlet::result_e send(peer& to, outlet& way, const KXmessage& message, const peer* from);
-  void watch(peer& watched, int fd, unsigned int events);
+  bool watch(peer* owner, int fd, unsigned int events);  // null: of the core itself
+  void watch_for(peer& owner, int fd, unsigned int events);
   void flush(peer& to, outlet& way);
   void process_ended(peer& of);
   void serve_watched();
@@ -90,8 +91,8 @@ class KXcore : public KXcomponent {
   void begin_stop();
   void tell_to_end(int count);
   int continue_stop();
+  void take_signal();
   static int static_continue_stop(void* context, int cookie);
-  static int static_take_signal(void* context, int fd);
 
   const bool m_verbose;
   console m_console;
@@ -99,7 +100,7 @@ class KXcore : public KXcomponent {
   int m_stop_intervals = 0;
   unsigned long m_strangers_dropped = 0;
   unique_fd m_signals;
-  unique_fd m_watched;             // epoll: processes of components, and sockets that wait for room
+  unique_fd m_watched;             // epoll: signals, processes of components, and sockets that wait for room
   unique_fd m_probe;               // for peer::is_unreachable
   unsigned int m_held = 0;         // messages in the management inbox that wait for the data before them
   bool m_processes_ended = false;  // and so do the ends of processes
