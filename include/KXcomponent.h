@@ -264,7 +264,7 @@ class KX_EXPORT KXcomponent {
   void fire_earliest_timer();
   void retire_fired_timer(const timer_entry_t& fired);
   void serve_descriptors();
-  bool descriptor_at(int index, struct pollfd& entry, fd_handler_t& handler);
+  bool ready_descriptor_from(int& index, struct pollfd& entry, fd_handler_t& handler);
 
   bool loop_runs_elsewhere() const;
   void begin_synchronous_wait();

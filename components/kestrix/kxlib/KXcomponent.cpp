@@ -208,6 +208,7 @@ void take_signal_note(int sig, pid_t sender, const char* component) {
 void log_signals() {
   for (std::size_t i = 0; i < std::size(signal_notes); ++i) {
     int expected = signal_note::READY;
+    if (signal_notes[i].state != expected) continue;  // a look costs less than an exchange
     if (!signal_notes[i].state.compare_exchange_strong(expected, signal_note::FILLING)) continue;
     signal_text text = signal_notes[i].text;
     signal_notes[i].state = signal_note::EMPTY;  // a signal that comes while the line is written gets its own
@@ -674,7 +675,7 @@ void KXcomponent::retire_fired_timer(const timer_entry_t& fired) {
 void KXcomponent::serve_descriptors() {
   struct pollfd entry = {};
   fd_handler_t handler = {};
-  for (int i = 0; descriptor_at(i, entry, handler); ++i) {
+  for (int i = 0; ready_descriptor_from(i, entry, handler); ++i) {
     const int fd = entry.fd;
     const short events = entry.revents;
     if ((events & POLLNVAL) != 0) {
@@ -692,9 +693,11 @@ void KXcomponent::serve_descriptors() {
   }
 }
 
-// Copies the entry at `index`; whether there is one.
-bool KXcomponent::descriptor_at(int index, struct pollfd& entry, fd_handler_t& handler) {
+// Moves `index` on to the first entry with events from there on, and copies that; whether there is one.
+bool KXcomponent::ready_descriptor_from(int& index, struct pollfd& entry, fd_handler_t& handler) {
   const mutex_lock lock(m_mutex);
+  while (index < m_nfds && m_fda[index].revents == 0)
+    ++index;
   if (index >= m_nfds) return false;
   entry = m_fda[index];
   handler = m_fd_handlers[index];
