@@ -99,9 +99,8 @@ void serve(const endpoint& server, const paths& at, int answered_at_once) {
 
 int main(int argc, char** argv) {
   bench::options options = bench::parse(argc, argv, usage, 1);
-  const std::size_t suffix = options.mode.find("-poll");
-  const bool polls = suffix != std::string::npos;
-  if (polls) options.mode.resize(suffix);
+  const bool polls = options.mode == "rtt-poll" || options.mode == "oneway-poll";
+  if (polls) options.mode.resize(options.mode.size() - std::strlen("-poll"));
   const bool oneway = bench::is_oneway(options, usage);
   enter_private_bus();
 

@@ -219,7 +219,7 @@ class timekeeper : public KXclientComponent {
       add_msec_timer(0, this, static_fire, i);
     usleep(10'000);  // all are due
     wait(true);
-    return m_fired_seconds / (population - 1);
+    return m_fired_seconds / std::max(population - 1, 1);
   }
 
  private:

@@ -113,7 +113,7 @@ def encoding_section(path):
     start = next(i for i, line in enumerate(lines) if line.startswith("name,"))
     times = {row["name"][:-len("_median")].strip('"'): float(row["cpu_time"])
              for row in csv.DictReader(lines[start:]) if row["name"].endswith("_median")}
-    values = dict.fromkeys(name.split("/")[0] for name in times if not name.startswith("payload"))
+    values = sorted({name.split("/")[0] for name in times} - {"payload"})
     rows = [[value] + [f"{times[f'{value}/{kind}']:.1f}" for kind in ("encode", "decode", "memcpy")]
             for value in values]
     own, by_hand = times["payload/operators"], times["payload/by_hand"]
