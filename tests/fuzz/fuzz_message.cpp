@@ -29,7 +29,8 @@ void exchange(KXmessage& message, feed& input, T value) {
   copy >> read_back;
   again << read_back;
   REQUIRE(copy.pos == copy.size && again.size == message.size - size);
-  REQUIRE(std::memcmp(again.data + again.offset, message.data + message.offset + size, again.size) == 0);
+  REQUIRE(std::equal(again.data + again.offset, again.data + again.offset + again.size,
+                     message.data + message.offset + size));
 }
 
 template <typename T>
@@ -53,7 +54,8 @@ void (*const operations[])(KXmessage&, feed&) = {
     },
     [](KXmessage& message, feed& input) {  // a text that fills it, but for a few bytes
       const int room = buffer_t::capacity - message.offset - message.size;
-      exchange(message, input, std::string(std::max<std::size_t>(room, 8) - input.below(9), 'x'));
+      exchange(message, input,
+               std::string(static_cast<std::size_t>(std::max(room, 8)) - input.below(9), 'x'));
     },
     [](KXmessage& message, feed& input) {
       std::vector<unsigned char> bytes = input.bytes(input.value<std::uint16_t>() % 3000);
