@@ -259,11 +259,10 @@ class KX_EXPORT KXcomponent {
   std::list<timer_entry_t>::iterator find_timer(void* context, handler_t handler, int cookie);
 
   void dispatch_waiting_queue();
-  int poll_timeout();
-  int poll_descriptors(int timeout);
+  int poll_descriptors(bool once);
   void fire_earliest_timer();
   void retire_fired_timer(const timer_entry_t& fired);
-  void serve_descriptors();
+  void serve_descriptors(int ready);
   bool ready_descriptor_from(int& index, struct pollfd& entry, fd_handler_t& handler);
 
   bool loop_runs_elsewhere() const;

@@ -159,6 +159,7 @@ struct signal_note {
 static_assert(std::atomic<int>::is_always_lock_free, "the signal handler takes no lock");
 
 signal_note signal_notes[sizeof termination_signals / sizeof termination_signals[0]];
+std::atomic<bool> signals_noted{false};  // since the loop looked last
 
 // Writes "/proc/<pid>/cmdline"; snprintf is not async-signal-safe.
 void write_cmdline_path(char (&path)[40], pid_t pid) {
@@ -202,13 +203,15 @@ void take_signal_note(int sig, pid_t sender, const char* component) {
   text.component[0] = '\0';
   std::strncat(text.component, component, sizeof text.component - 1);
   note.state = signal_note::READY;
+  signals_noted = true;
 }
 
 // Runs on the event loop's thread: writes the lines of the signals taken since the last time.
 void log_signals() {
+  if (!signals_noted) return;
+  signals_noted = false;
   for (std::size_t i = 0; i < std::size(signal_notes); ++i) {
     int expected = signal_note::READY;
-    if (signal_notes[i].state != expected) continue;  // a look costs less than an exchange
     if (!signal_notes[i].state.compare_exchange_strong(expected, signal_note::FILLING)) continue;
     signal_text text = signal_notes[i].text;
     signal_notes[i].state = signal_note::EMPTY;  // a signal that comes while the line is written gets its own
@@ -551,10 +554,10 @@ void KXcomponent::wait(bool run) {
     log_signals();
     dispatch_waiting_queue();
     const bool stopped = m_data_fd < 0;  // by a handler; its descriptors may be somebody else's by now
-    const int ready = poll_descriptors(stopped ? 0 : poll_timeout());
+    const int ready = poll_descriptors(stopped);
     log_signals();
     if (ready == 0 && !stopped) fire_earliest_timer();
-    if (ready > 0) serve_descriptors();
+    if (ready > 0) serve_descriptors(ready);
     if (stopped) m_running = false;
   }
   log_signals();
@@ -606,27 +609,22 @@ void KXcomponent::deliver(KXmessage& message) {
   }
 }
 
-int KXcomponent::poll_timeout() {
+// Polls until the earliest timer is due, or once. Polls a copy, since other threads may change the table
+// meanwhile. The entries that are asked for are marked in their revents, which moves with them; one that is
+// added has none.
+int KXcomponent::poll_descriptors(bool once) {
+  struct pollfd asked[max_descriptors];
+  int count = 0;
   unsigned int deadline = 0;
   {
     const mutex_lock lock(m_mutex);
     if (!m_timers.empty()) deadline = m_timers.front().ato;
-  }
-  return deadline == 0 ? -1 : remaining_time(get_currentTime(), deadline);
-}
-
-// Polls a copy, since other threads may change the table meanwhile. The entries that are asked for are marked
-// in their revents, which moves with them; one that is added has none.
-int KXcomponent::poll_descriptors(int timeout) {
-  struct pollfd asked[max_descriptors];
-  int count = 0;
-  {
-    const mutex_lock lock(m_mutex);
     for (; count < m_nfds; ++count) {
       asked[count] = {m_fda[count].fd, m_fda[count].events, 0};
       m_fda[count].revents = asked_for;
     }
   }
+  const int timeout = once ? 0 : deadline == 0 ? -1 : remaining_time(get_currentTime(), deadline);
   int ready;
   do {
     ready = poll(asked, static_cast<nfds_t>(count), timeout);
@@ -672,10 +670,10 @@ void KXcomponent::retire_fired_timer(const timer_entry_t& fired) {
                        "void KXcomponent::wait(bool)");
 }
 
-void KXcomponent::serve_descriptors() {
+void KXcomponent::serve_descriptors(int ready) {
   struct pollfd entry = {};
   fd_handler_t handler = {};
-  for (int i = 0; ready_descriptor_from(i, entry, handler); ++i) {
+  for (int i = 0; ready > 0 && ready_descriptor_from(i, entry, handler); ++i, --ready) {
     const int fd = entry.fd;
     const short events = entry.revents;
     if ((events & POLLNVAL) != 0) {
