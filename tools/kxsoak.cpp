@@ -577,7 +577,8 @@ int main(int argc, char** argv) {
       mmap(nullptr, sizeof(soak_board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (shared == MAP_FAILED) return EXIT_FAILURE;
   board = new (shared) soak_board;
-  child_process core(std::vector<std::string>{sibling_program("kxcore")});
+  // Its warnings, of which there are many here, would hide the progress.
+  child_process core({"env", "KXTRACE_LEVEL=3", sibling_program("kxcore")});
   if (!wait_until_bound(core, "/tmp/kxcore/kxcore-d")) return EXIT_FAILURE;
   soak subject(with);
   const bool held = subject.run(core);
