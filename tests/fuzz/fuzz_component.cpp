@@ -7,7 +7,6 @@
 #include <set>
 
 #include "feed.h"
-#include "private_bus.h"
 #include "probe.h"
 
 namespace {
@@ -175,11 +174,6 @@ class world {
 };
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  enter_private_bus();
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t size) {
   feed input(bytes, size);

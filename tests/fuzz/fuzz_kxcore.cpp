@@ -7,7 +7,6 @@
 #include <set>
 
 #include "feed.h"
-#include "private_bus.h"
 #include "raw_component.h"
 
 namespace {
@@ -141,11 +140,6 @@ class world {
 };
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  enter_private_bus();
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t size) {
   feed input(bytes, size);

@@ -69,8 +69,6 @@ void (*const operations[])(KXmessage&, feed&) = {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) { return 0; }
-
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t size) {
   feed input(bytes, size);
   seam::reset();
