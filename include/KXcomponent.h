@@ -184,7 +184,9 @@ class KX_EXPORT KXcomponent {
   /// nothing. Each notice to a kxcore that does not answer may take two seconds.
   void stop();
 
-  /// The event loop; sets m_running to `run` first, and calls stop when it ends. Called by start.
+  /// The event loop; sets m_running to `run` first, and calls stop when it ends. Called by start. An
+  /// exception of a handler leaves it without stop, and with m_running false: termination signals are then
+  /// not handled.
   void wait(bool run);
 
   /// Sends KILL-COMPONENT from the management socket to itself, which ends the event loop. Any thread and,

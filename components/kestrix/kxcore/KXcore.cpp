@@ -1,6 +1,7 @@
 #include "KXcore.h"
 
 #include <arpa/inet.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
@@ -57,6 +58,11 @@ std::string limit_reached() {
 
 // Of what may happen for every datagram of a flood the first few are reported, then each doubling.
 bool is_reported(unsigned long count) { return count <= 8 || (count & (count - 1)) == 0; }
+
+bool is_readable(int fd) {
+  pollfd entry = {fd, POLLIN, 0};
+  return poll(&entry, 1, 0) > 0;
+}
 
 int open_signals() {
   sigset_t termination;
@@ -123,9 +129,9 @@ void KXcore::drop(peer* from, const std::string& sender, const char* reason) {
 // --- management ---
 
 void KXcore::get_mgmt_message(int /*fd*/) {
-  if (m_held == 0 && !m_processes_ended) {
+  if (!holds_something()) {
     m_held = m_mgmt_inbox.receive(m_mgmt_fd);
-    m_data_ahead = socket_queue;
+    m_data_ahead = socket_queue + 1;
   }
   get_data_message(m_data_fd);
 }
@@ -350,7 +356,9 @@ void KXcore::get_data_message(int /*fd*/) {
     forget_gone_peers();
     m_data_ahead -= std::min(m_data_ahead, received);
   }
-  if (received < inbox::batch_size || m_data_ahead == 0) serve_held();
+  // A socket that is empty after a full batch would not bring the loop here again.
+  if (holds_something() && (received < inbox::batch_size || m_data_ahead == 0 || !is_readable(m_data_fd)))
+    serve_held();
 }
 
 void KXcore::route(peer& from, KXmessage& message) {
@@ -442,22 +450,24 @@ int KXcore::static_serve_watched(void* context, int /*fd*/) {
 // Signals and processes are watched for EPOLLIN, sockets for EPOLLOUT; peers live until forget_gone_peers, so
 // no event is stale.
 void KXcore::serve_watched() {
-  const bool holds = m_held > 0 || m_processes_ended;
+  const bool held = holds_something();
+  bool told_to_end = false;
   epoll_event events[64];
   const int count = epoll_wait(m_watched.get(), events, 64, 0);
   for (int i = 0; i < count; ++i) {
     auto* const owner = static_cast<peer*>(events[i].data.ptr);
     if (owner == nullptr) {
-      take_signal();
+      told_to_end = true;
     } else if ((events[i].events & EPOLLIN) == 0) {
       flush(*owner, owner->mgmt);
       flush(*owner, owner->data);
-    } else if (!holds) {  // otherwise later: it is reported again
+    } else if (!held) {  // otherwise later: it is reported again
       owner->has_ended = m_processes_ended = true;
-      m_data_ahead = socket_queue;
+      m_data_ahead = socket_queue + 1;
     }
   }
   forget_gone_peers();
+  if (told_to_end) take_signal();
   if (m_processes_ended) get_data_message(m_data_fd);
 }
 

@@ -30,7 +30,8 @@ class KXcore : public KXcomponent {
   // std::system_error.
   explicit KXcore(bool verbose);
 
-  // How many unread datagrams a socket of the core holds at most, where the system permits.
+  // A socket of the core holds this many unread datagrams and one, where the system permits; more only where
+  // it has been told to.
   static constexpr unsigned int socket_queue = 4096;
 
   void get_mgmt_message(int fd) override;
@@ -54,6 +55,7 @@ class KXcore : public KXcomponent {
   static constexpr int stop_interval_ms = 50;
   static constexpr int stop_intervals = 60;
 
+  bool holds_something() const { return m_held > 0 || m_processes_ended; }
   void serve_held();
   void handle_management(const request& received);
   std::string answer(const request& received, KXmessage& reply);

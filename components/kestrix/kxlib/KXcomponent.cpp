@@ -444,7 +444,7 @@ int KXcomponent::rec_message(int fd, KXmessage& msg, bool timeout, peer_info_t& 
                                           static_cast<std::size_t>(buffer_t::capacity - header_offset), 0,
                                           reinterpret_cast<sockaddr*>(&peer.addr), &peer.addrlen));
   msg.incr_size(peer.rx_len - static_cast<int>(sizeof(msg_header_t)));
-  if (m_unread_own > 0 && m_mgmt_socket_name == sender_path(peer).text) --m_unread_own;
+  if (m_unread_own > 0 && fd == m_mgmt_fd && m_mgmt_socket_name == sender_path(peer).text) --m_unread_own;
   trace_received(peer, msg);
   return peer.rx_len;
 }

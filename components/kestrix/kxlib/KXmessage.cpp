@@ -52,7 +52,7 @@ void KXmessage::operator=(const KXmessage& other) {
 }
 
 bool KXmessage::has_room(std::size_t needed) const {
-  return static_cast<std::size_t>(room()) >= needed || refuse();
+  return (room() >= 0 && static_cast<std::size_t>(room()) >= needed) || refuse();
 }
 
 // A missing tag has its WARNING line, too.
