@@ -75,7 +75,8 @@ struct __attribute__((packed, may_alias)) msg_header_t {
 /// travels; building, sending and receiving one never allocates. Values are written and read one per
 /// statement, in the same order and with the same types at both ends: a reader does not compare the tag with
 /// the type it reads. A value that does not fit is refused whole with a WARNING line; a value that is missing
-/// leaves its target unchanged (strings and buffers: emptied) with a WARNING line.
+/// leaves its target unchanged (strings and buffers: emptied) with a WARNING line, or two when its tag is
+/// missing, too.
 ///
 /// Wire format of a payload: for each value its tag byte (value_tag_e), then its encoding (see buffer_t).
 ///

@@ -30,8 +30,10 @@ class KX_EXPORT KXproxy : public KXconnection {
   /// @return 1, or 0 when kxcore could not be reached
   /// @throws KXerror::ERR_ERROR_REPLY when kxcore refuses, for instance because nobody offers the service
   ///         yet; KXerror::ERR_SIID_PRESENT when it grants a taken siid. After either the application may
-  ///         subscribe again. A proxy that is subscribed is to be disconnected with `remove` before: each
-  ///         subscription binds it once more, and disconnect leaves only the last of them.
+  ///         subscribe again; until it has, proxy_send does not refuse, but kxcore drops what it sends. A
+  ///         proxy that is subscribed is to be disconnected with `remove` before: each subscription binds it
+  ///         once more, and disconnect withdraws the last one only; the earlier ones stay until the component
+  ///         ends.
   /// @{
   int subscribe_synchronous(const char* name);
   int subscribe_asynchronous(const char* name, KXproxyReplyInterface* reply);

@@ -5,6 +5,7 @@
 #include "KXclientComponent.h"
 #include "KXinterface.h"
 #include "KXproxy.h"
+#include "reason.h"
 
 namespace {
 
@@ -30,6 +31,7 @@ class follower : public KXinterface {
   explicit follower(KXcomponent& component) : m_component(component), m_changed(&component) {
     component.add_interface(this);
   }
+  ~follower() override { m_component.stop(); }
 
   void startup_phase0(KXcomponent*) override {}
   void startup_phase1(KXcomponent*) override { m_component.add_close_cb(report); }
@@ -68,7 +70,13 @@ class follower : public KXinterface {
 }  // namespace
 
 int main() {
-  KXclientComponent component("guide-follow");
-  follower application(component);
-  component.start(KXcomponent::CMP_START_AND_LOOP);
+  try {
+    KXclientComponent component("guide-follow");
+    follower application(component);
+    component.start(KXcomponent::CMP_START_AND_LOOP);
+    return 0;
+  } catch (const KXerror::error_e& error) {
+    std::fprintf(stderr, "guide-follow: %s\n", reason_of(error));
+    return 1;
+  }
 }

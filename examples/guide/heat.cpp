@@ -6,6 +6,7 @@
 #include "KXclientComponent.h"
 #include "KXinterface.h"
 #include "KXproxy.h"
+#include "reason.h"
 
 namespace {
 
@@ -25,6 +26,7 @@ class cook : public KXinterface, public KXproxyReplyInterface {
   cook(KXcomponent& component, int wanted) : m_component(component), m_heat(&component), m_wanted(wanted) {
     component.add_interface(this);
   }
+  ~cook() override { m_component.stop(); }
 
   void startup_phase0(KXcomponent*) override {}
 
@@ -46,10 +48,13 @@ class cook : public KXinterface, public KXproxyReplyInterface {
       int degrees = 0;
       response >> degrees;
       std::printf("%d degrees reached\n", degrees);
+      m_reached = true;
     }
     m_component.sendKillMsgToSelf();
   }
   // [request]
+
+  bool m_reached = false;
 
  private:
   // [timer]
@@ -68,14 +73,13 @@ class cook : public KXinterface, public KXproxyReplyInterface {
 }  // namespace
 
 int main(int argc, char** argv) {
-  KXclientComponent component("guide-heat");
-  cook application(component, argc > 1 ? std::atoi(argv[1]) : 40);
   try {
+    KXclientComponent component("guide-heat");
+    cook application(component, argc > 1 ? std::atoi(argv[1]) : 40);
     component.start(KXcomponent::CMP_START_AND_LOOP);
-    return 0;
-  } catch (const KXerror::error_e&) {
-    std::fputs("kxcore refuses: is guide-oven running?\n", stderr);
-    component.stop();
+    return application.m_reached ? 0 : 1;
+  } catch (const KXerror::error_e& error) {
+    std::fprintf(stderr, "guide-heat: %s\n", reason_of(error));
     return 1;
   }
 }

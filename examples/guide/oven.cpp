@@ -9,6 +9,7 @@
 #include "KXclientComponent.h"
 #include "KXinterface.h"
 #include "KXstub.h"
+#include "reason.h"
 
 namespace {
 
@@ -78,8 +79,13 @@ class heat_stub : public KXstub {
       connection_send(refusal);
       return;
     }
+    const waiting_t asked = {*request.m_header, wanted};
+    if (m_degrees >= wanted) {
+      respond(asked);
+      return;
+    }
     if (m_waiting.empty()) m_component->add_msec_timer(100, this, static_heat, 0);
-    m_waiting.push_back({*request.m_header, wanted});
+    m_waiting.push_back(asked);
   }
   // [asynchronous]
 
@@ -148,7 +154,7 @@ int main() {
     component.start(KXcomponent::CMP_START_AND_LOOP);
     return 0;
   } catch (const KXerror::error_e& error) {
-    std::fprintf(stderr, "guide-oven: error %d\n", error);
+    std::fprintf(stderr, "guide-oven: %s\n", reason_of(error));
     return 1;
   }
 }

@@ -11,6 +11,7 @@
 #include "KXclientComponent.h"
 #include "KXinterface.h"
 #include "KXproxy.h"
+#include "reason.h"
 
 namespace {
 
@@ -23,7 +24,10 @@ class worker : public KXinterface {
     component.add_close_cb(end);
   }
 
-  ~worker() override { close(m_wakeup); }
+  ~worker() override {
+    m_component.stop();
+    close(m_wakeup);
+  }
 
   void startup_phase0(KXcomponent*) override {}
   // [start]
@@ -42,7 +46,7 @@ class worker : public KXinterface {
   void work() {
     while (m_runs) {
       KXmessage message;
-      if (m_oven.proxy_send(message) == 1) {
+      if (m_oven.proxy_send(message) == 1 && message.m_header->msg_type == MSG_RSP) {
         int degrees = 0;
         message >> degrees;
         m_degrees = degrees;
@@ -89,14 +93,13 @@ class worker : public KXinterface {
 }  // namespace
 
 int main() {
-  KXclientComponent component("guide-worker");
-  worker application(component);
   try {
+    KXclientComponent component("guide-worker");
+    worker application(component);
     component.start(KXcomponent::CMP_START_AND_LOOP);
     return 0;
-  } catch (const KXerror::error_e&) {
-    std::fputs("kxcore refuses: is guide-oven running?\n", stderr);
-    component.stop();
+  } catch (const KXerror::error_e& error) {
+    std::fprintf(stderr, "guide-worker: %s\n", reason_of(error));
     return 1;
   }
 }

@@ -1,4 +1,7 @@
 // Offers the function "hello.greet": the request holds a name, the response a greeting.
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "KXclientComponent.h"
@@ -9,6 +12,7 @@ class greeter : public KXstub, public KXinterface {
  public:
   using KXstub::KXstub;
   using KXstub::process_message;
+  ~greeter() override { m_component->stop(); }  // should an exception have ended start
 
   void startup_phase0(KXcomponent*) override {}
   void startup_phase1(KXcomponent*) override { register_synchronous("hello.greet"); }
@@ -28,8 +32,15 @@ class greeter : public KXstub, public KXinterface {
 };
 
 int main() {
-  KXclientComponent component("hello-stub");
-  greeter service(&component);
-  component.add_interface(&service);
-  component.start(KXcomponent::CMP_START_AND_LOOP);
+  try {
+    KXclientComponent component("hello-stub");
+    greeter service(&component);
+    component.add_interface(&service);
+    component.start(KXcomponent::CMP_START_AND_LOOP);
+    return 0;
+  } catch (const KXerror::error_e& error) {
+    const bool unbound = error == KXerror::ERR_SOCKET_BIND;
+    std::fprintf(stderr, "hello-stub: %s\n", unbound ? strerror(errno) : "somebody else offers hello.greet");
+    return 1;
+  }
 }

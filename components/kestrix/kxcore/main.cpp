@@ -30,7 +30,7 @@ void print_usage(FILE* to) {
       "usage: kxcore [--verbose]\n"
       "\n"
       "The core daemon of the kestrix bus: registers the components of this machine and forwards their\n"
-      "messages, until it is ended by SIGTERM or SIGINT. Its sockets are in %s.\n"
+      "messages, until SIGTERM, SIGINT or SIGQUIT ends it. Its sockets are in %s.\n"
       "\n"
       "  -v, --verbose  one line for each registration, subscription, refusal, loss and end of a component\n"
       "      --version  print the version and exit\n"
