@@ -20,10 +20,10 @@ class echo_stub : public KXstub {
   using KXstub::process_message;
 
   void process_message(KXmessage& message) override {
-    if (message.m_header->msg_type == MSG_SIG && ++m_signals % bench::stream.answered_at_once != 0) return;
     int number = 0;
     message >> number;
     message >> m_text;
+    if (message.m_header->msg_type == MSG_SIG && ++m_signals % bench::stream.answered_at_once != 0) return;
     KXmessage response = make_request(number, m_text);
     response.m_header->dst_siid = message.m_header->src_siid;
     response.m_header->msg_type = MSG_RSP;
