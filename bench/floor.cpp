@@ -1,4 +1,4 @@
-// The limit for a bus with a core in the middle: the same hops between three processes with bare sockets and
+// The plainest bus with a core in the middle: the same hops between three processes with bare sockets and
 // nothing else, waiting in the receive itself or in a poll before it.
 #include <poll.h>
 #include <sys/socket.h>
