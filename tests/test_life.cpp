@@ -141,6 +141,8 @@ class life {
     m_siid = static_cast<int>(m_stub->m_siid) - 1;
     EXPECT_THROW(twin.register_asynchronous("twin"), KXerror::error_e);
     EXPECT_EQ(1, idle.register_signal("ticks"));
+    fail(SENDTO, EAGAIN, 3);
+    idle.disconnect(true);  // the notice cannot be sent: it stays bound
     idle.disconnect(true);
     m_answer = MSG_ERR;
     EXPECT_THROW(proxy.subscribe_asynchronous("absent", nullptr), KXerror::error_e);
@@ -293,7 +295,7 @@ result live(std::size_t last, const std::function<void()>& arm) {
 std::string masked(const std::string& line) {
   std::string text = line;
   const auto hide = [&text](std::size_t begin, std::size_t end) { text.replace(begin, end - begin, "#"); };
-  for (const std::string mark : {":", "]=", "descriptor [", "connection=", ") to "}) {
+  for (const std::string mark : {":", "]=", "descriptor [", "connection=", ") to ", "sec id="}) {
     const std::size_t begin = text.find(mark) + mark.size();
     if (begin >= mark.size()) hide(begin, text.find_first_not_of("0123456789abcdefx", begin));
   }
