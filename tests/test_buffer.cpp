@@ -66,3 +66,12 @@ TEST_F(buffer, limits_hold_against_impossible_lengths) {
   EXPECT_TRUE(text == "kept" && full.size == 2048 && full.pos == 2048 && uncounted.pos + source.pos == 4);
   EXPECT_TRUE(seam::logged("pos=2, str size=0") && seam::times_logged("[WARNING]") == 6);
 }
+
+TEST_F(buffer, embeds_a_message_in_copies_with_a_header_of_their_own) {
+  KXmessage inner = make_message(0x01020304, 0x05060708, MSG_SIG, 0x0B, 0x0A0B0C0D);
+  inner << static_cast<const char*>(nullptr);
+  inner << inner;
+  KXmessage copied(inner);
+  copied << "ok";
+  EXPECT_EQ(hex("1 2 3 4 5 6 7 8 4 B A B C D 7 1 0 0 8 0 4 7 1 0 0 7 3 0 6F 6B 0"), bytes_of(copied));
+}

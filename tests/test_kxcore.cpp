@@ -15,7 +15,7 @@
 #include <sstream>
 
 #include "child_process.h"
-#include "raw_component.h"
+#include "probe.h"
 
 namespace {
 
@@ -60,7 +60,7 @@ class core : public seam_test {
   // Sends a message through the core; what comes out at `to`.
   KXmessage pass(raw_component& from, int dst, int src, msg_type_e type, unsigned int id,
                  const raw_component& to) {
-    from.send(dst, src, type, id);
+    from.data.send(fake_core::data_path, make_message(dst, src, type, 5, id));
     subject.serve();
     return to.data.receive_message();
   }

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <vector>
 
+#include "private_bus.h"
+
 class feed {
  public:
   feed(const std::uint8_t* bytes, std::size_t size) : m_at(bytes), m_left(size) {}
@@ -46,5 +48,11 @@ class feed {
       std::abort();                                                            \
     }                                                                          \
   } while (false)
+
+// Before the first input, in every fuzz target.
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  enter_private_bus();
+  return 0;
+}
 
 #endif

@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr std::size_t kinds = 3;
 constexpr std::size_t connections = 3;  // of each class
 
 class world {
@@ -43,7 +42,7 @@ class world {
   void act() {
     stub_probe& stub = *m_stubs[m_input.below(connections)];
     proxy_probe& proxy = *m_proxies[m_input.below(connections)];
-    const auto kind = static_cast<KXconnection::interface_type_e>(m_input.below(kinds));
+    const auto kind = static_cast<KXconnection::interface_type_e>(m_input.below(3));
     const std::function<void()> acts[] = {
         [&] { stub.register_service("service", kind); },
         [&] {
@@ -61,7 +60,6 @@ class world {
           KXmessage message = near_valid();
           stub.connection_send(message);
         },
-        [&] { call(proxy); },
         [&] { call(proxy); }};
     try {
       acts[m_input.below(std::size(acts))]();

@@ -7,7 +7,7 @@
 #include <set>
 
 #include "feed.h"
-#include "raw_component.h"
+#include "probe.h"
 
 namespace {
 
@@ -108,14 +108,10 @@ class world {
       reply >> granted;
       REQUIRE(granted > 1);
       m_holders[static_cast<unsigned int>(granted)].insert(who);
-      if (cmd != CMD_SUB_FUNCTION) continue;
-      int service = -1;
-      reply >> service;
-      m_services[static_cast<unsigned int>(granted)] = static_cast<unsigned int>(service);
     }
   }
 
-  // What arrives was sent by a holder of its source siid, a proxy's by its service, or is the core's answer.
+  // What arrives was sent by a holder of its source siid, or is the core's answer.
   void check_sources(std::size_t who) {
     const raw_socket& arrived = m_members[who]->data;
     for (auto bytes = arrived.receive(); !bytes.empty(); bytes = arrived.receive()) {
@@ -126,15 +122,12 @@ class world {
       if (tag == TAG_STRING) continue;
       const unsigned int source = ntohl(header.src_siid);
       REQUIRE(m_holders[source].count(sender) == 1);
-      const auto service = m_services.find(ntohl(header.dst_siid));
-      REQUIRE(service == m_services.end() || service->second == source);
     }
   }
 
   feed& m_input;
   unsigned int m_msg_id = 0;
   std::map<unsigned int, std::set<std::size_t>> m_holders;  // of each siid that was granted
-  std::map<unsigned int, unsigned int> m_services;          // of each function proxy
   std::unique_ptr<raw_component> m_members[members];
   core_probe m_core;
 };

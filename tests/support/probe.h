@@ -1,6 +1,9 @@
-// Components and connections whose state a test can look at, and a raw socket that plays a peer.
+// Components and connections whose state a test can look at, and the peers that a test plays: with raw
+// sockets, or with the core in its own process.
 #ifndef TESTS_PROBE_H
 #define TESTS_PROBE_H
+
+#include <poll.h>
 
 #include <deque>
 #include <functional>
@@ -10,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "KXclientComponent.h"
+#include "KXcore.h"
 #include "KXproxy.h"
 #include "KXstub.h"
 #include "seam.h"
@@ -27,10 +31,9 @@ class probe_of : public Base {
  public:
   using Base::Base;
   using Base::deliver, Base::set_aside;
-  using Base::m_close_cb, Base::m_connections, Base::m_data_fd, Base::m_data_socket_name, Base::m_fd_handlers,
-      Base::m_fda, Base::m_interfaces, Base::m_mgmt_fd, Base::m_mgmt_socket_name, Base::m_mutex, Base::m_name,
-      Base::m_nfds, Base::m_running, Base::m_siid_map, Base::m_socket_dir, Base::m_timers,
-      Base::m_waiting_queue;
+  using Base::m_connections, Base::m_data_fd, Base::m_data_socket_name, Base::m_fda, Base::m_mgmt_fd,
+      Base::m_mgmt_socket_name, Base::m_mutex, Base::m_nfds, Base::m_running, Base::m_siid_map,
+      Base::m_timers, Base::m_waiting_queue;
 
   ~probe_of() override { Base::stop(); }
 };
@@ -56,7 +59,7 @@ using component_probe = probe_of<bare_component>;
 
 class client_probe : public probe_of<KXclientComponent> {
  public:
-  using KXclientComponent::m_kxcore_data_socket_name, KXclientComponent::m_kxcore_mgmt_socket_name;
+  using KXclientComponent::m_kxcore_data_socket_name;
   using probe_of::probe_of;
 };
 
@@ -65,7 +68,7 @@ template <typename Base>
 class connection_probe : public Base {
  public:
   using Base::Base;
-  using Base::m_interface_type, Base::m_service_name, Base::m_siid;
+  using Base::m_interface_type, Base::m_siid;
   using Base::process_message;
 
   void process_message(KXmessage& message) override {
@@ -80,8 +83,7 @@ using stub_probe = connection_probe<KXstub>;
 class proxy_probe : public connection_probe<KXproxy> {
  public:
   using connection_probe::connection_probe;
-  using KXproxy::m_mid, KXproxy::m_mid_end, KXproxy::m_mid_first, KXproxy::m_reply_interface,
-      KXproxy::m_service_siid, KXproxy::m_timeout;
+  using KXproxy::m_mid, KXproxy::m_mid_end, KXproxy::m_service_siid, KXproxy::m_timeout;
 };
 
 // A bound datagram socket outside the library.
@@ -151,6 +153,43 @@ class fake_core {
     std::function<void(KXmessage&)> fill;
   };
   std::deque<prepared> m_replies;
+};
+
+// The core in the test's own process, and components made of raw sockets around it.
+class core_probe : public probe_of<KXcore> {
+ public:
+  core_probe() : probe_of(false) {}
+
+  // Serves its descriptors until nothing is left to do.
+  void serve() {
+    while (poll(m_fda, static_cast<nfds_t>(m_nfds), 0) > 0) {
+      for (int i = 0; i < m_nfds; ++i)
+        if (m_fda[i].revents != 0) m_fd_handlers[i].handler(m_fd_handlers[i].context, m_fda[i].fd);
+    }
+  }
+};
+
+struct raw_component {
+  explicit raw_component(const std::string& component)
+      : name(component), mgmt("/tmp/kxcore/" + name), data("/tmp/kxcore/" + name + "-d") {}
+
+  // Sends a management message with the payload that its command has; `number` is an interface type or a
+  // siid.
+  void manage(mgmt_cmd_e cmd, const std::string& service, int number, msg_type_e type = MSG_REQ) {
+    KXmessage message = make_message(7, 8, type, cmd, ++last_id);
+    const bool offers = cmd == CMD_REG_FUNCTION || cmd == CMD_REG_SIGNAL;
+    if (offers || cmd == CMD_REG_COMPONENT || cmd == CMD_UNREG_COMPONENT) message << name;
+    if (cmd == CMD_REG_COMPONENT) message << data.path();
+    if (offers || cmd == CMD_SUB_FUNCTION || cmd == CMD_SUB_SIGNAL) message << service;
+    if (offers) message << "none", message << "none";
+    if (offers || message.size == 0) message << static_cast<unsigned int>(number);
+    mgmt.send(fake_core::mgmt_path, message);
+  }
+
+  std::string name;
+  raw_socket mgmt;
+  raw_socket data;
+  unsigned int last_id = 100;
 };
 
 #endif
