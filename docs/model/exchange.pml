@@ -2,7 +2,8 @@
  *
  * Each component runs the library's event loop: it dispatches what was set aside, then serves its management
  * socket, its data socket or a timer. Its handlers do what applications do: synchronous calls, one-way messages
- * and management exchanges; while one of them waits for its reply, everything else that arrives is set aside.
+ * and management exchanges; while one of them waits for its reply, everything else that arrives is set aside. So
+ * it is while a thread beside the loop makes a call.
  * What is begun is bounded, so every run comes to rest; what is asked of the system is asked at each step (sent,
  * settled) and there (at_rest).
  *
@@ -13,8 +14,15 @@
 #ifndef ACTIONS
 #define ACTIONS 1 /* that the timer of each component begins */
 #endif
+#ifndef ACTIONS_0
+#define ACTIONS_0 ACTIONS /* or that of component 0 */
+#endif
 #ifndef NESTED
 #define NESTED 0 /* calls that the stub of each component makes before it answers */
+#endif
+/* ONLY_NOTICES: what timers begin are one-way messages. */
+#ifndef CALLS_BESIDE
+#define CALLS_BESIDE 0 /* that a thread beside component 0's loop makes */
 #endif
 #ifndef SIGNALS_0
 #define SIGNALS_0 0 /* termination signals to component 0, */
@@ -26,11 +34,17 @@
 #define ROOM 1 /* datagrams that a data socket holds */
 #endif
 
-#define IDS_EACH (ACTIONS + NESTED)
+#define IDS_LOOP (ACTIONS + NESTED)
+#define IDS_EACH (IDS_LOOP + CALLS_BESIDE)
 #define IDS (2 * IDS_EACH)
+#ifndef BROKEN_A_WAKE_UP_IS_TAKEN_FOR_A_KILL
+#define MAX_UNREAD_OWN 2
+#else
+#define MAX_UNREAD_OWN 1
+#endif
 
 /* A datagram: what it is, the id of its exchange, and the component that it is for; of SUB and UNREG, from. */
-mtype = { NONE, REQ, RSP, SIG, SUB, GRANT, KILL, UNREG };
+mtype = { NONE, REQ, RSP, SIG, SUB, GRANT, KILL, WAKE, UNREG };
 
 chan data[2] = [ROOM] of { mtype, byte, byte };
 chan mgmt[2] = [2] of { mtype, byte, byte };
@@ -44,6 +58,8 @@ bool known[2] = true;   /* to kxcore */
 bool at_poll[2], stopped[2], armed[2];
 byte lock_depth[2];  /* m_mutex: how often it is held, */
 byte lock_holder[2]; /* and by the loop's thread (1) or another (2) */
+bool data_taken[2];  /* m_data_taken */
+byte unread_own[2];  /* m_unread_own */
 byte kills[2];       /* sent, and neither obeyed nor dropped */
 
 /* What became of each message: nothing stays underway, and nothing happens to one twice. */
@@ -73,44 +89,86 @@ inline settled(what, which, fate) {
   }
 }
 
-inline acquire(c, thread) {
-  atomic { lock_depth[c] == 0 || lock_holder[c] == thread -> lock_holder[c] = thread; lock_depth[c]++ }
-}
+/* What is done within one step needs the mutex to be free, no more. */
+#define may_hold(c, thread) (lock_depth[c] == 0 || lock_holder[c] == thread)
+
+inline acquire(c, thread) { atomic { may_hold(c, thread) -> lock_holder[c] = thread; lock_depth[c]++ } }
 
 inline release(c) { d_step { assert(lock_depth[c] > 0); lock_depth[c]-- } }
 
-/* send_message_to: the last of its attempts finds room in the core's socket, or the message is dropped. */
-inline send(what, which, whom) {
+/* send_message_to: the last of its attempts finds room in the core's socket, or the message is dropped; as it is
+ * by a component that has closed its own. */
+inline send(what, which, c) {
   atomic {
     sent(what, which);
     if
-    :: nfull(core_data) -> core_data!what(which, whom)
-    :: full(core_data) -> settled(what, which, DROPPED)
+    :: nfull(core_data) && !stopped[c] -> core_data!what(which, 1 - c)
+    :: full(core_data) || stopped[c] -> settled(what, which, DROPPED)
     fi
   }
 }
 
-/* A synchronous call (proxy_send): what else arrives is set aside (await_response). */
+/* A message to the component's own management socket (send_to_self) is counted before it is sent. */
+inline send_to_self(c, what) {
+#ifndef BROKEN_COUNTED_AFTER_SENDING
+  unread_own[c]++;
+#endif
+  if
+  :: atomic {
+      nfull(mgmt[c]) && !stopped[c] ->
+      mgmt[c]!what(0, c);
+      if
+      :: what == KILL -> kills[c]++
+      :: what != KILL
+      fi
+    };
+#ifdef BROKEN_COUNTED_AFTER_SENDING
+    unread_own[c]++
+#endif
+  :: full(mgmt[c]) || stopped[c] ->
+#ifndef BROKEN_COUNTED_AFTER_SENDING
+    unread_own[c]--
+#else
+    skip
+#endif
+  fi
+}
+
+/* A message from itself has been received (rec_message). */
+inline received_own(c) {
+  atomic {
+    if
+    :: unread_own[c] > 0 -> unread_own[c]--
+    :: unread_own[c] == 0
+    fi
+  }
+}
+
+/* Until the response is there, what else arrives is set aside. */
+inline await_response(c) {
+  do
+  :: data[c]?kind, id, to ->
+    if
+    :: kind == RSP && id == call_id -> settled(RSP, id, DELIVERED); break
+    :: kind != RSP || id != call_id ->
+#ifndef BROKEN_FOREIGN_MESSAGES_ARE_LOST
+      waiting[c]!kind(id, to)
+#else
+      skip
+#endif
+    fi
+  :: empty(data[c]) -> break /* ten seconds of silence */
+  od
+}
+
+/* A synchronous call on the loop's thread (proxy_send). */
 inline call(c) {
   atomic { call_id = c * IDS_EACH + used; used++ };
   acquire(c, 1);
-  send(REQ, call_id, 1 - c);
+  send(REQ, call_id, c);
   if
   :: requests[call_id] == DROPPED
-  :: requests[call_id] != DROPPED ->
-    do
-    :: data[c]?kind, id, to ->
-      if
-      :: kind == RSP && id == call_id -> settled(RSP, id, DELIVERED); break
-      :: kind != RSP || id != call_id ->
-#ifndef BROKEN_FOREIGN_MESSAGES_ARE_LOST
-        waiting[c]!kind(id, to)
-#else
-        skip
-#endif
-      fi
-    :: empty(data[c]) -> break /* ten seconds of silence */
-    od
+  :: requests[call_id] != DROPPED -> await_response(c)
   fi;
 #ifdef BROKEN_LOCK_IS_KEPT
   if
@@ -130,7 +188,7 @@ inline exchange(c) {
   :: mgmt[c]?kind, id, to ->
     if
     :: kind == GRANT -> break
-    :: kind != GRANT -> waiting[c]!kind(id, to)
+    :: kind != GRANT -> received_own(c); waiting[c]!kind(id, to)
     fi
   od
 }
@@ -138,7 +196,8 @@ inline exchange(c) {
 /* A request's stub answers, perhaps after a call of its own; late responses and notices reach their proxy. */
 inline deliver(c) {
   if
-  :: kind == KILL -> /* dropped: nobody is bound to the siid of management */
+  :: kind == WAKE /* dropped, as the next: nobody is bound to the siid of management */
+  :: kind == KILL ->
 #ifndef BROKEN_NO_KILL_MAY_BE_SET_ASIDE
     kills[c]--
 #else
@@ -151,8 +210,43 @@ inline deliver(c) {
     :: nested > 0 -> nested--; call(c)
     :: nested == 0
     fi;
-    send(RSP, served, 1 - c)
+    send(RSP, served, c)
   :: kind == RSP || kind == SIG -> settled(kind, id, DELIVERED)
+  fi
+}
+
+/* A call that begins when the loop has been told to end does not mark the data as taken. */
+#ifndef BROKEN_NO_CALL_MAY_MEET_THE_END
+#define unmarked(c) (!running[c])
+#else
+#define unmarked(c) false
+#endif
+
+#define free_to_receive(c) (data_ready && may_hold(c, 1) && !data_taken[c])
+
+/* Since poll found something there, a call on another thread may have emptied the data socket, and what that set
+ * aside comes before what is there now. */
+inline get_data_message(c) {
+  if
+  :: !data_ready
+  :: atomic { data_ready && may_hold(c, 1) && data_taken[c] -> data_ready = false }
+  :: atomic {
+      free_to_receive(c) && nempty(data[c]) ->
+      assert(empty(waiting[c]) || unmarked(c));
+      data_ready = false;
+      data[c]?kind, id, to
+    };
+    deliver(c)
+  :: atomic { free_to_receive(c) && empty(data[c]) -> assert(unmarked(c)); data_ready = false } /* waits in vain */
+  fi
+}
+
+inline get_mgmt_message(c) {
+  mgmt[c]?kind, id, to;
+  received_own(c);
+  if
+  :: atomic { kind == KILL -> running[c] = false; kills[c]-- }
+  :: kind != KILL
   fi
 }
 
@@ -161,60 +255,51 @@ inline abandon(socket) {
   do
   :: socket?kind, id, to ->
     if
-    :: kind == KILL || kind == GRANT
-    :: kind != KILL && kind != GRANT -> settled(kind, id, DROPPED)
+    :: kind == KILL || kind == WAKE || kind == GRANT
+    :: kind != KILL && kind != WAKE && kind != GRANT -> settled(kind, id, DROPPED)
     fi
   :: empty(socket) -> break
   od
 }
 
-proctype component(byte me) {
+proctype component(byte me; byte actions) {
   mtype kind;
   byte id, to, call_id, served, used;
-  byte actions = ACTIONS, nested = NESTED;
+  byte nested = NESTED;
+  bool data_ready;
 
   do /* wait */
   :: running[me] ->
     do /* dispatch_waiting_queue: the front is removed when it has been dispatched */
-    :: waiting[me]?<kind, id, to> ->
+    :: atomic { may_hold(me, 1) && nempty(waiting[me]) -> waiting[me]?<kind, id, to> };
       deliver(me);
 #ifndef BROKEN_FRONT_IS_DISPATCHED_TWICE
-      waiting[me]?_, _, _
+      atomic { may_hold(me, 1) -> waiting[me]?_, _, _ }
 #endif
-    :: empty(waiting[me]) -> break
+    :: atomic { may_hold(me, 1) && empty(waiting[me]) -> data_taken[me] = false; break }
     od;
-#ifdef THREADS
-    acquire(me, 1); /* poll_timeout */
-    release(me);
-#endif
     atomic { kind = NONE; id = 0; to = 0; served = 0; at_poll[me] = true };
 end_poll:
     if
-    :: mgmt[me]?kind, id, to -> /* get_mgmt_message */
-      atomic {
-        at_poll[me] = false;
-        if
-        :: kind == KILL -> running[me] = false; kills[me]--
-        :: kind != KILL
-        fi
-      }
-    :: empty(mgmt[me]) && nempty(data[me]) -> /* get_data_message */
-      atomic { at_poll[me] = false; data[me]?kind, id, to };
-      deliver(me)
-    :: empty(mgmt[me]) && empty(data[me]) && actions > 0 -> /* fire_earliest_timer */
-      atomic { at_poll[me] = false; actions-- };
-      acquire(me, 1);
+    :: atomic { nempty(mgmt[me]) -> at_poll[me] = false; data_ready = nempty(data[me]) };
+      get_mgmt_message(me)
+    :: atomic { empty(mgmt[me]) && nempty(data[me]) -> at_poll[me] = false; data_ready = true }
+    :: atomic { empty(mgmt[me]) && empty(data[me]) && actions > 0 -> at_poll[me] = false; actions-- };
+      acquire(me, 1); /* fire_earliest_timer */
       if
+      :: atomic { served = me * IDS_EACH + used; used++ }; send(SIG, served, me)
+#ifndef ONLY_NOTICES
       :: call(me)
-      :: atomic { served = me * IDS_EACH + used; used++ }; send(SIG, served, 1 - me)
       :: exchange(me)
+#endif
       fi;
       release(me)
-    fi
+    fi;
+    get_data_message(me)
   :: !running[me] -> break
   od;
-  acquire(me, 1); /* stop */
-  core_mgmt!UNREG(0, me);
+  core_mgmt!UNREG(0, me); /* stop */
+  acquire(me, 1);
   atomic {
     stopped[me] = true;
     abandon(data[me]);
@@ -224,6 +309,37 @@ end_poll:
   }
 }
 
+/* Another thread makes synchronous calls. What they set aside may have been all that would have woken the loop
+ * (begin_synchronous_wait, end_synchronous_wait). */
+proctype caller(byte me; byte calls) {
+  mtype kind;
+  byte id, to, call_id;
+  byte used = IDS_LOOP;
+
+  do
+  :: used < IDS_LOOP + calls ->
+    atomic { call_id = me * IDS_EACH + used; used++ };
+    acquire(me, 2);
+    send(REQ, call_id, me);
+    if
+    :: requests[call_id] == DROPPED
+    :: requests[call_id] != DROPPED ->
+#ifndef BROKEN_DATA_IS_NOT_MARKED_AS_TAKEN
+      data_taken[me] = data_taken[me] || running[me];
+#endif
+      await_response(me);
+#ifndef BROKEN_LOOP_IS_NOT_WOKEN
+      if
+      :: running[me] && nempty(waiting[me]) && unread_own[me] == 0 -> send_to_self(me, WAKE)
+      :: !running[me] || empty(waiting[me]) || unread_own[me] > 0
+      fi
+#endif
+    fi;
+    release(me)
+  :: used == IDS_LOOP + calls -> break
+  od
+}
+
 /* Another thread arms a timer (add_msec_timer). */
 proctype other_thread(byte me) {
   acquire(me, 2);
@@ -231,16 +347,19 @@ proctype other_thread(byte me) {
   release(me)
 }
 
-/* sig_handler sends the kill message while the component runs. */
+/* sig_handler sends the kill message while the component runs, unless what is unread of its own holds one. */
 proctype termination_signals(byte to_whom; byte left) {
   do
-  :: atomic {
-      left > 0 && running[to_whom] && nfull(mgmt[to_whom]) ->
-      left--;
-      kills[to_whom]++;
+  :: atomic { left > 0 && running[to_whom] && unread_own[to_whom] < MAX_UNREAD_OWN -> left-- };
 #ifndef BROKEN_SIGNAL_IS_FORGOTTEN
-      mgmt[to_whom]!KILL(0, to_whom)
+    send_to_self(to_whom, KILL)
+#else
+    kills[to_whom]++
 #endif
+  :: atomic {
+      left > 0 && running[to_whom] && unread_own[to_whom] >= MAX_UNREAD_OWN ->
+      left--;
+      assert(kills[to_whom] > 0)
     }
   :: left == 0 || !running[to_whom] -> break
   od
@@ -326,8 +445,11 @@ proctype at_rest() {
 init {
   atomic {
     run core();
-    run component(0);
-    run component(1);
+    run component(0, ACTIONS_0);
+    run component(1, ACTIONS);
+#if CALLS_BESIDE
+    run caller(0, CALLS_BESIDE);
+#endif
 #ifdef THREADS
     run other_thread(0);
     run other_thread(1);
