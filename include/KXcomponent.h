@@ -274,8 +274,8 @@ class KX_EXPORT KXcomponent {
   int send_to_self(KXmessage& message);
   void tell_loop_to_end();
 
-  pthread_t m_loop_thread = {};
-  std::atomic<int> m_unread_own{0};  // messages to itself that it has not received
+  std::atomic<pthread_t> m_loop_thread{};  // none outside of the event loop
+  std::atomic<int> m_unread_own{0};        // messages to itself that it has not received
 };
 
 #endif

@@ -215,13 +215,6 @@ inline deliver(c) {
   fi
 }
 
-/* A call that begins when the loop has been told to end does not mark the data as taken. */
-#ifndef BROKEN_NO_CALL_MAY_MEET_THE_END
-#define unmarked(c) (!running[c])
-#else
-#define unmarked(c) false
-#endif
-
 #define free_to_receive(c) (data_ready && may_hold(c, 1) && !data_taken[c])
 
 /* Since poll found something there, a call on another thread may have emptied the data socket, and what that set
@@ -232,12 +225,12 @@ inline get_data_message(c) {
   :: atomic { data_ready && may_hold(c, 1) && data_taken[c] -> data_ready = false }
   :: atomic {
       free_to_receive(c) && nempty(data[c]) ->
-      assert(empty(waiting[c]) || unmarked(c));
+      assert(empty(waiting[c]));
       data_ready = false;
       data[c]?kind, id, to
     };
     deliver(c)
-  :: atomic { free_to_receive(c) && empty(data[c]) -> assert(unmarked(c)); data_ready = false } /* waits in vain */
+  :: atomic { free_to_receive(c) && empty(data[c]) -> assert(false); data_ready = false } /* waits in vain */
   fi
 }
 
@@ -325,13 +318,17 @@ proctype caller(byte me; byte calls) {
     :: requests[call_id] == DROPPED
     :: requests[call_id] != DROPPED ->
 #ifndef BROKEN_DATA_IS_NOT_MARKED_AS_TAKEN
+#ifndef BROKEN_THE_LAST_TURN_IS_FORGOTTEN
+      data_taken[me] = true;
+#else
       data_taken[me] = data_taken[me] || running[me];
+#endif
 #endif
       await_response(me);
 #ifndef BROKEN_LOOP_IS_NOT_WOKEN
       if
-      :: running[me] && nempty(waiting[me]) && unread_own[me] == 0 -> send_to_self(me, WAKE)
-      :: !running[me] || empty(waiting[me]) || unread_own[me] > 0
+      :: !stopped[me] && nempty(waiting[me]) && unread_own[me] == 0 -> send_to_self(me, WAKE)
+      :: stopped[me] || empty(waiting[me]) || unread_own[me] > 0
       fi
 #endif
     fi;

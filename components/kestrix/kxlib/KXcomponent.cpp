@@ -545,9 +545,13 @@ void KXcomponent::add_interface(KXinterface* iface) { m_interfaces.push_back(ifa
 
 void KXcomponent::wait(bool run) {
   const struct loop_end {  // also by an exception: signals must not be taken for a loop that is gone
-    ~loop_end() { runs = false; }
+    ~loop_end() {
+      runs = false;
+      thread = pthread_t{};
+    }
     std::atomic<bool>& runs;
-  } end{m_running};
+    std::atomic<pthread_t>& thread;
+  } end{m_running, m_loop_thread};
   m_loop_thread = pthread_self();
   m_running = run;
   while (m_running) {
@@ -702,8 +706,10 @@ bool KXcomponent::ready_descriptor_from(int& index, struct pollfd& entry, fd_han
   return true;
 }
 
+// Also in the last turn of a loop that has been told to end: it still serves its descriptors.
 bool KXcomponent::loop_runs_elsewhere() const {
-  return m_running && pthread_equal(m_loop_thread, pthread_self()) == 0;
+  const pthread_t loop = m_loop_thread;
+  return loop != pthread_t{} && pthread_equal(loop, pthread_self()) == 0;
 }
 
 void KXcomponent::begin_synchronous_wait() {
