@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <system_error>
 #include <utility>
 
@@ -19,6 +20,12 @@ namespace {
 constexpr int patience_ms = 10'000;
 constexpr int orderly_end_ms = 1'000;
 constexpr useconds_t one_ms = 1'000;
+
+// Read before main: in a chroot a program that has entered a mount namespace of its own would see its path as
+// it is outside.
+std::error_code unreadable;
+const std::filesystem::path own_folder =
+    std::filesystem::read_symlink("/proc/self/exe", unreadable).parent_path();
 
 }  // namespace
 
@@ -62,13 +69,7 @@ int child_process::end(int signal) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-std::string sibling_program(const std::string& name) {
-  char path[4096];
-  const ssize_t length = readlink("/proc/self/exe", path, sizeof path);
-  if (length <= 0) throw std::system_error(errno, std::generic_category(), "cannot read /proc/self/exe");
-  const std::string self(path, static_cast<std::size_t>(length));
-  return self.substr(0, self.rfind('/') + 1) + name;
-}
+std::string sibling_program(const std::string& name) { return own_folder / name; }
 
 bool is_bound(const std::string& path) {
   sockaddr_un address = {};

@@ -84,7 +84,9 @@ std::unique_ptr<child_process> start(const std::function<void()>& part) {
 class signal_storm {
  public:
   signal_storm() {
-    std::signal(SIGUSR1, [](int) {});
+    struct sigaction action = {};  // without SA_RESTART: calls come back
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, nullptr);
     sigevent event = {};
     event.sigev_notify = SIGEV_SIGNAL;
     event.sigev_signo = SIGUSR1;
@@ -566,7 +568,7 @@ settings parse(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   const settings with = parse(argc, argv);
-  if (access(queue_setting, W_OK) != 0) {
+  if (with.flooding > 0 && access(queue_setting, W_OK) != 0) {
     std::printf("skipped: without permission to write %s kxcore has no room for a burst\n", queue_setting);
     return skipped;
   }
