@@ -54,7 +54,7 @@ class KX_EXPORT KXclientComponent : public KXcomponent {
     if (received <= 0 || !holds_header(received, __func__)) return;
     if (message.m_header->cmd == CMD_KILL_COMPONENT) {
       KX_LOG_INFO("process need to close down..\n");
-      m_running = false;
+      __atomic_store_n(&m_running, false, __ATOMIC_RELAXED);
     }
   }
 

@@ -11,6 +11,7 @@
 #include <deque>
 #include <list>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 
@@ -21,6 +22,21 @@
 
 class KXconnection;
 class KXinterface;
+
+/// One armed timer. Its identity is (context, handler, cookie).
+struct timer_entry_t {
+  int (*handler)(void* context, int cookie);  ///< called when the deadline has passed
+  void* context;                              ///< the caller's, never looked at
+  int cookie;                                 ///< the caller's number
+  int to;            ///< timeout in ms as the caller gave it; also the period of a repeating timer
+  unsigned int ato;  ///< deadline stamp
+};
+
+/// The handler of the descriptor at the same index of the poll set.
+struct fd_handler_t {
+  int (*handler)(void* context, int fd);  ///< called when the descriptor is readable
+  void* context;                          ///< the caller's, never looked at
+};
 
 /// Milliseconds of the monotonic clock within the current hour: 0 .. 3,599,999; 0 with an ERROR line when the
 /// clock cannot be read. Stamps wrap every hour. Any thread.
@@ -35,8 +51,9 @@ KX_EXPORT unsigned int get_timeout(unsigned int to);
 KX_EXPORT int remaining_time(unsigned int now, unsigned int ato);
 
 /// The handler of the termination signals: has the component of KXcomponent::static_kxc send itself
-/// KILL-COMPONENT, so that its event loop ends and stops it; when there is none or it does not run, writes
-/// one ERROR line and lets the process go on. `errno` survives.
+/// KILL-COMPONENT, so that its event loop ends and stops it, unless 64 such messages are not served yet; when
+/// there is none or it does not run, writes one ERROR line and lets the process go on. The INFO line that
+/// names the sender is written by the event loop, or here when none runs. `errno` survives.
 KX_EXPORT void sig_handler(int sig, siginfo_t* info, void* ctx);
 
 /// A process's place on the bus: its two datagram sockets, its event loop, its timers and descriptors, and
@@ -65,20 +82,8 @@ class KX_EXPORT KXcomponent {
   /// -1 ends the timer or removes the descriptor, any other value keeps it.
   using handler_t = int (*)(void* context, int value);
 
-  /// One armed timer. Its identity is (context, handler, cookie).
-  struct timer_entry_t {
-    handler_t handler;  ///< called when the deadline has passed
-    void* context;      ///< the caller's, never looked at
-    int cookie;         ///< the caller's number
-    int to;             ///< timeout in ms as the caller gave it; also the period of a repeating timer
-    unsigned int ato;   ///< deadline stamp
-  };
-
-  /// The handler of the descriptor at the same index of the poll set.
-  struct fd_handler_t {
-    handler_t handler;  ///< called when the descriptor is readable
-    void* context;      ///< the caller's, never looked at
-  };
+  using timer_entry_t = ::timer_entry_t;
+  using fd_handler_t = ::fd_handler_t;
 
   static constexpr int max_descriptors = 64;  ///< in the poll set, the two sockets included
 
@@ -130,14 +135,15 @@ class KX_EXPORT KXcomponent {
 
   /// Sends one message from `fd`, a socket of this component, to the socket at `path`. A send that fails, for
   /// whatever reason, is tried three times in all, with a second's pause between: the call blocks for about
-  /// two seconds at most. `msg` is not changed. Any thread, and signal handlers as far as syslog is safe
-  /// there (see KXlog.h).
+  /// two seconds at most. In a pause the thread takes no signals. `msg` is not changed. Any thread, and
+  /// signal handlers as far as syslog is safe there (see KXlog.h).
   /// @return bytes sent (header and payload), or -1
   int send_message_to(int fd, const char* path, KXmessage& msg);
 
   /// Waits until `fd` is readable, for 10 seconds at most when `timeout` is true, and receives one datagram.
   /// @return bytes received (header included); 0 for the elapsed time, which leaves `msg` and `peer`
-  ///         unchanged, and for an empty datagram; -1 when the read failed or `fd` is negative
+  ///         unchanged, and for an empty datagram; -1 when the read failed, `fd` is negative, or stop has
+  ///         closed it meanwhile
   int rec_message(int fd, KXmessage& msg, bool timeout, peer_info_t& peer);
 
   /// Arms a timer that calls `handler(context, cookie)` on the event loop's thread `to` milliseconds from
@@ -181,12 +187,13 @@ class KX_EXPORT KXcomponent {
 
   /// Takes the component off the bus: close callback, connections, registration, sockets and their files.
   /// Called by the event loop when it ends; called from a handler it also ends the loop. A second call does
-  /// nothing. Each notice to a kxcore that does not answer may take two seconds.
+  /// nothing, nor does one from the close callback. It takes no lock: a synchronous wait that another thread
+  /// still has ends with -1, when its ten seconds have passed at the latest. Each notice to a kxcore that
+  /// does not answer may take two seconds.
   void stop();
 
   /// The event loop; sets m_running to `run` first, and calls stop when it ends. Called by start. An
-  /// exception of a handler leaves it without stop, and with m_running false: termination signals are then
-  /// not handled.
+  /// exception of a handler leaves it without stop, and with m_running as it is.
   void wait(bool run);
 
   /// Sends KILL-COMPONENT from the management socket to itself, which ends the event loop. Any thread and,
@@ -214,6 +221,7 @@ class KX_EXPORT KXcomponent {
   friend class KXconnection;
   friend class KXproxy;
   friend class KXstub;
+  friend class synchronous_wait;
   friend void sig_handler(int sig, siginfo_t* info, void* ctx);
 
   /// Hands `message` to every connection bound to its dst_siid, each once, in the order of their addresses.
@@ -223,15 +231,16 @@ class KX_EXPORT KXcomponent {
   /// Appends a copy of `message` to the waiting queue.
   void set_aside(const KXmessage& message);
 
-  /// Sleeps for a second, also when signals interrupt the sleep.
+  /// Sleeps for a second; signals for the thread wait until it is over.
   static void pause_one_second();
 
   /// Whether a received datagram holds at least a header; if not, writes a WARNING line for `operation`.
   static bool holds_header(int received, const char* operation);
 
   /// State for derived components. m_mutex, which is recursive, guards the poll set, the timers, the close
-  /// callback and the waiting queue, and receiving from the data socket; m_running may be read and cleared by
-  /// any thread, which does not wake the loop; the rest belongs to the event loop's thread.
+  /// callback, and receiving from the data socket. m_running is written and read with the compiler's atomic
+  /// built-ins, by any thread, which does not wake the loop. The waiting queue is extended with set_aside by
+  /// any thread. The rest belongs to the event loop's thread.
   /// @{
   std::string m_socket_dir;
   struct pollfd m_fda[max_descriptors];
@@ -247,35 +256,45 @@ class KX_EXPORT KXcomponent {
   const char* m_name;
   std::string m_data_socket_name;
   std::string m_mgmt_socket_name;
-  std::atomic<bool> m_running;
+  bool m_running;
   int m_data_fd;
   int m_mgmt_fd;
   /// @}
 
-  /// Whether a synchronous wait on another thread has begun since the event loop found the waiting queue
-  /// empty: what the data socket holds now is newer than what that wait set aside. Guarded by m_mutex.
+  /// Whether a synchronous wait on another thread has begun since the event loop looked last, or has left
+  /// something in the waiting queue: what the data socket holds now is newer. Guarded by m_mutex.
   bool m_data_taken = false;
 
  private:
+  struct shared_state;
+  class loop_scope;
+  class stop_scope;
+
   void construct(const char* subdir, bool handle_signals);
+  bool owns(int fd) const;
+  int await_datagram(int fd, bool timeout) const;
   std::list<timer_entry_t>::iterator find_timer(void* context, handler_t handler, int cookie);
+  void erase_timer(std::list<timer_entry_t>::iterator timer);
+  bool has_timers() const;
 
   void dispatch_waiting_queue();
-  int poll_descriptors(bool once);
+  bool has_waiting_messages() const;
+  int poll_timeout();
+  int poll_descriptors(int timeout);
   void fire_earliest_timer();
-  void retire_fired_timer(const timer_entry_t& fired);
-  void serve_descriptors(int ready);
-  bool ready_descriptor_from(int& index, struct pollfd& entry, fd_handler_t& handler);
+  void fire(timer_entry_t timer);
+  void retire(const timer_entry_t& fired);
+  void serve_descriptors();
+  bool descriptor_at(int index, struct pollfd& entry, fd_handler_t& handler) const;
 
+  bool loop_runs() const;
   bool loop_runs_elsewhere() const;
-  void begin_synchronous_wait();
-  void end_synchronous_wait();
-  int (*take_close_cb())();
-  int send_to_self(KXmessage& message);
-  void tell_loop_to_end();
+  void wake_loop();
+  void note_signal(int sig, pid_t sender);
+  void write_signal_lines();
 
-  std::atomic<pthread_t> m_loop_thread{};  // none outside of the event loop
-  std::atomic<int> m_unread_own{0};        // messages to itself that it has not received
+  const std::unique_ptr<shared_state> m_shared;
+  std::atomic<int> m_unserved_kills{0};  // sent to itself since the loop looked at the management socket
 };
 
 #endif

@@ -6,17 +6,17 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <iomanip>
 #include <sstream>
 
-#include "outlet.h"
+#include "datagram.h"
 #include "seam.h"
+#include "socket_address.h"
 
 raw_socket::raw_socket(const std::string& path)
     : m_path(path), m_fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
   unlink(path.c_str());
-  const sockaddr_un address = address_of(path);
+  const sockaddr_un address = socket_address(path);
   EXPECT_EQ(0, bind(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address)) << path;
 }
 
@@ -26,7 +26,7 @@ raw_socket::~raw_socket() {
 }
 
 bool raw_socket::send(const std::string& path, const std::vector<unsigned char>& bytes) const {
-  const sockaddr_un address = address_of(path);
+  const sockaddr_un address = socket_address(path);
   const ssize_t sent = sendto(m_fd, bytes.data(), bytes.size(), MSG_DONTWAIT,
                               reinterpret_cast<const sockaddr*>(&address), sizeof address);
   return sent == static_cast<ssize_t>(bytes.size());
@@ -43,16 +43,14 @@ std::vector<unsigned char> raw_socket::receive() const {
   const ssize_t count = recvfrom(m_fd, bytes.data(), bytes.size(), MSG_DONTWAIT,
                                  reinterpret_cast<sockaddr*>(&address), &length);
   bytes.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
-  if (count > 0) m_sender = address.sun_path;
+  if (count > 0) m_sender = sender_path(address, length).text;
   return bytes;
 }
 
 bool raw_socket::receive(KXmessage& message) const {
   const std::vector<unsigned char> bytes = receive();
-  if (bytes.size() < sizeof(msg_header_t)) return false;
-  message = KXmessage();
-  std::memcpy(message.m_header, bytes.data(), bytes.size());
-  message.incr_size(static_cast<int>(bytes.size() - sizeof(msg_header_t)));
+  if (bytes.size() < header_size) return false;
+  message = message_of(bytes.data(), bytes.size());
   return true;
 }
 

@@ -16,6 +16,7 @@
 #include "KXcore.h"
 #include "KXproxy.h"
 #include "KXstub.h"
+#include "management.h"
 #include "seam.h"
 
 // The base of every test that arms the seam.
@@ -177,10 +178,10 @@ struct raw_component {
   // siid.
   void manage(mgmt_cmd_e cmd, const std::string& service, int number, msg_type_e type = MSG_REQ) {
     KXmessage message = make_message(7, 8, type, cmd, ++last_id);
-    const bool offers = cmd == CMD_REG_FUNCTION || cmd == CMD_REG_SIGNAL;
+    const bool offers = facts_of(cmd).kind == OFFER;
     if (offers || cmd == CMD_REG_COMPONENT || cmd == CMD_UNREG_COMPONENT) message << name;
     if (cmd == CMD_REG_COMPONENT) message << data.path();
-    if (offers || cmd == CMD_SUB_FUNCTION || cmd == CMD_SUB_SIGNAL) message << service;
+    if (offers || facts_of(cmd).kind == SUBSCRIPTION) message << service;
     if (offers) message << "none", message << "none";
     if (offers || message.size == 0) message << static_cast<unsigned int>(number);
     mgmt.send(fake_core::mgmt_path, message);

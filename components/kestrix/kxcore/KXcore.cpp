@@ -15,29 +15,17 @@
 
 #include "KXconnection.h"
 #include "KXlog.h"
+#include "datagram.h"
+#include "management.h"
 #include "payload.h"
+#include "socket_address.h"
 
 namespace {
 
 // A turn ends after this many batches, so that a flood of data does not keep the loop from the rest.
 constexpr int batches_per_turn = 16;
-constexpr unsigned int kill_message_id = 0x33333333;
 constexpr char unparsable[] = "the payload does not parse";
 constexpr char unsuitable_name[] = "the name is empty, longer than 255 bytes or has control characters";
-
-bool is_signal_cmd(mgmt_cmd_e cmd) {
-  return cmd == CMD_REG_SIGNAL || cmd == CMD_UNREG_SIGNAL || cmd == CMD_SUB_SIGNAL || cmd == CMD_UNSUB_SIGNAL;
-}
-
-KXmessage make_management(msg_type_e type, std::uint8_t cmd, std::uint32_t wire_msg_id) {
-  KXmessage message;
-  message.m_header->dst_siid = htonl(management_siid);
-  message.m_header->src_siid = htonl(management_siid);
-  message.m_header->msg_type = type;
-  message.m_header->cmd = cmd;
-  message.m_header->msg_id = wire_msg_id;
-  return message;
-}
 
 bool is_control(unsigned char c) { return c < 0x20 || c == 0x7F; }
 
@@ -166,7 +154,7 @@ void KXcore::handle_management(const request& received) {
     return drop(received.from, received.sender, "it is neither a request nor a notice");
   }
   const std::string name = received.name();  // the sender may be gone afterwards
-  KXmessage reply = make_management(MSG_RSP, header.cmd, header.msg_id);
+  KXmessage reply = make_management(MSG_RSP, header.cmd, ntohl(header.msg_id));
   const std::string refusal = answer(received, reply);
   if (!refusal.empty()) {
     if (is_reported(++dropped_of(peer_at(received.sender, received.pid)))) {
@@ -181,9 +169,7 @@ void KXcore::handle_management(const request& received) {
 // Carries a request out and writes what is granted into the reply; why it is refused, or an empty text.
 std::string KXcore::answer(const request& received, KXmessage& reply) {
   const mgmt_cmd_e cmd = received.cmd();
-  const bool awaits_reply = cmd == CMD_REG_COMPONENT || cmd == CMD_REG_FUNCTION || cmd == CMD_REG_SIGNAL ||
-                            cmd == CMD_SUB_FUNCTION || cmd == CMD_SUB_SIGNAL;
-  if (awaits_reply && received.message.m_header->msg_type != MSG_REQ) return "it is not a request";
+  if (awaits_reply(cmd) && received.message.m_header->msg_type != MSG_REQ) return "it is not a request";
   if (cmd == CMD_REG_COMPONENT) return register_peer(received, reply);
   if (received.from == nullptr) return "the sender is not registered";
   switch (cmd) {
@@ -216,7 +202,7 @@ void KXcore::respond(const request& received, const KXmessage& reply) {
   } else if (outlet way(received.sender); way.connected()) {
     way.send(reply.m_header, length, 0);
   } else if (errno == EMFILE || errno == ENFILE) {
-    const sockaddr_un address = address_of(received.sender);
+    const sockaddr_un address = socket_address(received.sender);
     sendto(m_mgmt_fd, reply.m_header, length, MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&address),
            sizeof address);
   }
@@ -275,7 +261,7 @@ std::string KXcore::offer_service(const request& received, KXmessage& reply) {
       !values.take(interface_class) || !values.take(type)) {
     return unparsable;
   }
-  const bool is_signal = is_signal_cmd(received.cmd());
+  const bool is_signal = facts_of(received.cmd()).of_signal;
   if (type > KXconnection::SGNL || is_signal != (type == KXconnection::SGNL)) return unparsable;
   if (!is_name(name)) return unsuitable_name;
   if (received.from->grants == peer::max_grants) return limit_reached();
@@ -297,7 +283,7 @@ std::string KXcore::offer_service(const request& received, KXmessage& reply) {
 std::string KXcore::withdraw_service(const request& received) {
   std::uint32_t siid = 0;
   if (!payload(received.message).take(siid)) return unparsable;
-  if (!m_directory.withdraw(*received.from, siid, is_signal_cmd(received.cmd())))
+  if (!m_directory.withdraw(*received.from, siid, facts_of(received.cmd()).of_signal))
     return "the siid is not the sender's";
   REPORT_EVENT("%s withdrew the service with siid %u", received.from->name.c_str(), siid);
   return {};
@@ -309,7 +295,7 @@ std::string KXcore::subscribe(const request& received, KXmessage& reply) {
   if (!is_name(name)) return unsuitable_name;
   const auto wanted = m_directory.find_offered(name);
   if (wanted == nullptr) return "nobody offers '" + name + "'";
-  const bool is_signal = is_signal_cmd(received.cmd());
+  const bool is_signal = facts_of(received.cmd()).of_signal;
   if (wanted->is_signal != is_signal) return "'" + name + "' is a " + (is_signal ? "function" : "signal");
   if (received.from->grants == peer::max_grants) return limit_reached();
   if (!m_directory.has_message_ids()) return "all message ids are in use";
@@ -328,7 +314,7 @@ std::string KXcore::subscribe(const request& received, KXmessage& reply) {
 std::string KXcore::unsubscribe(const request& received) {
   std::uint32_t siid = 0;
   if (!payload(received.message).take(siid)) return unparsable;
-  if (!m_directory.unsubscribe(*received.from, siid, is_signal_cmd(received.cmd()))) {
+  if (!m_directory.unsubscribe(*received.from, siid, facts_of(received.cmd()).of_signal)) {
     return "the siid is not the sender's";
   }
   REPORT_EVENT("%s ended its subscription with siid %u", received.from->name.c_str(), siid);
@@ -406,7 +392,7 @@ void KXcore::answer_undelivered(const KXmessage& message, peer* requester, const
   if (requester == nullptr) return;
   const msg_header_t& lost = *message.m_header;
   if (lost.msg_type != MSG_REQ) return drop(requester, requester->name, reason);
-  KXmessage failure = make_management(MSG_ERR, lost.cmd, lost.msg_id);
+  KXmessage failure = make_management(MSG_ERR, lost.cmd, ntohl(lost.msg_id));
   failure.m_header->dst_siid = lost.src_siid;
   failure.m_header->src_siid = lost.dst_siid;
   failure << reason;
@@ -524,9 +510,7 @@ void KXcore::forget_gone_peers() {
 
 void KXcore::answer_lost_requests(const std::vector<datagram>& queue) {
   for (const datagram& bytes : queue) {
-    KXmessage message;
-    std::memcpy(message.m_header, bytes.data(), bytes.size());
-    message.incr_size(static_cast<int>(bytes.size() - sizeof(msg_header_t)));
+    const KXmessage message = message_of(bytes.data(), bytes.size());
     if (message.m_header->msg_type != MSG_REQ) continue;
     const endpoint* requester = m_directory.find(ntohl(message.m_header->src_siid));
     if (requester != nullptr) answer_undelivered(message, requester->holder(), "the component is gone");
@@ -555,7 +539,7 @@ void KXcore::begin_stop() {
 }
 
 void KXcore::tell_to_end(int count) {
-  const KXmessage kill = make_management(MSG_SIG, CMD_KILL_COMPONENT, htonl(kill_message_id));
+  const KXmessage kill = make_management(MSG_SIG, CMD_KILL_COMPONENT, own_message_id);
   for (const auto& entry : m_peers) {
     if (count == 0) return;
     peer& each = *entry.second;

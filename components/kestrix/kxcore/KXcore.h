@@ -1,12 +1,13 @@
 // The core of the bus: a component named kxcore that answers the management requests of the others and
 // forwards their data messages.
 //
-// It never waits for anybody. Its sockets are emptied at each turn; a management message, and the end of a
-// process, are held until the data is served that came before, so that what a component sends before it
-// withdraws still counts as its own. What a component does not read is queued for it up to a limit and costs
-// the others nothing (outlet.h). A component whose process ends, or whose socket
-// is gone when something is sent to it, is forgotten with all that it was granted. Whatever a sender claims
-// is checked against the path of the socket that it sent from, and in management against its process.
+// It never waits for anybody. At each turn it takes from its sockets what is there, up to a limit; a
+// management message, and the end of a process, are held until the data is served that came before, so that
+// what a component sends before it withdraws still counts as its own. What a component does not read is
+// queued for it up to a limit and costs the others nothing (outlet.h). A component whose process ends, or
+// whose socket is gone when something is sent to it, is forgotten with all that it was granted. Whatever a
+// sender claims is checked against the path of the socket that it sent from, and in management against its
+// process.
 #ifndef KXCORE_H
 #define KXCORE_H
 

@@ -1,7 +1,9 @@
 #include "inbox.h"
 
-#include <cstddef>
 #include <cstring>
+
+#include "datagram.h"
+#include "socket_address.h"
 
 inbox::inbox(bool pids) : m_pids(pids) {
   for (unsigned int i = 0; i < batch_size; ++i) {
@@ -27,15 +29,13 @@ unsigned int inbox::receive(int fd) {
   const int received = recvmmsg(fd, m_headers.data(), batch_size, MSG_DONTWAIT, nullptr);
   if (received <= 0) return 0;
   for (unsigned int i = 0; i < static_cast<unsigned int>(received); ++i) {
-    m_messages[i].size = 0;
-    m_messages[i].pos = 0;
-    m_messages[i].incr_size(static_cast<int>(m_headers[i].msg_len) - static_cast<int>(sizeof(msg_header_t)));
+    take_datagram(m_messages[i], static_cast<int>(m_headers[i].msg_len));
   }
   return static_cast<unsigned int>(received);
 }
 
 bool inbox::is_malformed(unsigned int i) const {
-  return m_headers[i].msg_len < sizeof(msg_header_t) || (m_headers[i].msg_hdr.msg_flags & MSG_TRUNC) != 0;
+  return m_headers[i].msg_len < header_size || (m_headers[i].msg_hdr.msg_flags & MSG_TRUNC) != 0;
 }
 
 pid_t inbox::sender_pid(unsigned int i) const {
@@ -50,11 +50,6 @@ pid_t inbox::sender_pid(unsigned int i) const {
 }
 
 const std::string& inbox::sender(unsigned int i) {
-  constexpr std::size_t path_offset = offsetof(sockaddr_un, sun_path);
-  const std::size_t length = m_headers[i].msg_hdr.msg_namelen;
-  m_sender.clear();
-  if (length > path_offset) {
-    m_sender.assign(m_senders[i].sun_path, strnlen(m_senders[i].sun_path, sizeof m_senders[i].sun_path));
-  }
+  m_sender = sender_path(m_senders[i], m_headers[i].msg_hdr.msg_namelen).text;
   return m_sender;
 }

@@ -12,7 +12,8 @@
 
 class inbox {
  public:
-  // More than a receiver holds unread by default, so that one call empties the socket.
+  // More than a receiver holds unread by default, so that one call empties such a socket; the core's own hold
+  // more where the system permits.
   static constexpr unsigned int batch_size = 16;
 
   // With `pids`, every datagram says which process sent it; the socket needs ask_for_sender_pid, once.

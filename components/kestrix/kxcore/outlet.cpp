@@ -5,27 +5,21 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <iterator>
 #include <utility>
+
+#include "socket_address.h"
 
 unique_fd::~unique_fd() {
   if (m_fd >= 0) close(m_fd);
 }
 
-sockaddr_un address_of(const std::string& path) {
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, path.data(), std::min(path.size(), sizeof address.sun_path - 1));
-  return address;
-}
-
 int connect_datagram(const std::string& path) {
-  if (path.size() >= sizeof(sockaddr_un::sun_path)) {
+  if (path.size() > max_socket_path) {
     errno = ENAMETOOLONG;
     return -1;
   }
-  const sockaddr_un address = address_of(path);
+  const sockaddr_un address = socket_address(path);
   const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   if (fd < 0) return -1;
   if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return fd;

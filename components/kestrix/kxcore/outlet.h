@@ -11,8 +11,6 @@
 #ifndef OUTLET_H
 #define OUTLET_H
 
-#include <sys/un.h>
-
 #include <cstddef>
 #include <deque>
 #include <list>
@@ -82,9 +80,6 @@ class outlet {
   std::size_t m_queued = 0;    // the cost of all
   unsigned long m_lost = 0;
 };
-
-// The socket address of a path that fits into one.
-sockaddr_un address_of(const std::string& path);
 
 // A non-blocking datagram socket without a name, connected to the socket at `path`, or -1.
 int connect_datagram(const std::string& path);

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "socket_address.h"
+
 namespace {
 
 int open_process(pid_t pid) {
@@ -35,7 +37,7 @@ peer::peer(std::string component_name, std::string mgmt_socket, std::string data
       data(data_path) {}
 
 bool peer::is_unreachable(int probe) const {
-  const sockaddr_un address = address_of(mgmt_path);
+  const sockaddr_un address = socket_address(mgmt_path);
   return connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
          (errno == ECONNREFUSED || errno == ENOENT);
 }

@@ -6,27 +6,13 @@
 #include "KXlog.h"
 #include "KXproxy.h"
 #include "KXstub.h"
+#include "management.h"
 #include "mutex_lock.h"
 
 namespace {
 
-constexpr unsigned int registration_id = 0x11111111;
-constexpr unsigned int unregistration_id = 0x22222222;
 constexpr char source_path[] = "components/kestrix/kxlib/KXclientComponent";
 constexpr char register_signature[] = "virtual void KXclientComponent::register_component()";
-
-bool is_withdrawal(mgmt_cmd_e cmd) {
-  switch (cmd) {
-    case CMD_UNREG_COMPONENT:
-    case CMD_UNREG_FUNCTION:
-    case CMD_UNREG_SIGNAL:
-    case CMD_UNSUB_FUNCTION:
-    case CMD_UNSUB_SIGNAL:
-      return true;
-    default:
-      return false;
-  }
-}
 
 // A value that the core left out reads as -1, which as a siid means none.
 int read_grant(const KXmessage& reply) {
@@ -38,8 +24,9 @@ int read_grant(const KXmessage& reply) {
 }  // namespace
 
 void KXclientComponent::register_component() {
-  for (int seconds = 1; access(m_kxcore_mgmt_socket_name.c_str(), F_OK) != 0; ++seconds) {
-    KX_LOG_INFO("waiting for kxcore to start [%d sec] [%s]...\n", seconds, m_kxcore_mgmt_socket_name.c_str());
+  for (int lines = 0; access(m_kxcore_mgmt_socket_name.c_str(), F_OK) != 0;) {
+    // Counts the lines: what is not written is not evaluated.
+    KX_LOG_INFO("waiting for kxcore to start [%d sec] [%s]...\n", ++lines, m_kxcore_mgmt_socket_name.c_str());
     pause_one_second();
   }
 
@@ -74,14 +61,12 @@ void KXclientComponent::unregister_component() {
 
 bool KXclientComponent::interconnect_service(KXconnection* connection, KXmessage& message) {
   const auto cmd = static_cast<mgmt_cmd_e>(message.m_header->cmd);
-  message.m_header->dst_siid = htonl(management_siid);
-  message.m_header->src_siid = htonl(management_siid);
-  if (is_withdrawal(cmd)) {
-    message.m_header->msg_type = MSG_SIG;
+  if (facts_of(cmd).kind == WITHDRAWAL) {
+    address_management(message, MSG_SIG);
     return send_mgmt_message(message) > 0;
   }
 
-  message.m_header->msg_type = MSG_REQ;
+  address_management(message, MSG_REQ);
   const unsigned int awaited = ntohl(message.m_header->msg_id);
   if (send_mgmt_message(message) < 0) return false;
   if (!await_reply(message, awaited)) return false;
@@ -109,11 +94,10 @@ bool KXclientComponent::await_reply(KXmessage& message, unsigned int awaited) {
 
 // Gives the connection what the core granted in its reply to `cmd`.
 void KXclientComponent::store_grant(mgmt_cmd_e cmd, KXconnection* connection, const KXmessage& reply) {
-  const bool registration = cmd == CMD_REG_FUNCTION || cmd == CMD_REG_SIGNAL;
-  const bool subscription = cmd == CMD_SUB_FUNCTION || cmd == CMD_SUB_SIGNAL;
-  if (!registration && !subscription) return;
+  const command_kind_e kind = facts_of(cmd).kind;
+  if (kind != OFFER && kind != SUBSCRIPTION) return;
   const int siid = read_grant(reply);
-  if (registration) {
+  if (kind == OFFER) {
     connection->m_siid = static_cast<unsigned int>(siid);
     bind_siid(connection->m_siid, connection);
     return;

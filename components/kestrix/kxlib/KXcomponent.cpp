@@ -1,21 +1,26 @@
 // The component's invariants:
 // - The first two entries of the poll set are the management and the data socket, for the component's whole
 //   life.
-// - m_timers is in order of expiry, and m_fda and m_fd_handlers are packed; m_mutex guards all three and the
-//   waiting queue. It is held while a timer handler runs and while a proxy waits for a synchronous response,
-//   never by the loop while another handler or poll runs.
-// - Whoever receives from the data socket holds m_mutex, so that the loop and a synchronous wait on another
-//   thread never both wait for the same datagram.
+// - m_timers is in order of expiry, and m_fda and m_fd_handlers are packed. m_mutex guards all three, the
+// close
+//   callback, and receiving from the data socket, so that the loop and a synchronous wait on another thread
+//   never both wait for the same datagram. It is held while a timer handler runs and while a proxy waits for
+//   a synchronous response; the loop takes it to look at the earliest timer, to fire it, and to receive.
+// - What the loop looks at besides has a lock of its own, which is held for a few instructions and never
+//   waited for with anything else in hand but m_mutex: the poll set, whether there are timers, the waiting
+//   queue. What changes the poll set or the timers holds both locks.
+// - poll is given the poll set itself, without a lock. A change of it by another thread meanwhile is noticed
+//   afterwards by the count of changes.
 // - No siid maps to an empty set. Handlers may change the table at any time, so a walk looks its place up
 //   again after each of them.
-// - The signal handler sends a datagram and leaves the rest to the event loop's thread. It takes neither a
-//   lock nor memory of its own; the lines that it cannot leave (not handled, a send that fails) are written
-//   while no other line of this library is, because those hold the signals back.
+// - The signal handler takes neither a lock nor memory of its own. It leaves a note of what its INFO line
+//   needs to the event loop's thread and sends a datagram. The lines that it writes itself (not handled,
+//   those of the send, the INFO line where no loop runs or takes notes) are written while no other line of
+//   this library is, because those hold the signals back.
 #include "KXcomponent.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <sys/select.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -24,36 +29,48 @@
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
-#include <cstdio>
 #include <cstring>
 #include <memory>
-#include <utility>
+#include <mutex>
 
 #include "KXconnection.h"
 #include "KXinterface.h"
 #include "KXlog.h"
+#include "datagram.h"
+#include "management.h"
 #include "mutex_lock.h"
+#include "readable_wait.h"
+#include "signal_notes.h"
+#include "socket_address.h"
+#include "synchronous_wait.h"
 
 namespace {
 
 constexpr char bus_directory[] = "/tmp/kxcore/";
-constexpr std::size_t max_path_length = sizeof(sockaddr_un::sun_path) - 1;
-
 constexpr unsigned int ms_per_second = 1000;
 constexpr unsigned int ms_per_hour = 3600 * ms_per_second;
 constexpr unsigned int longest_timeout = 900 * ms_per_second;
 constexpr unsigned int wrap_margin = longest_timeout + 99;
 
 constexpr int send_attempts = 3;
-constexpr int receive_limit_seconds = 10;
-constexpr unsigned int own_message_id = 0x33333333;  // which no exchange awaits
 constexpr int termination_signals[] = {SIGINT, SIGQUIT, SIGTERM, SIGPIPE};
-constexpr int max_unread_own = std::size(termination_signals);
-constexpr short asked_for = -1;  // no set of events
 
-// Closes one of the component's sockets and removes its file.
+// Plain members that several threads and the signal handler share.
+template <typename T>
+T load(const T& member) {
+  return __atomic_load_n(&member, __ATOMIC_ACQUIRE);
+}
+template <typename T>
+void store(T& member, T value) {
+  __atomic_store_n(&member, value, __ATOMIC_RELEASE);
+}
+
+// Closes one of the component's sockets and removes its file. Who still waits for the socket sees that it is
+// closed before its descriptor can be somebody else's.
 void release_socket(int& fd, const std::string& path) {
-  close(std::exchange(fd, -1));
+  const int closed = fd;
+  store(fd, -1);
+  close(closed);
   remove(path.c_str());
 }
 
@@ -64,20 +81,8 @@ void release_socket(int& fd, const std::string& path) {
 }
 
 void check_path(const std::string& path) {
-  if (path.size() > max_path_length) refuse_bind(path, ENAMETOOLONG);
+  if (path.size() > max_socket_path) refuse_bind(path, ENAMETOOLONG);
 }
-
-KXmessage make_management_message(mgmt_cmd_e cmd, unsigned int msg_id) {
-  KXmessage message;
-  message.m_header->dst_siid = htonl(management_siid);
-  message.m_header->src_siid = htonl(management_siid);
-  message.m_header->msg_type = MSG_SIG;
-  message.m_header->cmd = cmd;
-  message.m_header->msg_id = htonl(msg_id);
-  return message;
-}
-
-bool is_management(const KXmessage& msg) { return ntohl(msg.m_header->src_siid) == management_siid; }
 
 void trace_sent(const char* path, const KXmessage& msg) {
   const msg_header_t& header = *msg.m_header;
@@ -92,134 +97,41 @@ void trace_sent(const char* path, const KXmessage& msg) {
   }
 }
 
-// The sender's path as a C string: what the system wrote, up to the first NUL, and never more than the field
-// holds.
-struct sender_path {
-  char text[sizeof(sockaddr_un::sun_path) + 1] = {};
-
-  explicit sender_path(const peer_info_t& peer) {
-    constexpr std::size_t path_offset = offsetof(sockaddr_un, sun_path);
-    if (peer.rx_len < 0 || peer.addrlen <= path_offset) return;
-    std::memcpy(text, peer.addr.sun_path, std::min(peer.addrlen - path_offset, sizeof peer.addr.sun_path));
-  }
-};
-
 void trace_received(const peer_info_t& peer, const KXmessage& msg) {
   const msg_header_t& header = *msg.m_header;
+  const auto sender = [&peer] {  // of a failed read there is none
+    return sender_path(peer.addr, peer.rx_len < 0 ? 0 : peer.addrlen);
+  };
   if (is_management(msg)) {
     KX_LOG_DEBUG3_IN("rec_message", "RX : [%s]->[%s] : %s : %s", "INTERCONNECT", "INTERCONNECT",
                      msg_type_name(header.msg_type), mgmt_cmd_name(header.cmd));
-    KX_LOG_DEBUG2_IN("rec_message", "Received message from %s", sender_path(peer).text);
+    KX_LOG_DEBUG2_IN("rec_message", "Received message from %s", sender().text);
   } else {
     KX_LOG_DEBUG3_IN("rec_message", "RX : [%d]->[%d] : %s : %d", ntohl(header.src_siid),
                      ntohl(header.dst_siid), msg_type_name(header.msg_type), header.cmd);
-    KX_LOG_DEBUG2_IN("rec_message", "Received message from %s (id=%d)", sender_path(peer).text,
-                     ntohl(header.msg_id));
+    KX_LOG_DEBUG2_IN("rec_message", "Received message from %s (id=%d)", sender().text, ntohl(header.msg_id));
   }
 }
 
-unsigned int elapsed_since(unsigned int stamp) {
-  return (get_currentTime() + ms_per_hour - stamp) % ms_per_hour;
-}
-
-// Waits for `fd` to become readable, as select does: `limit` (none when null) shrinks by the time waited.
-int wait_readable(int fd, fd_set& readable, struct timeval* limit) {
-  if (fd < FD_SETSIZE) return select(fd + 1, &readable, nullptr, nullptr, limit);
-  struct pollfd entry = {fd, POLLIN, 0};
-  if (limit == nullptr) return poll(&entry, 1, -1);
-  const unsigned int started = get_currentTime();
-  const unsigned int left = static_cast<unsigned int>(limit->tv_sec) * ms_per_second +
-                            static_cast<unsigned int>(limit->tv_usec) / 1000;
-  const int ready = poll(&entry, 1, static_cast<int>(left));
-  const unsigned int remaining = left - std::min(left, elapsed_since(started));
-  limit->tv_sec = static_cast<time_t>(remaining / ms_per_second);
-  limit->tv_usec = static_cast<suseconds_t>(remaining % ms_per_second * 1000);
-  return ready;
-}
-
-// What the INFO line about one termination signal needs. The handler fills a note, the event loop's thread
-// writes the line. There is one note for each kind of signal: like pending signals, equal ones that arrive
-// before the line is written share it.
-struct signal_text {
-  static constexpr std::size_t sender_size = 1024;  // without the final NUL, which stays
-
-  pid_t pid;
-  bool from_proc;
-  char sender[sender_size + 1];
-  char component[sizeof(sockaddr_un::sun_path)];
-};
-
-struct signal_note {
-  enum state_e : int { EMPTY, FILLING, READY };
-
-  std::atomic<int> state{EMPTY};
-  signal_text text;
-};
-
-static_assert(std::atomic<int>::is_always_lock_free, "the signal handler takes no lock");
-
-signal_note signal_notes[sizeof termination_signals / sizeof termination_signals[0]];
-std::atomic<bool> signals_noted{false};  // since the loop looked last
-
-// Writes "/proc/<pid>/cmdline"; snprintf is not async-signal-safe.
-void write_cmdline_path(char (&path)[40], pid_t pid) {
-  char digits[12];
-  std::size_t count = 0;
-  do {
-    digits[count++] = static_cast<char>('0' + pid % 10);
-    pid /= 10;
-  } while (pid > 0);
-  std::memcpy(path, "/proc/", 6);
-  char* to = path + 6;
-  while (count > 0)
-    *to++ = digits[--count];
-  std::memcpy(to, "/cmdline", sizeof "/cmdline");
-}
-
-// Reads the first 1024 bytes of the sender's command line; whether there were any.
-bool read_cmdline(pid_t pid, char (&text)[signal_text::sender_size + 1]) {
-  char path[40];
-  write_cmdline_path(path, pid);
-  const int fd = open(path, O_RDONLY);
-  if (fd < 0) return false;
-  const ssize_t count = read(fd, text, signal_text::sender_size);
-  close(fd);
-  if (count <= 0) return false;
-  if (text[count - 1] == '\n') text[count - 1] = '\0';
-  return true;
-}
-
-// Runs in the signal handler.
-void take_signal_note(int sig, pid_t sender, const char* component) {
-  const auto kind = std::find(std::begin(termination_signals), std::end(termination_signals), sig);
-  if (kind == std::end(termination_signals)) return;
-  signal_note& note = signal_notes[kind - termination_signals];
-  int expected = signal_note::EMPTY;
-  if (!note.state.compare_exchange_strong(expected, signal_note::FILLING)) return;
-  signal_text& text = note.text;
-  std::memset(text.sender, 0, sizeof text.sender);
-  text.pid = sender;
-  text.from_proc = read_cmdline(sender, text.sender);
-  text.component[0] = '\0';
-  std::strncat(text.component, component, sizeof text.component - 1);
-  note.state = signal_note::READY;
-  signals_noted = true;
-}
-
-// Runs on the event loop's thread: writes the lines of the signals taken since the last time.
-void log_signals() {
-  if (!signals_noted) return;
-  signals_noted = false;
-  for (std::size_t i = 0; i < std::size(signal_notes); ++i) {
-    int expected = signal_note::READY;
-    if (!signal_notes[i].state.compare_exchange_strong(expected, signal_note::FILLING)) continue;
-    signal_text text = signal_notes[i].text;
-    signal_notes[i].state = signal_note::EMPTY;  // a signal that comes while the line is written gets its own
-    if (!text.from_proc) std::snprintf(text.sender, sizeof text.sender, "(pid)  %d", text.pid);
-    const int sig = termination_signals[i];
-    KX_LOG_INFO_IN("sig_handler", "Signal %s (%d) received from %s: killing %s", strsignal(sig), sig,
-                   text.sender, text.component);
+// Holds all signals back on this thread.
+class signals_held_back {
+ public:
+  signals_held_back() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &m_previous);
   }
+  ~signals_held_back() { pthread_sigmask(SIG_SETMASK, &m_previous, nullptr); }
+  signals_held_back(const signals_held_back&) = delete;
+  signals_held_back& operator=(const signals_held_back&) = delete;
+
+ private:
+  sigset_t m_previous;
+};
+
+void write_signal_line(const signal_note& note, const char* component) {
+  KX_LOG_INFO_IN("sig_handler", "Signal %s (%d) received from %s: killing %s", strsignal(note.signal),
+                 note.signal, note.sender, component);
 }
 
 void install_signal_handler() {
@@ -232,6 +144,39 @@ void install_signal_handler() {
 }
 
 }  // namespace
+
+#ifdef __SANITIZE_THREAD__
+extern "C" {
+void AnnotateIgnoreWritesBegin(const char* file, int line);
+void AnnotateIgnoreWritesEnd(const char* file, int line);
+}
+#endif
+
+namespace {
+
+// poll reads the set and writes its revents while other threads may change it. What it then finds is not
+// used, and what it writes is overwritten by the next poll.
+class race_with_poll {
+#ifdef __SANITIZE_THREAD__
+ public:
+  race_with_poll() { AnnotateIgnoreWritesBegin(__FILE__, __LINE__); }
+  ~race_with_poll() { AnnotateIgnoreWritesEnd(__FILE__, __LINE__); }
+#else
+ public:
+  race_with_poll() {}
+#endif
+};
+
+}  // namespace
+
+struct KXcomponent::shared_state {
+  mutable std::mutex mutex;              // guards what m_mutex does not, or not alone
+  unsigned int table_changes = 0;        // of the poll set
+  bool stopping = false;                 // the loop's thread's own
+  std::atomic<pthread_t> loop_thread{};  // none outside of the event loop
+  std::atomic<bool> woken{false};        // since the loop looked at the waiting queue
+  signal_notes notes;
+};
 
 // --- clock ---
 
@@ -264,7 +209,7 @@ int remaining_time(unsigned int now, unsigned int ato) {
 peer_info_t::peer_info_t() : addrlen(sizeof addr), rx_len(0) { addr.sun_family = AF_UNIX; }
 
 int peer_info_t::path(std::string& p) {
-  if (p.size() > max_path_length) return -1;
+  if (p.size() > max_socket_path) return -1;
   std::memcpy(addr.sun_path, p.c_str(), p.size() + 1);
   KX_LOG_DEBUG3("socket path [%s]\n", addr.sun_path);
   return 0;
@@ -275,12 +220,24 @@ int peer_info_t::path(std::string& p) {
 KXcomponent* KXcomponent::static_kxc = nullptr;
 
 KXcomponent::KXcomponent(const char* name)
-    : m_nfds(0), m_close_cb(nullptr), m_name(name), m_running(false), m_data_fd(-1), m_mgmt_fd(-1) {
+    : m_nfds(0),
+      m_close_cb(nullptr),
+      m_name(name),
+      m_running(false),
+      m_data_fd(-1),
+      m_mgmt_fd(-1),
+      m_shared(std::make_unique<shared_state>()) {
   construct(nullptr, true);
 }
 
 KXcomponent::KXcomponent(const char* name, const ExtraCfg* cfg)
-    : m_nfds(0), m_close_cb(nullptr), m_name(name), m_running(false), m_data_fd(-1), m_mgmt_fd(-1) {
+    : m_nfds(0),
+      m_close_cb(nullptr),
+      m_name(name),
+      m_running(false),
+      m_data_fd(-1),
+      m_mgmt_fd(-1),
+      m_shared(std::make_unique<shared_state>()) {
   construct(cfg == nullptr ? nullptr : cfg->subdir, cfg != nullptr && cfg->handle_signals);
 }
 
@@ -335,15 +292,12 @@ int KXcomponent::create_socket(std::string& path) {
   check_path(path);
   remove(path.c_str());
 
-  struct sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, path.c_str(), path.size());
-
-  // Closed on exec: a program that the component starts must not outlive it as the owner of its sockets.
-  const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  const sockaddr_un address = socket_address(path);
+  const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
   const int on = 1;
   setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+  fcntl(fd, F_SETFD, FD_CLOEXEC);  // a program that the component starts must not outlive it as their owner
   if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return fd;
 
   const int error = errno;
@@ -357,7 +311,9 @@ int KXcomponent::static_get_data_message(void* context, int fd) {
 }
 
 int KXcomponent::static_get_mgmt_message(void* context, int fd) {
-  static_cast<KXcomponent*>(context)->get_mgmt_message(fd);
+  auto* const component = static_cast<KXcomponent*>(context);
+  component->m_unserved_kills = 0;
+  component->get_mgmt_message(fd);
   return 0;
 }
 
@@ -377,16 +333,14 @@ int KXcomponent::send_message_to(int fd, const char* path, KXmessage& msg) {
     return -1;
   }
   const std::size_t path_length = std::strlen(path);
-  if (path_length > max_path_length) {
+  if (path_length > max_socket_path) {
     KX_LOG_ERROR("Destination path %s is longer than %d bytes => unable to send msg", path,
-                 static_cast<int>(max_path_length));
+                 static_cast<int>(max_socket_path));
     return -1;
   }
   trace_sent(path, msg);
 
-  struct sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, path, path_length);
+  const sockaddr_un address = socket_address({path, path_length});
   const auto address_length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path_length);
 
   const int length = msg.datagram_size();
@@ -410,47 +364,50 @@ int KXcomponent::send_message_to(int fd, const char* path, KXmessage& msg) {
   }
 }
 
+// An interrupted sleep tells the time that is left in whole seconds only, so it is not interrupted.
 void KXcomponent::pause_one_second() {
-  const unsigned int begun = get_currentTime();
-  do {
-    errno = 0;
-    sleep(1);
-  } while (errno == EINTR && elapsed_since(begun) < ms_per_second);
+  const signals_held_back scope;
+  for (unsigned int left = 1; left > 0;)
+    left = sleep(left);
+}
+
+bool KXcomponent::owns(int fd) const { return fd == load(m_data_fd) || fd == load(m_mgmt_fd); }
+
+// As select returns; -1 for a descriptor that is closed, also when stop closes it meanwhile.
+int KXcomponent::await_datagram(int fd, bool timeout) const {
+  if (fd < 0) return -1;
+  const bool own = owns(fd);
+  readable_wait readable(fd, timeout);
+  for (;;) {
+    const int ready = readable();
+    if (own && !owns(fd)) return -1;
+    if (ready >= 0) return ready;
+    KX_LOG_WARNING_IN("rec_message", "select failed - %s", strerror(errno));
+  }
 }
 
 int KXcomponent::rec_message(int fd, KXmessage& msg, bool timeout, peer_info_t& peer) {
-  if (fd < 0) {
+  const int ready = await_datagram(fd, timeout);
+  if (ready < 0) {
     KX_LOG_ERROR("Socket is closed => unable to receive msg");
     return -1;
-  }
-  fd_set readable;
-  FD_ZERO(&readable);
-  if (fd < FD_SETSIZE) FD_SET(fd, &readable);
-  struct timeval limit = {receive_limit_seconds, 0};
-
-  int ready;
-  while ((ready = wait_readable(fd, readable, timeout ? &limit : nullptr)) == -1) {
-    KX_LOG_WARNING("select failed - %s", strerror(errno));
   }
   if (ready == 0) {
     KX_LOG_WARNING("Receive message timeout");
     return 0;
   }
-  msg.size = 0;
-  msg.pos = 0;
   peer.addrlen = sizeof peer.addr;
-  const int header_offset = msg.offset - static_cast<int>(sizeof(msg_header_t));
+  const int header_offset = msg.offset - header_size;
   peer.rx_len = static_cast<int>(recvfrom(fd, msg.m_header,
                                           static_cast<std::size_t>(buffer_t::capacity - header_offset), 0,
                                           reinterpret_cast<sockaddr*>(&peer.addr), &peer.addrlen));
-  msg.incr_size(peer.rx_len - static_cast<int>(sizeof(msg_header_t)));
-  if (m_unread_own > 0 && fd == m_mgmt_fd && m_mgmt_socket_name == sender_path(peer).text) --m_unread_own;
+  take_datagram(msg, peer.rx_len);
   trace_received(peer, msg);
   return peer.rx_len;
 }
 
 bool KXcomponent::holds_header(int received, const char* operation) {
-  if (received >= static_cast<int>(sizeof(msg_header_t))) return true;
+  if (received >= header_size) return true;
   KX_LOG_WARNING_IN(operation, "dropped a datagram of %d bytes, shorter than a message header", received);
   return false;
 }
@@ -462,15 +419,17 @@ int KXcomponent::add_msec_timer(int to, void* context, handler_t handler, int co
   const timer_entry_t timer = {handler, context, cookie, to, get_timeout(timeout)};
   KX_LOG_DEBUG3("add timer : to[%d], cookie[%d] ato[%d]", to, cookie, timer.ato);
 
+  std::list<timer_entry_t> armed{timer};
   const mutex_lock lock(m_mutex);
   auto place = m_timers.begin();
   if (place != m_timers.end()) {
     const unsigned int now = get_currentTime();
-    place = std::find_if(place, m_timers.end(), [timeout, now](const timer_entry_t& armed) {
-      return timeout < static_cast<unsigned int>(remaining_time(now, armed.ato));
+    place = std::find_if(place, m_timers.end(), [timeout, now](const timer_entry_t& each) {
+      return timeout < static_cast<unsigned int>(remaining_time(now, each.ato));
     });
   }
-  m_timers.insert(place, timer);
+  const std::lock_guard<std::mutex> shared(m_shared->mutex);
+  m_timers.splice(place, armed);
   return 0;
 }
 
@@ -486,11 +445,16 @@ std::list<KXcomponent::timer_entry_t>::iterator KXcomponent::find_timer(void* co
   });
 }
 
+void KXcomponent::erase_timer(std::list<timer_entry_t>::iterator timer) {
+  const std::lock_guard<std::mutex> shared(m_shared->mutex);
+  m_timers.erase(timer);
+}
+
 int KXcomponent::del_timer(void* context, handler_t handler, int cookie) {
   KX_LOG_DEBUG2("del timer : cookie[%d]", cookie);
   const mutex_lock lock(m_mutex);
   const auto timer = find_timer(context, handler, cookie);
-  if (timer != m_timers.end()) m_timers.erase(timer);
+  if (timer != m_timers.end()) erase_timer(timer);
   return 0;
 }
 
@@ -508,11 +472,13 @@ int KXcomponent::add_socket_descriptor(int fd, void* context, handler_t handler)
   int index = 0;
   {
     const mutex_lock lock(m_mutex);
+    const std::lock_guard<std::mutex> shared(m_shared->mutex);
     if (m_nfds == max_descriptors) return -1;
     index = m_nfds;
     m_fda[index] = {fd, POLLIN | POLLERR | POLLHUP, 0};
     m_fd_handlers[index] = {handler, context};
     ++m_nfds;
+    ++m_shared->table_changes;
   }
   KX_LOG_DEBUG1("add generic descriptor (m_fda[%d]=%d)\n", index, fd);
   return index;
@@ -521,6 +487,7 @@ int KXcomponent::add_socket_descriptor(int fd, void* context, handler_t handler)
 void KXcomponent::remove_socket_descriptor(int fd) {
   KX_LOG_DEBUG1("remove generic descriptor [%d]\n", fd);
   const mutex_lock lock(m_mutex);
+  const std::lock_guard<std::mutex> shared(m_shared->mutex);
   const auto used = m_fda + m_nfds;
   const auto entry = std::find_if(m_fda, used, [fd](const struct pollfd& each) { return each.fd == fd; });
   if (entry == used) return;
@@ -528,12 +495,13 @@ void KXcomponent::remove_socket_descriptor(int fd) {
   std::copy(entry + 1, used, entry);
   std::copy(m_fd_handlers + index + 1, m_fd_handlers + m_nfds, m_fd_handlers + index);
   --m_nfds;
+  ++m_shared->table_changes;
 }
 
 int KXcomponent::add_close_cb(int (*cb)()) {
   {
     const mutex_lock lock(m_mutex);
-    m_close_cb = cb;
+    store(m_close_cb, cb);
   }
   KX_LOG_INFO("add close callback\n");
   return 0;
@@ -543,46 +511,57 @@ int KXcomponent::add_close_cb(int (*cb)()) {
 
 void KXcomponent::add_interface(KXinterface* iface) { m_interfaces.push_back(iface); }
 
-void KXcomponent::wait(bool run) {
-  const struct loop_end {  // also by an exception: signals must not be taken for a loop that is gone
-    ~loop_end() {
-      runs = false;
-      thread = pthread_t{};
-    }
-    std::atomic<bool>& runs;
-    std::atomic<pthread_t>& thread;
-  } end{m_running, m_loop_thread};
-  m_loop_thread = pthread_self();
-  m_running = run;
-  while (m_running) {
-    log_signals();
-    dispatch_waiting_queue();
-    const bool stopped = m_data_fd < 0;  // by a handler; its descriptors may be somebody else's by now
-    const int ready = poll_descriptors(stopped);
-    log_signals();
-    if (ready == 0 && !stopped) fire_earliest_timer();
-    if (ready > 0) serve_descriptors(ready);
-    if (stopped) m_running = false;
+// As long as the loop runs, signal handlers leave notes to it. In whatever way it ends, it writes their
+// lines.
+class KXcomponent::loop_scope {
+ public:
+  explicit loop_scope(KXcomponent& component) : m_component(component) {
+    m_component.m_shared->loop_thread = pthread_self();
   }
-  log_signals();
+  ~loop_scope() {
+    m_component.m_shared->loop_thread = pthread_t{};
+    m_component.write_signal_lines();
+  }
+  loop_scope(const loop_scope&) = delete;
+  loop_scope& operator=(const loop_scope&) = delete;
+
+ private:
+  KXcomponent& m_component;
+};
+
+void KXcomponent::wait(bool run) {
+  const loop_scope scope(*this);
+  store(m_running, run);
+  while (load(m_running)) {
+    dispatch_waiting_queue();
+    const bool stopped = load(m_data_fd) < 0;  // by a handler; its descriptors may be somebody else's by now
+    const int ready = poll_descriptors(stopped ? 0 : poll_timeout());
+    write_signal_lines();
+    if (ready == 0 && !stopped) fire_earliest_timer();
+    if (ready > 0) serve_descriptors();
+    if (stopped) store(m_running, false);
+  }
+  write_signal_lines();
   KX_LOG_INFO("Exit polling loop\n");
   stop();
 }
 
 void KXcomponent::set_aside(const KXmessage& message) {
-  const mutex_lock lock(m_mutex);
+  const std::lock_guard<std::mutex> shared(m_shared->mutex);
   m_waiting_queue.push_back(message);
 }
 
+bool KXcomponent::has_waiting_messages() const {
+  const std::lock_guard<std::mutex> shared(m_shared->mutex);
+  return !m_waiting_queue.empty();
+}
+
 void KXcomponent::dispatch_waiting_queue() {
-  for (;;) {
+  m_shared->woken = false;
+  while (has_waiting_messages()) {
     KXmessage message;
     {
-      const mutex_lock lock(m_mutex);
-      if (m_waiting_queue.empty()) {
-        m_data_taken = false;
-        return;
-      }
+      const std::lock_guard<std::mutex> shared(m_shared->mutex);
       message = m_waiting_queue.front();
     }
     const msg_header_t& header = *message.m_header;
@@ -595,7 +574,7 @@ void KXcomponent::dispatch_waiting_queue() {
                        ntohl(header.msg_id));
     }
     deliver(message);
-    const mutex_lock lock(m_mutex);
+    const std::lock_guard<std::mutex> shared(m_shared->mutex);
     m_waiting_queue.pop_front();
   }
 }
@@ -613,60 +592,66 @@ void KXcomponent::deliver(KXmessage& message) {
   }
 }
 
-// Polls until the earliest timer is due, or once. Polls a copy, since other threads may change the table
-// meanwhile. The entries that are asked for are marked in their revents, which moves with them; one that is
-// added has none.
-int KXcomponent::poll_descriptors(bool once) {
-  struct pollfd asked[max_descriptors];
-  int count = 0;
+// The milliseconds until the earliest timer is due; -1 without one. No synchronous wait is under way while
+// the mutex is held: what one has left in the waiting queue comes before what the data socket holds.
+int KXcomponent::poll_timeout() {
   unsigned int deadline = 0;
   {
     const mutex_lock lock(m_mutex);
+    m_data_taken = has_waiting_messages();
     if (!m_timers.empty()) deadline = m_timers.front().ato;
-    for (; count < m_nfds; ++count) {
-      asked[count] = {m_fda[count].fd, m_fda[count].events, 0};
-      m_fda[count].revents = asked_for;
-    }
   }
-  const int timeout = once ? 0 : deadline == 0 ? -1 : remaining_time(get_currentTime(), deadline);
+  return deadline == 0 ? -1 : remaining_time(get_currentTime(), deadline);
+}
+
+// What poll returns; -1 also when another thread has changed the poll set meanwhile, whose events then stand
+// with the wrong entries: the next poll reports them again.
+int KXcomponent::poll_descriptors(int timeout) {
+  int count = 0;
+  unsigned int changes = 0;
+  {
+    const std::lock_guard<std::mutex> shared(m_shared->mutex);
+    count = m_nfds;
+    changes = m_shared->table_changes;
+  }
+  m_unserved_kills = 0;  // poll returns at once if one is unread
   int ready;
   do {
-    ready = poll(asked, static_cast<nfds_t>(count), timeout);
+    const race_with_poll tolerated;
+    ready = poll(m_fda, static_cast<nfds_t>(count), timeout);
   } while (ready == -1 && errno == EINTR);
 
-  const mutex_lock lock(m_mutex);
-  const struct pollfd* answer = asked;
-  for (int i = 0; i < m_nfds; ++i) {
-    if (m_fda[i].revents != asked_for) continue;
-    while (answer->fd != m_fda[i].fd)
-      ++answer;
-    m_fda[i].revents = ready > 0 ? answer->revents : short{0};
-    ++answer;
-  }
-  return ready;
+  const std::lock_guard<std::mutex> shared(m_shared->mutex);
+  return ready > 0 && m_shared->table_changes != changes ? -1 : ready;
+}
+
+bool KXcomponent::has_timers() const {
+  const std::lock_guard<std::mutex> shared(m_shared->mutex);
+  return !m_timers.empty();
 }
 
 void KXcomponent::fire_earliest_timer() {
-  const mutex_lock lock(m_mutex);
-  if (m_timers.empty()) {
-    KX_LOG_WARNING_IN("wait", "got a time out while there is no timer\n");
-    return;
+  if (has_timers()) {
+    const mutex_lock lock(m_mutex);
+    if (!m_timers.empty()) return fire(m_timers.front());
   }
-  const timer_entry_t fired = m_timers.front();
-  const int result = fired.handler(fired.context, fired.cookie);
-  retire_fired_timer(fired);
-  if (result != -1) add_msec_timer(fired.to, fired.context, fired.handler, fired.cookie);
+  KX_LOG_WARNING_IN("wait", "got a time out while there is no timer\n");
 }
 
-// Removes the timer whose handler has just run. It is still the head unless the handler removed it: a new
-// timer is never placed before one that is due.
-void KXcomponent::retire_fired_timer(const timer_entry_t& fired) {
+void KXcomponent::fire(const timer_entry_t timer) {
+  const int result = timer.handler(timer.context, timer.cookie);
+  retire(timer);
+  if (result != -1) add_msec_timer(timer.to, timer.context, timer.handler, timer.cookie);
+}
+
+// Removes the timer whose handler has just run. It is still the head unless the handler removed it, or,
+// called before the timer was due, armed one that is due earlier.
+void KXcomponent::retire(const timer_entry_t& fired) {
   if (m_timers.empty()) {
     KX_LOG_ERROR_IN("wait", "Callback function removed itself from list of timers (list of timers is empty)");
   } else if (const timer_entry_t& head = m_timers.front();
              head.handler == fired.handler && head.context == fired.context && head.cookie == fired.cookie) {
-    m_timers.pop_front();
-    return;
+    return erase_timer(m_timers.begin());
   } else {
     KX_LOG_ERROR_IN("wait", "Callback function removed itself from list of timers");
   }
@@ -674,15 +659,15 @@ void KXcomponent::retire_fired_timer(const timer_entry_t& fired) {
                        "void KXcomponent::wait(bool)");
 }
 
-void KXcomponent::serve_descriptors(int ready) {
+void KXcomponent::serve_descriptors() {
   struct pollfd entry = {};
   fd_handler_t handler = {};
-  for (int i = 0; ready > 0 && ready_descriptor_from(i, entry, handler); ++i, --ready) {
+  for (int i = 0; descriptor_at(i, entry, handler); ++i) {
     const int fd = entry.fd;
     const short events = entry.revents;
     if ((events & POLLNVAL) != 0) {
       KX_LOG_ERROR_IN("wait", "POLLNVAL [m_fda[i=%d].fd=%d] - %s", i, fd, strerror(errno));
-      m_running = false;
+      store(m_running, false);
       return;
     }
     if ((events & POLLERR) != 0) {
@@ -695,33 +680,39 @@ void KXcomponent::serve_descriptors(int ready) {
   }
 }
 
-// Moves `index` on to the first entry with events from there on, and copies that; whether there is one.
-bool KXcomponent::ready_descriptor_from(int& index, struct pollfd& entry, fd_handler_t& handler) {
-  const mutex_lock lock(m_mutex);
-  while (index < m_nfds && m_fda[index].revents == 0)
-    ++index;
+// Copies an entry of the poll set; false behind the last.
+bool KXcomponent::descriptor_at(int index, struct pollfd& entry, fd_handler_t& handler) const {
+  const std::lock_guard<std::mutex> shared(m_shared->mutex);
   if (index >= m_nfds) return false;
   entry = m_fda[index];
   handler = m_fd_handlers[index];
   return true;
 }
 
+// --- synchronous waits beside the loop ---
+
+bool KXcomponent::loop_runs() const { return m_shared->loop_thread != pthread_t{}; }
+
 // Also in the last turn of a loop that has been told to end: it still serves its descriptors.
 bool KXcomponent::loop_runs_elsewhere() const {
-  const pthread_t loop = m_loop_thread;
+  const pthread_t loop = m_shared->loop_thread;
   return loop != pthread_t{} && pthread_equal(loop, pthread_self()) == 0;
 }
 
-void KXcomponent::begin_synchronous_wait() {
-  if (loop_runs_elsewhere()) m_data_taken = true;
+// A management message without a command makes poll return.
+void KXcomponent::wake_loop() {
+  if (m_shared->woken.exchange(true)) return;
+  KXmessage message = make_management(MSG_SIG, CMD_NONE, own_message_id);
+  if (send_message_to(m_mgmt_fd, m_mgmt_socket_name.c_str(), message) <= 0) m_shared->woken = false;
 }
 
-// What was set aside may have been all that would have woken the loop: a management message without a command
-// does.
-void KXcomponent::end_synchronous_wait() {
-  if (!loop_runs_elsewhere() || m_waiting_queue.empty() || m_unread_own > 0) return;
-  KXmessage message = make_management_message(CMD_NONE, own_message_id);
-  send_to_self(message);
+synchronous_wait::synchronous_wait(KXcomponent& component) : m_component(component) {
+  if (m_component.loop_runs_elsewhere()) m_component.m_data_taken = true;
+}
+
+// What was set aside may have been all that would have woken the loop.
+synchronous_wait::~synchronous_wait() {
+  if (m_component.loop_runs_elsewhere() && m_component.has_waiting_messages()) m_component.wake_loop();
 }
 
 // --- start, stop and signals ---
@@ -739,61 +730,66 @@ void KXcomponent::start(cmp_start_e mode) {
   wait(mode == CMP_START_AND_LOOP);
 }
 
+// Marks a stop that is under way, for a call from inside of it.
+class KXcomponent::stop_scope {
+ public:
+  explicit stop_scope(bool& stopping) : m_stopping(stopping) { m_stopping = true; }
+  ~stop_scope() { m_stopping = false; }
+  stop_scope(const stop_scope&) = delete;
+  stop_scope& operator=(const stop_scope&) = delete;
+
+ private:
+  bool& m_stopping;
+};
+
 void KXcomponent::stop() {
-  if (m_data_fd < 0) {
+  if (load(m_data_fd) < 0 || m_shared->stopping) {
     KX_LOG_DEBUG1("nothing to do");
     return;
   }
+  const stop_scope scope(m_shared->stopping);
   KX_LOG_DEBUG1("unregister/unsubscribe services\n");
-  if (int (*const callback)() = take_close_cb(); callback != nullptr) {
-    callback();
-    if (m_data_fd < 0) return;  // it called stop
-  }
+  if (int (*const callback)() = load(m_close_cb); callback != nullptr) callback();
   m_connections.unique();
   for (KXconnection* connection : m_connections)
     connection->disconnect(false);
   KX_LOG_DEBUG1("unregister component\n");
   unregister_component();
-  {
-    const mutex_lock lock(m_mutex);
-    release_socket(m_data_fd, m_data_socket_name);
-    release_socket(m_mgmt_fd, m_mgmt_socket_name);
-  }
+  release_socket(m_data_fd, m_data_socket_name);
+  release_socket(m_mgmt_fd, m_mgmt_socket_name);
   KX_LOG_DEBUG1("stop finished");
 }
 
-int (*KXcomponent::take_close_cb())() {
-  const mutex_lock lock(m_mutex);
-  return std::exchange(m_close_cb, nullptr);
-}
-
 int KXcomponent::sendKillMsgToSelf() {
-  KXmessage message = make_management_message(CMD_KILL_COMPONENT, own_message_id);
-  return send_to_self(message);
-}
-
-// Counted before it is sent: the loop may have read it before the send returns.
-int KXcomponent::send_to_self(KXmessage& message) {
-  ++m_unread_own;
+  KXmessage message = make_management(MSG_SIG, CMD_KILL_COMPONENT, own_message_id);
   const int sent = send_message_to(m_mgmt_fd, m_mgmt_socket_name.c_str(), message);
-  if (sent <= 0) --m_unread_own;
+  if (sent > 0) ++m_unserved_kills;
   return sent;
 }
 
-// Signals that come faster than the loop reads would fill the socket, and each would then wait for room that
-// only the thread it interrupts can make.
-void KXcomponent::tell_loop_to_end() {
-  if (m_unread_own < max_unread_own) sendKillMsgToSelf();
+// Runs in the signal handler. The line is left to the loop, if one runs and takes notes. That may have ended
+// before it saw this one.
+void KXcomponent::note_signal(int sig, pid_t sender) {
+  signal_note note;
+  take_note(note, sig, sender);
+  if (!loop_runs() || !m_shared->notes.add(note)) return write_signal_line(note, m_name);
+  if (!loop_runs()) write_signal_lines();
+}
+
+void KXcomponent::write_signal_lines() {
+  for (signal_note note; m_shared->notes.take(note);)
+    write_signal_line(note, m_name);
 }
 
 void sig_handler(int sig, siginfo_t* info, void* /*ctx*/) {
   const int interrupted_errno = errno;
   KXcomponent* const component = KXcomponent::static_kxc;
-  if (component == nullptr || !component->m_running) {
+  if (component == nullptr || !load(component->m_running)) {
     KX_LOG_ERROR("Signal %s (%d) not handled: component already stopped", strsignal(sig), sig);
   } else {
-    if (kxlog::enabled(kxlog::LEVEL_INFO)) take_signal_note(sig, info->si_pid, component->m_name);
-    component->tell_loop_to_end();
+    if (kxlog::enabled(kxlog::LEVEL_INFO)) component->note_signal(sig, info->si_pid);
+    // As many unread ones leave no room for another, for which each signal would wait.
+    if (component->m_unserved_kills < signal_notes::capacity) component->sendKillMsgToSelf();
   }
   errno = interrupted_errno;
 }

@@ -2,22 +2,19 @@
 
 #include <arpa/inet.h>
 
-#include <algorithm>
 #include <atomic>
-#include <iterator>
+
+#include "management.h"
 
 const char* const KXconnection::interface_type2str[3] = {"SYNC", "ASYNC", "SGNL"};
 
 namespace {
 
-// Ids with a meaning of their own: none, registration, unregistration, kill.
-constexpr unsigned int reserved_ids[] = {0, 0x11111111, 0x22222222, 0x33333333};
-
 unsigned int next_request_id() {
   static std::atomic<unsigned int> last{0};
   for (;;) {
     const unsigned int id = ++last;
-    if (std::find(std::begin(reserved_ids), std::end(reserved_ids), id) == std::end(reserved_ids)) return id;
+    if (!is_reserved_id(id)) return id;
   }
 }
 

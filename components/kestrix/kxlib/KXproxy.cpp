@@ -7,11 +7,12 @@
 #include <cstring>
 
 #include "mutex_lock.h"
+#include "synchronous_wait.h"
 
 namespace {
 
 // Without a clock the sixth message that is not the response ends the wait.
-constexpr int set_aside_limit_without_clock = 5;
+constexpr int limit_without_clock = 5;
 
 // The whole seconds of the monotonic clock; false, with an ERROR line, when it cannot be read.
 bool read_seconds(long long& seconds) {
@@ -72,10 +73,8 @@ int KXproxy::proxy_send(KXmessage& message) {
   address(message);
   const unsigned int awaited = ntohl(message.m_header->msg_id);
   if (!connection_send(message)) return 0;
-  m_component->begin_synchronous_wait();
-  const bool answered = await_response(message, awaited);
-  m_component->end_synchronous_wait();
-  return answered ? 1 : 0;
+  const synchronous_wait wait(*m_component);
+  return await_response(message, awaited) ? 1 : 0;
 }
 
 // Fills the header of a message to the service: its siid, the next id of the granted range, the type.
@@ -92,7 +91,7 @@ void KXproxy::address(KXmessage& message) {
 bool KXproxy::await_response(KXmessage& message, unsigned int awaited) {
   long long started = 0;
   const bool clock_works = read_seconds(started);
-  for (int others = 0;;) {
+  for (int others = 0;; ++others) {
     const int received = receive_datagram(message);
     if (received <= 0) return false;
     const bool whole = KXcomponent::holds_header(received, "proxy_send");
@@ -107,7 +106,7 @@ bool KXproxy::await_response(KXmessage& message, unsigned int awaited) {
           m_service_name.c_str(), m_timeout);
       return false;
     }
-    if (!timed && others >= set_aside_limit_without_clock) {
+    if (!timed && others >= limit_without_clock) {
       KX_LOG_ERROR_IN("proxy_send", "[%s] Received several msgs with wrong id ... bailing out",
                       m_service_name.c_str());
       return false;
@@ -116,7 +115,6 @@ bool KXproxy::await_response(KXmessage& message, unsigned int awaited) {
     m_component->set_aside(message);
     KX_LOG_DEBUG1_IN("proxy_send", "[%s] received message added to waiting queue: id=%d",
                      m_service_name.c_str(), ntohl(message.m_header->msg_id));
-    ++others;
   }
 }
 
