@@ -23,9 +23,9 @@
 #include "KXclientComponent.h"
 #include "KXproxy.h"
 #include "KXstub.h"
+#include "board.h"
 #include "child_process.h"
 #include "private_bus.h"
-#include "soak_board.h"
 
 namespace {
 

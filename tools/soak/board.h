@@ -1,6 +1,6 @@
 // What the processes of a soak share: their progress, and the latency of every request.
-#ifndef SOAK_BOARD_H
-#define SOAK_BOARD_H
+#ifndef BOARD_H
+#define BOARD_H
 
 #include <atomic>
 #include <cstdint>

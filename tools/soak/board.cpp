@@ -1,4 +1,4 @@
-#include "soak_board.h"
+#include "board.h"
 
 namespace {
 
