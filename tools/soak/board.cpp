@@ -1,5 +1,13 @@
 #include "board.h"
 
+#include <sys/mman.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <new>
+
+soak_board* board = nullptr;
+
 namespace {
 
 // The leading five bits and how far they are shifted.
@@ -32,4 +40,28 @@ std::uint64_t latency_histogram::quantile(double part) const {
     if (below > wanted) return least_of(i);
   }
   return m_longest;
+}
+
+bool set_up_board() {
+  void* const shared =
+      mmap(nullptr, sizeof(soak_board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (shared == MAP_FAILED) return false;
+  board = new (shared) soak_board;
+  return true;
+}
+
+std::uint64_t now_ns() {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
+}
+
+void await(const std::atomic<int>& count, int wanted) {
+  while (count < wanted)
+    usleep(turn_us);
+}
+
+void await_begin() {
+  while (!board->begun)
+    usleep(turn_us);
 }

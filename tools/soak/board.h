@@ -2,6 +2,8 @@
 #ifndef BOARD_H
 #define BOARD_H
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <cstdint>
 
@@ -23,8 +25,6 @@ class latency_histogram {
 };
 
 struct soak_board {
-  static constexpr int max_components = 1000;
-
   std::atomic<int> servers_ready{0};
   std::atomic<int> stopped_ready{0};
   std::atomic<int> queues_full{0};
@@ -36,5 +36,21 @@ struct soak_board {
   std::atomic<long> counts{0};   // signals of the counting server
   latency_histogram latency;
 };
+
+// Null until it is set up; every process that is started afterwards has the same one.
+extern soak_board* board;
+
+// Whether the system gives the memory.
+bool set_up_board();
+
+// The clock of the latency.
+std::uint64_t now_ns();
+
+// For so long whoever waits for something sleeps before looking again.
+constexpr useconds_t turn_us = 50'000;
+
+// Wait until a count on the board has reached a number, and until the requests begin.
+void await(const std::atomic<int>& count, int wanted);
+void await_begin();
 
 #endif

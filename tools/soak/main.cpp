@@ -2,19 +2,15 @@
 // flood, while the others exchange requests of which each must get its own response, and soon.
 #include <arpa/inet.h>
 #include <getopt.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
-#include <new>
 #include <random>
 #include <string>
 #include <thread>
@@ -25,6 +21,8 @@
 #include "KXstub.h"
 #include "board.h"
 #include "child_process.h"
+#include "exchange.h"
+#include "parts.h"
 #include "private_bus.h"
 
 namespace {
@@ -43,14 +41,12 @@ constexpr char usage[] =
 constexpr char counting_service[] = "count";
 constexpr char queue_setting[] = "/proc/sys/net/unix/max_dgram_qlen";
 constexpr int skipped = 77;
+constexpr int max_components = 1000;
 
 constexpr double longest_wait_in_medians = 100;
 constexpr long memory_growth_kib = 1024;
 constexpr int callers_per_server = 3;
 constexpr int counting_server = 1;
-constexpr int flooded_server = 0;  // the components that are killed call it; its responses are not timed
-constexpr int largest_text = 2048 - 14 - 9 - 4;  // beside header, number and the string's own bytes
-constexpr useconds_t turn_us = 50'000;
 
 struct settings {
   long requests = 1'000'000;
@@ -63,47 +59,10 @@ struct settings {
   unsigned int seed = std::random_device()();
 };
 
-using random_source = std::linear_congruential_engine<std::uint32_t, 48271, 0, 2147483647>;
-
-soak_board* board = nullptr;
-
-std::string numbered(const char* role, int number) { return role + std::to_string(number); }
-
-std::uint64_t now_ns() {
-  timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
-}
-
 // Each part of a soak is a process of its own, which ends with this one, stopped or not.
 std::unique_ptr<child_process> start(const std::function<void()>& part) {
   return std::make_unique<child_process>(part, SIGKILL);
 }
-
-// Interrupts whatever this process waits in, a thousand times in a second.
-class signal_storm {
- public:
-  signal_storm() {
-    struct sigaction action = {};  // without SA_RESTART: calls come back
-    action.sa_handler = [](int) {};
-    sigaction(SIGUSR1, &action, nullptr);
-    sigevent event = {};
-    event.sigev_notify = SIGEV_SIGNAL;
-    event.sigev_signo = SIGUSR1;
-    const itimerspec often = {{0, 1'000'000}, {0, 1'000'000}};
-    timer_create(CLOCK_MONOTONIC, &event, &m_timer);
-    timer_settime(m_timer, 0, &often, nullptr);
-  }
-  ~signal_storm() { timer_delete(m_timer); }
-  signal_storm(const signal_storm&) = delete;
-  signal_storm& operator=(const signal_storm&) = delete;
-
- private:
-  timer_t m_timer = {};
-};
-
-// What a server makes of a request's number, different for each.
-std::uint64_t answer_to(std::uint64_t number) { return number * 0x9E3779B97F4A7C15 + 1; }
 
 // Tells with a signal how many requests a server has had.
 class request_count : public KXstub {
@@ -122,29 +81,18 @@ class request_count : public KXstub {
   unsigned long long m_requests = 0;
 };
 
-class echo : public KXstub {
+class counting_echo : public echo {
  public:
-  explicit echo(KXcomponent* component, request_count* count = nullptr) : KXstub(component), m_count(count) {}
-  using KXstub::process_message;
+  counting_echo(KXcomponent* component, request_count& count) : echo(component), m_count(count) {}
+  using echo::process_message;
 
   void process_message(KXmessage& request) override {
-    unsigned long long number = 0;
-    request >> number;
-    request >> m_text;
-    KXmessage response;
-    response.m_header->dst_siid = request.m_header->src_siid;
-    response.m_header->msg_type = MSG_RSP;
-    response.m_header->cmd = request.m_header->cmd;
-    response.m_header->msg_id = request.m_header->msg_id;
-    response << static_cast<unsigned long long>(answer_to(number));
-    response << m_text;
-    if (request.m_header->msg_type == MSG_REQ) connection_send(response);
-    if (m_count != nullptr) m_count->announce();
+    echo::process_message(request);
+    m_count.announce();
   }
 
  private:
-  request_count* const m_count;
-  std::string m_text;
+  request_count& m_count;
 };
 
 void serve(const std::string& name, std::atomic<int>& ready) {
@@ -162,44 +110,10 @@ void serve_and_count(const std::string& name, std::atomic<int>& ready) {
   component.register_component();
   request_count count(&component);
   count.register_signal(counting_service);
-  echo service(&component, &count);
+  counting_echo service(&component, count);
   service.register_synchronous(name.c_str());
   ++ready;
   component.wait(true);
-}
-
-// The services appear one after the other.
-void subscribe(KXproxy& proxy, const std::string& service, KXconnection::interface_type_e type) {
-  for (;;) {
-    try {
-      proxy.subscribe_service(service.c_str(), type, nullptr);
-      return;
-    } catch (const KXerror::error_e&) {
-      usleep(turn_us);
-    }
-  }
-}
-
-void fail_request(const std::string& name, unsigned long long number, const char* what) {
-  std::fprintf(stderr, "%s: the response to request %llu %s\n", name.c_str(), number, what);
-  ++board->failed;
-}
-
-constexpr char not_its_own[] = "is not its own";
-
-// One request whose text has this length; what is wrong with its response, or null.
-const char* call(KXproxy& proxy, unsigned long long number, std::size_t length) {
-  const std::string text(length, static_cast<char>('a' + number % 26));
-  KXmessage message;
-  message << number;
-  message << text;
-  if (proxy.proxy_send(message) == 0) return "is missing";
-  if (message.m_header->msg_type != MSG_RSP) return "is an error";
-  unsigned long long answer = 0;
-  std::string returned;
-  message >> answer;
-  message >> returned;
-  return answer == answer_to(number) && returned == text ? nullptr : not_its_own;
 }
 
 using proxy_list = std::vector<std::unique_ptr<KXproxy>>;
@@ -216,8 +130,7 @@ proxy_list subscribe_to_servers(KXcomponent& component, int servers) {
 // Takes requests until there are none left; whether they count in the latency.
 void call_servers(const proxy_list& servers, const std::string& name, long requests, unsigned int seed,
                   bool is_timed) {
-  while (!board->begun)
-    usleep(turn_us);
+  await_begin();
   random_source random(seed);
   for (long number; (number = board->taken++) < requests;) {
     const std::size_t length = random() % 16 == 0 ? largest_text : random() % 64;
@@ -375,8 +288,7 @@ void flood(const std::string& name, unsigned int seed) {
   subscribe(to_server, numbered("server", flooded_server), KXconnection::ASYNC);
   subscribe(to_stopped, "stopped0", KXconnection::ASYNC);
   random_source random(seed);
-  while (!board->begun)
-    usleep(turn_us);
+  await_begin();
   for (unsigned int turn = 0;; ++turn) {
     const bool in_order = turn % 4 < 2;
     const bool mgmt = turn % 4 == 3;
@@ -400,11 +312,6 @@ long memory_of(pid_t process) {
     if (word == "RssAnon:" && status >> kib) return kib;
   }
   return -1;
-}
-
-void await(const std::atomic<int>& count, int wanted) {
-  while (count < wanted)
-    usleep(turn_us);
 }
 
 class soak {
@@ -556,8 +463,7 @@ settings parse(int argc, char** argv) {
   }
   if (optind < argc) result.requests = std::atol(argv[optind]);
   const int workers = result.components - result.stopped - result.killed - result.flooding;
-  if (result.requests <= 0 || result.components > soak_board::max_components || result.stopped < 1 ||
-      workers < 4) {
+  if (result.requests <= 0 || result.components > max_components || result.stopped < 1 || workers < 4) {
     std::fputs(usage, stderr);
     std::exit(2);
   }
@@ -575,10 +481,7 @@ int main(int argc, char** argv) {
   std::printf("seed          %u\n", with.seed);
   std::fflush(stdout);
   enter_private_bus();
-  void* const shared =
-      mmap(nullptr, sizeof(soak_board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  if (shared == MAP_FAILED) return EXIT_FAILURE;
-  board = new (shared) soak_board;
+  if (!set_up_board()) return EXIT_FAILURE;
   // Its warnings, of which there are many here, would hide the progress.
   child_process core({"env", "KXTRACE_LEVEL=3", sibling_program("kxcore")});
   if (!wait_until_bound(core, "/tmp/kxcore/kxcore-d")) return EXIT_FAILURE;
