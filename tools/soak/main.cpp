@@ -13,17 +13,17 @@
 #include <memory>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "KXclientComponent.h"
 #include "KXproxy.h"
-#include "KXstub.h"
 #include "board.h"
+#include "callers.h"
 #include "child_process.h"
 #include "exchange.h"
 #include "parts.h"
 #include "private_bus.h"
+#include "servers.h"
 
 namespace {
 
@@ -38,7 +38,6 @@ constexpr char usage[] =
     "neither\n"
     "of these, for builds with sanitizers).\n";
 
-constexpr char counting_service[] = "count";
 constexpr char queue_setting[] = "/proc/sys/net/unix/max_dgram_qlen";
 constexpr int skipped = 77;
 constexpr int max_components = 1000;
@@ -62,158 +61,6 @@ struct settings {
 // Each part of a soak is a process of its own, which ends with this one, stopped or not.
 std::unique_ptr<child_process> start(const std::function<void()>& part) {
   return std::make_unique<child_process>(part, SIGKILL);
-}
-
-// Tells with a signal how many requests a server has had.
-class request_count : public KXstub {
- public:
-  using KXstub::KXstub;
-
-  void announce() {
-    KXmessage signal;
-    signal.m_header->dst_siid = htonl(m_siid);
-    signal.m_header->msg_type = MSG_SIG;
-    signal << ++m_requests;
-    connection_send(signal);
-  }
-
- private:
-  unsigned long long m_requests = 0;
-};
-
-class counting_echo : public echo {
- public:
-  counting_echo(KXcomponent* component, request_count& count) : echo(component), m_count(count) {}
-  using echo::process_message;
-
-  void process_message(KXmessage& request) override {
-    echo::process_message(request);
-    m_count.announce();
-  }
-
- private:
-  request_count& m_count;
-};
-
-void serve(const std::string& name, std::atomic<int>& ready) {
-  KXclientComponent component(name.c_str(), nullptr);
-  component.register_component();
-  echo service(&component);
-  service.register_synchronous(name.c_str());
-  ++ready;
-  component.wait(true);
-}
-
-void serve_and_count(const std::string& name, std::atomic<int>& ready) {
-  const signal_storm storm;
-  KXclientComponent component(name.c_str(), nullptr);
-  component.register_component();
-  request_count count(&component);
-  count.register_signal(counting_service);
-  counting_echo service(&component, count);
-  service.register_synchronous(name.c_str());
-  ++ready;
-  component.wait(true);
-}
-
-using proxy_list = std::vector<std::unique_ptr<KXproxy>>;
-
-proxy_list subscribe_to_servers(KXcomponent& component, int servers) {
-  proxy_list subscribed;
-  for (int i = flooded_server + 1; i < servers; ++i) {
-    subscribed.push_back(std::make_unique<KXproxy>(&component));
-    subscribe(*subscribed.back(), numbered("server", i), KXconnection::SYNC);
-  }
-  return subscribed;
-}
-
-// Takes requests until there are none left; whether they count in the latency.
-void call_servers(const proxy_list& servers, const std::string& name, long requests, unsigned int seed,
-                  bool is_timed) {
-  await_begin();
-  random_source random(seed);
-  for (long number; (number = board->taken++) < requests;) {
-    const std::size_t length = random() % 16 == 0 ? largest_text : random() % 64;
-    const std::uint64_t started = now_ns();
-    const auto id = static_cast<unsigned long long>(number);
-    if (const char* const wrong = call(*servers[random() % servers.size()], id, length)) {
-      fail_request(name, id, wrong);
-    } else {
-      if (is_timed) board->latency.add(now_ns() - started);
-      ++board->answered;
-    }
-  }
-}
-
-void live_as_caller(const std::string& name, int servers, long requests, unsigned int seed) {
-  KXclientComponent component(name.c_str(), nullptr);
-  component.register_component();
-  const proxy_list subscribed = subscribe_to_servers(component, servers);
-  call_servers(subscribed, name, requests, seed, true);
-  component.stop();
-}
-
-// Receives the counts of a server: in order, and none twice.
-class count_watch : public KXproxy {
- public:
-  using KXproxy::KXproxy;
-  using KXproxy::process_message;
-
-  void process_message(KXmessage& signal) override {
-    unsigned long long count = 0;
-    signal >> count;
-    if (count <= m_last) fail_request("the watching caller", count, "was counted twice, or out of order");
-    m_last = count;
-    ++board->counts;
-  }
-
- private:
-  unsigned long long m_last = 0;
-};
-
-// Calls from a thread beside its loop, which takes signals, all in a storm of interruptions. Its own latency
-// is what the storm and the loop make of it.
-void live_as_watching_caller(const std::string& name, int servers, long requests, unsigned int seed) {
-  const signal_storm storm;
-  KXclientComponent component(name.c_str(), nullptr);
-  component.register_component();
-  count_watch watch(&component);
-  subscribe(watch, counting_service, KXconnection::SGNL);
-  const proxy_list subscribed = subscribe_to_servers(component, servers);
-  std::thread calling([&] {
-    call_servers(subscribed, name, requests, seed, false);
-    component.sendKillMsgToSelf();
-  });
-  component.wait(true);
-  calling.join();
-}
-
-// Serves, and calls the server that is flooded, which may have no room for it, until it is killed.
-class mortal : public KXproxy {
- public:
-  mortal(KXcomponent* component, std::string name) : KXproxy(component), m_name(std::move(name)) {
-    subscribe(*this, numbered("server", flooded_server), SYNC);
-    component->add_msec_timer(1, this, static_call, 0);
-  }
-
- private:
-  static int static_call(void* self, int) {
-    auto& user = *static_cast<mortal*>(self);
-    if (call(user, ++user.m_calls, 10) == not_its_own) fail_request(user.m_name, user.m_calls, not_its_own);
-    return 0;
-  }
-
-  const std::string m_name;
-  unsigned long long m_calls = 0;
-};
-
-void live_dangerously(const std::string& name) {
-  KXclientComponent component(name.c_str(), nullptr);
-  component.register_component();
-  echo service(&component);
-  service.register_synchronous(name.c_str());
-  mortal user(&component, name);
-  component.wait(true);
 }
 
 // Requests to a component that does not read, until the core refuses them; then one now and then.
