@@ -1,8 +1,6 @@
 // kxcore under fire: components that are stopped with full queues, that are killed and come back, and that
 // flood, while the others exchange requests of which each must get its own response, and soon.
-#include <arpa/inet.h>
 #include <getopt.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,12 +13,10 @@
 #include <string>
 #include <vector>
 
-#include "KXclientComponent.h"
-#include "KXproxy.h"
 #include "board.h"
 #include "callers.h"
 #include "child_process.h"
-#include "exchange.h"
+#include "floods.h"
 #include "parts.h"
 #include "private_bus.h"
 #include "servers.h"
@@ -61,94 +57,6 @@ struct settings {
 // Each part of a soak is a process of its own, which ends with this one, stopped or not.
 std::unique_ptr<child_process> start(const std::function<void()>& part) {
   return std::make_unique<child_process>(part, SIGKILL);
-}
-
-// Requests to a component that does not read, until the core refuses them; then one now and then.
-class filling_proxy : public KXproxy {
- public:
-  using KXproxy::KXproxy;
-  using KXproxy::process_message;
-
-  void fill() {
-    if (m_refused && ++m_pause % 64 != 0) return;
-    KXmessage message;
-    message << 0ull;
-    message << std::string(largest_text, 'x');
-    proxy_send(message);
-  }
-
-  void process_message(KXmessage& answer) override {
-    if (answer.m_header->msg_type != MSG_ERR || m_refused) return;
-    m_refused = true;
-    ++board->queues_full;
-  }
-
- private:
-  bool m_refused = false;
-  int m_pause = 0;
-};
-
-void fill_queues(int stopped) {
-  KXclientComponent component("filler", nullptr);
-  component.register_component();
-  std::vector<std::unique_ptr<filling_proxy>> proxies;
-  for (int i = 0; i < stopped; ++i) {
-    proxies.push_back(std::make_unique<filling_proxy>(&component));
-    subscribe(*proxies.back(), numbered("stopped", i), KXconnection::ASYNC);
-    component.add_msec_timer(
-        1, proxies.back().get(),
-        [](void* proxy, int) {
-          static_cast<filling_proxy*>(proxy)->fill();
-          return 0;
-        },
-        i);
-  }
-  component.wait(true);
-}
-
-// Sends by itself what the library would not, and waits a thousandth of its time when there is no room.
-class flooding_component : public KXclientComponent {
- public:
-  using KXclientComponent::KXclientComponent;
-
-  void send(const void* bytes, std::size_t size, bool mgmt) {
-    peer_info_t to;
-    std::string path = mgmt ? m_kxcore_mgmt_socket_name : m_kxcore_data_socket_name;
-    to.path(path);
-    while (sendto(mgmt ? m_mgmt_fd : m_data_fd, bytes, size, MSG_DONTWAIT,
-                  reinterpret_cast<const sockaddr*>(&to.addr), to.addrlen) < 0)
-      usleep(1000);
-    ++board->flooded;
-  }
-};
-
-// In turn what is in order, what is for somebody who does not read, what comes from somebody else, and what
-// makes no sense; the last two cut off anywhere.
-void flood(const std::string& name, unsigned int seed) {
-  flooding_component component(name.c_str(), nullptr);
-  component.register_component();
-  class any_proxy : public KXproxy {
-   public:
-    using KXproxy::KXproxy;
-    using KXproxy::m_service_siid, KXproxy::m_siid;
-  } to_server(&component), to_stopped(&component);
-  subscribe(to_server, numbered("server", flooded_server), KXconnection::ASYNC);
-  subscribe(to_stopped, "stopped0", KXconnection::ASYNC);
-  random_source random(seed);
-  await_begin();
-  for (unsigned int turn = 0;; ++turn) {
-    const bool in_order = turn % 4 < 2;
-    const bool mgmt = turn % 4 == 3;
-    const any_proxy& proxy = turn % 4 == 0 ? to_server : to_stopped;
-    KXmessage message;
-    message.m_header->dst_siid = in_order ? htonl(proxy.m_service_siid) : htonl(random() % 500);
-    message.m_header->src_siid = in_order ? htonl(proxy.m_siid) : htonl(random() % 500);
-    message.m_header->msg_type = turn % 4 == 0 ? MSG_SIG : MSG_REQ;
-    message.m_header->cmd = static_cast<std::uint8_t>(random());
-    if (random() % 2 == 0) message << std::string(largest_text, 'x');
-    const auto size = static_cast<std::size_t>(message.datagram_size());
-    component.send(message.m_header, in_order ? size : random() % (size + 1), mgmt);
-  }
 }
 
 // The memory of its own that a process holds, in KiB.
