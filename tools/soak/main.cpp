@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -19,7 +18,9 @@
 #include "floods.h"
 #include "parts.h"
 #include "private_bus.h"
+#include "report.h"
 #include "servers.h"
+#include "settings.h"
 
 namespace {
 
@@ -38,21 +39,8 @@ constexpr char queue_setting[] = "/proc/sys/net/unix/max_dgram_qlen";
 constexpr int skipped = 77;
 constexpr int max_components = 1000;
 
-constexpr double longest_wait_in_medians = 100;
-constexpr long memory_growth_kib = 1024;
 constexpr int callers_per_server = 3;
 constexpr int counting_server = 1;
-
-struct settings {
-  long requests = 1'000'000;
-  int components = 100;
-  int stopped = 20;
-  int killed = 10;
-  int flooding = 5;
-  bool timed = true;
-  bool weighed = true;
-  unsigned int seed = std::random_device()();
-};
 
 // Each part of a soak is a process of its own, which ends with this one, stopped or not.
 std::unique_ptr<child_process> start(const std::function<void()>& part) {
@@ -109,23 +97,22 @@ class soak {
 
   // Whether everything held.
   bool run(child_process& core) {
-    const std::vector<pid_t> watched = {core.pid(), m_working.front()->pid(), m_working.back()->pid()};
-    std::vector<long> warm, late;
+    measurements found;
+    found.watched = {{"kxcore", core.pid(), {}, {}},
+                     {"server0", m_working.front()->pid(), {}, {}},
+                     {"the last caller", m_working.back()->pid(), {}, {}}};
     const std::uint64_t started = now_ns();
-    long kills = 0;
     board->begun = true;
     for (int turn = 1; board->answered + board->failed < m_settings.requests; ++turn) {
       usleep(turn_us);
-      if (core.has_ended() || !all_work()) return std::puts("FAILED: kxcore or a component has ended"), false;
+      if (core.has_ended() || !all_work()) return print_failure("kxcore or a component has ended"), false;
       replace_one();
-      ++kills;
-      const long done = board->answered + board->failed;
-      if (warm.empty() && done > m_settings.requests / 10) warm = memory_of_all(watched);
-      if (board->taken < m_settings.requests) late = memory_of_all(watched);  // callers end soon afterwards
-      if (turn % 100 == 0) print_progress(kills);
+      ++found.kills;
+      weigh(found.watched);
+      if (turn % 100 == 0) print_progress(m_settings.requests, found.kills);
     }
-    const double seconds = static_cast<double>(now_ns() - started) / 1e9;
-    return report(seconds, kills, warm, late);
+    found.seconds = static_cast<double>(now_ns() - started) / 1e9;
+    return report(m_settings, found);
   }
 
  private:
@@ -145,45 +132,14 @@ class soak {
                         [](const auto& each) { return each->has_ended(); });
   }
 
-  static std::vector<long> memory_of_all(const std::vector<pid_t>& processes) {
-    std::vector<long> kib;
-    for (const pid_t each : processes)
-      kib.push_back(memory_of(each));
-    return kib;
-  }
-
-  void print_progress(long kills) const {
-    std::fprintf(stderr, "%ld of %ld, %ld failed, longest %.1f ms, %ld killed, %ld flooded\n",
-                 board->answered.load(), m_settings.requests, board->failed.load(),
-                 static_cast<double>(board->latency.longest()) / 1e6, kills, board->flooded.load());
-  }
-
-  bool report(double seconds, long kills, const std::vector<long>& warm,
-              const std::vector<long>& late) const {
-    const auto us = [](std::uint64_t ns) { return static_cast<double>(ns) / 1e3; };
-    const double median = us(board->latency.quantile(0.5));
-    const double longest = us(board->latency.longest());
-    std::printf("requests      %ld answered, %ld failed, in %.1f s: %.0f in a second\n",
-                board->answered.load(), board->failed.load(), seconds,
-                static_cast<double>(board->answered) / seconds);
-    std::printf("latency       median %.0f us, 99.9 %% %.0f us, longest %.0f us: %.1f medians\n", median,
-                us(board->latency.quantile(0.999)), longest, longest / median);
-    std::printf(
-        "meanwhile     %ld components killed and started again, %ld datagrams of floods, %ld signals\n",
-        kills, board->flooded.load(), board->counts.load());
-    static constexpr const char* names[] = {"kxcore", "server0", "the last caller"};
-    bool flat = true;
-    for (std::size_t i = 0; i < std::min(warm.size(), late.size()); ++i) {
-      std::printf("memory        %s: %ld KiB after a tenth, %ld KiB at the end\n", names[i], warm[i],
-                  late[i]);
-      flat = flat && (!m_settings.weighed || late[i] - warm[i] <= memory_growth_kib);
+  // The callers end soon after the last request has been taken.
+  void weigh(std::vector<watched_process>& watched) const {
+    const bool is_warm = board->answered + board->failed > m_settings.requests / 10;
+    const bool is_late = board->taken < m_settings.requests;
+    for (watched_process& each : watched) {
+      if (is_warm && !each.warm) each.warm = memory_of(each.pid);
+      if (is_late) each.late = memory_of(each.pid);
     }
-    const bool soon = !m_settings.timed || longest <= longest_wait_in_medians * median;
-    if (!flat) std::puts("FAILED: the memory grows");
-    if (!soon) std::puts("FAILED: a request waited too long");
-    if (board->failed > 0) std::puts("FAILED: responses are wrong or missing, or signals out of order");
-    if (board->counts == 0) std::puts("FAILED: no signal has arrived");
-    return flat && soon && board->failed == 0 && board->counts > 0;
   }
 
   const settings m_settings;
