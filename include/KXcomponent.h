@@ -192,8 +192,8 @@ class KX_EXPORT KXcomponent {
   /// does not answer may take two seconds.
   void stop();
 
-  /// The event loop; sets m_running to `run` first, and calls stop when it ends. Called by start. An
-  /// exception of a handler leaves it without stop, and with m_running as it is.
+  /// The event loop; sets m_running to `run` first, and calls stop when it ends. Called by start, and not
+  /// from handlers. An exception of a handler leaves it without stop, and with m_running as it is.
   void wait(bool run);
 
   /// Sends KILL-COMPONENT from the management socket to itself, which ends the event loop. Any thread and,
@@ -231,7 +231,7 @@ class KX_EXPORT KXcomponent {
   /// Appends a copy of `message` to the waiting queue.
   void set_aside(const KXmessage& message);
 
-  /// Sleeps for a second; signals for the thread wait until it is over.
+  /// Sleeps for a second, also when signals interrupt the sleep.
   static void pause_one_second();
 
   /// Whether a received datagram holds at least a header; if not, writes a WARNING line for `operation`.
@@ -265,8 +265,15 @@ class KX_EXPORT KXcomponent {
   /// something in the waiting queue: what the data socket holds now is newer. Guarded by m_mutex.
   bool m_data_taken = false;
 
- private:
+  /// What the library's threads share besides, and the kill messages that the component has sent to itself
+  /// since the event loop looked at the management socket.
+  /// @{
   struct shared_state;
+  const std::unique_ptr<shared_state> m_shared;
+  std::atomic<int> m_unserved_kills{0};
+  /// @}
+
+ private:
   class loop_scope;
   class stop_scope;
 
@@ -285,6 +292,7 @@ class KX_EXPORT KXcomponent {
   void fire(timer_entry_t timer);
   void retire(const timer_entry_t& fired);
   void serve_descriptors();
+  bool is_invalid(int index) const;
   bool descriptor_at(int index, struct pollfd& entry, fd_handler_t& handler) const;
 
   bool loop_runs() const;
@@ -292,9 +300,6 @@ class KX_EXPORT KXcomponent {
   void wake_loop();
   void note_signal(int sig, pid_t sender);
   void write_signal_lines();
-
-  const std::unique_ptr<shared_state> m_shared;
-  std::atomic<int> m_unserved_kills{0};  // sent to itself since the loop looked at the management socket
 };
 
 #endif

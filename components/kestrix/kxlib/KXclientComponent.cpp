@@ -8,6 +8,7 @@
 #include "KXstub.h"
 #include "management.h"
 #include "mutex_lock.h"
+#include "shared_member.h"
 
 namespace {
 
@@ -82,7 +83,7 @@ bool KXclientComponent::interconnect_service(KXconnection* connection, KXmessage
 bool KXclientComponent::await_reply(KXmessage& message, unsigned int awaited) {
   for (;;) {
     peer_info_t peer;
-    const int received = rec_message(m_mgmt_fd, message, false, peer);
+    const int received = rec_message(load(m_mgmt_fd), message, false, peer);
     if (received <= 0) return false;
     if (!holds_header(received, "interconnect_service")) continue;
     const unsigned int id = ntohl(message.m_header->msg_id);
@@ -114,11 +115,11 @@ void KXclientComponent::store_grant(mgmt_cmd_e cmd, KXconnection* connection, co
 }
 
 int KXclientComponent::send_mgmt_message(KXmessage& message) {
-  return send_message_to(m_mgmt_fd, m_kxcore_mgmt_socket_name.c_str(), message);
+  return send_message_to(load(m_mgmt_fd), m_kxcore_mgmt_socket_name.c_str(), message);
 }
 
 int KXclientComponent::send_data_message(KXmessage& message) {
-  return send_message_to(m_data_fd, m_kxcore_data_socket_name.c_str(), message);
+  return send_message_to(load(m_data_fd), m_kxcore_data_socket_name.c_str(), message);
 }
 
 void KXclientComponent::get_data_message(int /*fd*/) {
@@ -128,7 +129,7 @@ void KXclientComponent::get_data_message(int /*fd*/) {
   {
     const mutex_lock lock(m_mutex);
     if (m_data_taken) return;  // first what was set aside; and poll must tell whether anything is left
-    received = rec_message(m_data_fd, message, true, peer);
+    received = rec_message(load(m_data_fd), message, true, peer);
   }
   if (received <= 0 || !holds_header(received, __func__)) return;
   deliver(message);

@@ -2,13 +2,13 @@
 // - The first two entries of the poll set are the management and the data socket, for the component's whole
 //   life.
 // - m_timers is in order of expiry, and m_fda and m_fd_handlers are packed. m_mutex guards all three, the
-// close
-//   callback, and receiving from the data socket, so that the loop and a synchronous wait on another thread
-//   never both wait for the same datagram. It is held while a timer handler runs and while a proxy waits for
-//   a synchronous response; the loop takes it to look at the earliest timer, to fire it, and to receive.
-// - What the loop looks at besides has a lock of its own, which is held for a few instructions and never
-//   waited for with anything else in hand but m_mutex: the poll set, whether there are timers, the waiting
-//   queue. What changes the poll set or the timers holds both locks.
+//   close callback, and receiving from the data socket, so that the loop and a synchronous wait on another
+//   thread never both wait for the same datagram. It is held while a timer handler runs and while a proxy
+//   waits for a synchronous response; the loop takes it to look at the earliest timer, to fire it, and to
+//   receive.
+// - What the loop looks at besides has a lock of its own, which is held for a few instructions, with nothing
+//   else in hand but m_mutex: the poll set, whether there are timers, the waiting queue. What changes the
+//   poll set or the timers holds both locks.
 // - poll is given the poll set itself, without a lock. A change of it by another thread meanwhile is noticed
 //   afterwards by the count of changes.
 // - No siid maps to an empty set. Handlers may change the table at any time, so a walk looks its place up
@@ -39,7 +39,9 @@
 #include "datagram.h"
 #include "management.h"
 #include "mutex_lock.h"
+#include "pause.h"
 #include "readable_wait.h"
+#include "shared_member.h"
 #include "signal_notes.h"
 #include "socket_address.h"
 #include "synchronous_wait.h"
@@ -55,21 +57,12 @@ constexpr unsigned int wrap_margin = longest_timeout + 99;
 constexpr int send_attempts = 3;
 constexpr int termination_signals[] = {SIGINT, SIGQUIT, SIGTERM, SIGPIPE};
 
-// Plain members that several threads and the signal handler share.
-template <typename T>
-T load(const T& member) {
-  return __atomic_load_n(&member, __ATOMIC_ACQUIRE);
-}
-template <typename T>
-void store(T& member, T value) {
-  __atomic_store_n(&member, value, __ATOMIC_RELEASE);
-}
-
-// Closes one of the component's sockets and removes its file. Who still waits for the socket sees that it is
-// closed before its descriptor can be somebody else's.
+// Closes one of the component's sockets and removes its file. Who still waits for the socket is woken, and
+// sees that it is closed before its descriptor can be somebody else's.
 void release_socket(int& fd, const std::string& path) {
   const int closed = fd;
   store(fd, -1);
+  shutdown(closed, SHUT_RDWR);
   close(closed);
   remove(path.c_str());
 }
@@ -82,6 +75,14 @@ void release_socket(int& fd, const std::string& path) {
 
 void check_path(const std::string& path) {
   if (path.size() > max_socket_path) refuse_bind(path, ENAMETOOLONG);
+}
+
+// One attempt to send; what sendto returns.
+ssize_t offer(int fd, const char* path, const KXmessage& msg) {
+  const sockaddr_un address = socket_address(path);
+  const auto address_length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + std::strlen(path));
+  return sendto(fd, msg.m_header, static_cast<std::size_t>(msg.datagram_size()), MSG_DONTWAIT,
+                reinterpret_cast<const sockaddr*>(&address), address_length);
 }
 
 void trace_sent(const char* path, const KXmessage& msg) {
@@ -113,22 +114,6 @@ void trace_received(const peer_info_t& peer, const KXmessage& msg) {
   }
 }
 
-// Holds all signals back on this thread.
-class signals_held_back {
- public:
-  signals_held_back() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &m_previous);
-  }
-  ~signals_held_back() { pthread_sigmask(SIG_SETMASK, &m_previous, nullptr); }
-  signals_held_back(const signals_held_back&) = delete;
-  signals_held_back& operator=(const signals_held_back&) = delete;
-
- private:
-  sigset_t m_previous;
-};
-
 void write_signal_line(const signal_note& note, const char* component) {
   KX_LOG_INFO_IN("sig_handler", "Signal %s (%d) received from %s: killing %s", strsignal(note.signal),
                  note.signal, note.sender, component);
@@ -144,6 +129,12 @@ void install_signal_handler() {
 }
 
 }  // namespace
+
+#ifdef __has_feature
+#if __has_feature(thread_sanitizer)
+#define __SANITIZE_THREAD__
+#endif
+#endif
 
 #ifdef __SANITIZE_THREAD__
 extern "C" {
@@ -226,7 +217,7 @@ KXcomponent::KXcomponent(const char* name)
       m_running(false),
       m_data_fd(-1),
       m_mgmt_fd(-1),
-      m_shared(std::make_unique<shared_state>()) {
+      m_shared(new shared_state) {
   construct(nullptr, true);
 }
 
@@ -237,7 +228,7 @@ KXcomponent::KXcomponent(const char* name, const ExtraCfg* cfg)
       m_running(false),
       m_data_fd(-1),
       m_mgmt_fd(-1),
-      m_shared(std::make_unique<shared_state>()) {
+      m_shared(new shared_state) {
   construct(cfg == nullptr ? nullptr : cfg->subdir, cfg != nullptr && cfg->handle_signals);
 }
 
@@ -332,22 +323,16 @@ int KXcomponent::send_message_to(int fd, const char* path, KXmessage& msg) {
     KX_LOG_ERROR("Socket is closed => unable to send msg");
     return -1;
   }
-  const std::size_t path_length = std::strlen(path);
-  if (path_length > max_socket_path) {
+  if (std::strlen(path) > max_socket_path) {
     KX_LOG_ERROR("Destination path %s is longer than %d bytes => unable to send msg", path,
                  static_cast<int>(max_socket_path));
     return -1;
   }
   trace_sent(path, msg);
 
-  const sockaddr_un address = socket_address({path, path_length});
-  const auto address_length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path_length);
-
   const int length = msg.datagram_size();
   for (int attempt = 0;;) {
-    const ssize_t sent = sendto(fd, msg.m_header, static_cast<std::size_t>(length), MSG_DONTWAIT,
-                                reinterpret_cast<const sockaddr*>(&address), address_length);
-    if (sent == length) {
+    if (offer(fd, path, msg) == length) {
       if (attempt > 0) KX_LOG_INFO("!!!!!!!Succeeded to send msg (attempt=%d) to %d:%s", attempt, fd, path);
       return length;
     }
@@ -364,16 +349,12 @@ int KXcomponent::send_message_to(int fd, const char* path, KXmessage& msg) {
   }
 }
 
-// An interrupted sleep tells the time that is left in whole seconds only, so it is not interrupted.
-void KXcomponent::pause_one_second() {
-  const signals_held_back scope;
-  for (unsigned int left = 1; left > 0;)
-    left = sleep(left);
-}
+void KXcomponent::pause_one_second() { pause_for_a_second(); }
 
 bool KXcomponent::owns(int fd) const { return fd == load(m_data_fd) || fd == load(m_mgmt_fd); }
 
-// As select returns; -1 for a descriptor that is closed, also when stop closes it meanwhile.
+// As select returns; -1 for a descriptor that is closed, also when stop closes it meanwhile. It may have done
+// so before this was called: then the descriptor is nobody's.
 int KXcomponent::await_datagram(int fd, bool timeout) const {
   if (fd < 0) return -1;
   const bool own = owns(fd);
@@ -382,6 +363,7 @@ int KXcomponent::await_datagram(int fd, bool timeout) const {
     const int ready = readable();
     if (own && !owns(fd)) return -1;
     if (ready >= 0) return ready;
+    if (load(m_data_fd) < 0) return -1;
     KX_LOG_WARNING_IN("rec_message", "select failed - %s", strerror(errno));
   }
 }
@@ -534,12 +516,16 @@ void KXcomponent::wait(bool run) {
   store(m_running, run);
   while (load(m_running)) {
     dispatch_waiting_queue();
-    const bool stopped = load(m_data_fd) < 0;  // by a handler; its descriptors may be somebody else's by now
+    const bool stopped = load(m_data_fd) < 0;  // by a handler
     const int ready = poll_descriptors(stopped ? 0 : poll_timeout());
     write_signal_lines();
-    if (ready == 0 && !stopped) fire_earliest_timer();
-    if (ready > 0) serve_descriptors();
-    if (stopped) store(m_running, false);
+    if (stopped && !is_invalid(0)) {  // the descriptor is somebody else's by now
+      store(m_running, false);
+    } else if (ready == 0) {
+      fire_earliest_timer();
+    } else if (ready > 0) {
+      serve_descriptors();
+    }
   }
   write_signal_lines();
   KX_LOG_INFO("Exit polling loop\n");
@@ -680,6 +666,13 @@ void KXcomponent::serve_descriptors() {
   }
 }
 
+// Whether poll has found the descriptor of this entry closed.
+bool KXcomponent::is_invalid(int index) const {
+  struct pollfd entry = {};
+  fd_handler_t handler = {};
+  return descriptor_at(index, entry, handler) && (entry.revents & POLLNVAL) != 0;
+}
+
 // Copies an entry of the poll set; false behind the last.
 bool KXcomponent::descriptor_at(int index, struct pollfd& entry, fd_handler_t& handler) const {
   const std::lock_guard<std::mutex> shared(m_shared->mutex);
@@ -699,11 +692,11 @@ bool KXcomponent::loop_runs_elsewhere() const {
   return loop != pthread_t{} && pthread_equal(loop, pthread_self()) == 0;
 }
 
-// A management message without a command makes poll return.
+// A management message without a command makes poll return. Where there is no room for it, others do.
 void KXcomponent::wake_loop() {
   if (m_shared->woken.exchange(true)) return;
-  KXmessage message = make_management(MSG_SIG, CMD_NONE, own_message_id);
-  if (send_message_to(m_mgmt_fd, m_mgmt_socket_name.c_str(), message) <= 0) m_shared->woken = false;
+  const KXmessage message = make_management(MSG_SIG, CMD_NONE, own_message_id);
+  if (offer(load(m_mgmt_fd), m_mgmt_socket_name.c_str(), message) < 0) m_shared->woken = false;
 }
 
 synchronous_wait::synchronous_wait(KXcomponent& component) : m_component(component) {
@@ -762,7 +755,7 @@ void KXcomponent::stop() {
 
 int KXcomponent::sendKillMsgToSelf() {
   KXmessage message = make_management(MSG_SIG, CMD_KILL_COMPONENT, own_message_id);
-  const int sent = send_message_to(m_mgmt_fd, m_mgmt_socket_name.c_str(), message);
+  const int sent = send_message_to(load(m_mgmt_fd), m_mgmt_socket_name.c_str(), message);
   if (sent > 0) ++m_unserved_kills;
   return sent;
 }

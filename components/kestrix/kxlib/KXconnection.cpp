@@ -5,6 +5,7 @@
 #include <atomic>
 
 #include "management.h"
+#include "shared_member.h"
 
 const char* const KXconnection::interface_type2str[3] = {"SYNC", "ASYNC", "SGNL"};
 
@@ -31,7 +32,7 @@ int KXconnection::receive_datagram(KXmessage& message) {
   message.size = 0;
   message.pos = 0;
   peer_info_t peer;
-  return m_component->rec_message(m_component->m_data_fd, message, true, peer);
+  return m_component->rec_message(load(m_component->m_data_fd), message, true, peer);
 }
 
 void KXconnection::begin_request(KXmessage& message, mgmt_cmd_e cmd) {

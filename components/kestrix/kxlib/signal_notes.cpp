@@ -61,7 +61,7 @@ bool signal_notes::add(const signal_note& note) {
 bool signal_notes::take(signal_note& note) {
   unsigned int place = m_taken;
   do {
-    if (!m_ready[place % capacity]) return false;
+    if (place == m_added || !m_ready[place % capacity]) return false;
   } while (!m_taken.compare_exchange_weak(place, place + 1));
   note = m_notes[place % capacity];
   m_ready[place % capacity] = false;
