@@ -22,30 +22,34 @@
 // The base of every test that arms the seam.
 class seam_test : public testing::Test {
  protected:
-  void SetUp() override { seam::reset(); }
+  seam_test() { seam::reset(); }
   void TearDown() override { seam::disarm(); }
 };
 
-// Opens the state of a component class. The receivers of a plain KXcomponent read and drop, ending on KILL.
+// Opens the state of a component class.
 template <typename Base>
 class probe_of : public Base {
  public:
   using Base::Base;
   using Base::deliver, Base::set_aside;
-  using Base::m_connections, Base::m_data_fd, Base::m_data_socket_name, Base::m_fda, Base::m_mgmt_fd,
-      Base::m_mgmt_socket_name, Base::m_mutex, Base::m_nfds, Base::m_running, Base::m_siid_map,
-      Base::m_timers, Base::m_waiting_queue;
+  using Base::m_close_cb, Base::m_connections, Base::m_data_fd, Base::m_data_socket_name, Base::m_fd_handlers,
+      Base::m_fda, Base::m_mgmt_fd, Base::m_mgmt_socket_name, Base::m_mutex, Base::m_nfds, Base::m_running,
+      Base::m_siid_map, Base::m_timers, Base::m_waiting_queue;
 
   ~probe_of() override { Base::stop(); }
 };
 
+// Its receivers read and drop, ending on KILL, or do what a test has them do instead.
 class bare_component : public KXcomponent {
  public:
   using KXcomponent::KXcomponent;
-  void get_data_message(int fd) override { receive(fd); }
+  void get_data_message(int fd) override { on_data ? on_data(fd) : static_cast<void>(receive(fd)); }
   void get_mgmt_message(int fd) override {
+    if (on_mgmt) return on_mgmt(fd);
     if (receive(fd).m_header->cmd == CMD_KILL_COMPONENT) m_running = false;
   }
+
+  std::function<void(int)> on_data, on_mgmt;
 
  private:
   KXmessage receive(int fd) {
@@ -62,6 +66,13 @@ class client_probe : public probe_of<KXclientComponent> {
  public:
   using KXclientComponent::m_kxcore_data_socket_name;
   using probe_of::probe_of;
+
+  void get_mgmt_message(int fd) override {
+    if (on_mgmt) on_mgmt();
+    probe_of::get_mgmt_message(fd);
+  }
+
+  std::function<void()> on_mgmt;  // before it receives
 };
 
 // A stub or proxy with open state that hands its messages to `on_message`.

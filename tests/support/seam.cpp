@@ -7,6 +7,7 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/timerfd.h>
 #include <syslog.h>
 #include <time.h>
 #include <unistd.h>
@@ -17,6 +18,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "trace.h"
 
@@ -34,13 +36,18 @@ struct armed_call {
 struct line_record {
   std::atomic<bool> complete;
   int priority;
-  char text[480];
+  char text[1200];
 };
 
 constexpr std::size_t max_lines = 4096;
 
 std::array<armed_call, seam::CALLS> armed;
 std::vector<seam::call_e> made;
+seam::arguments given_last;
+std::string opened_instead;
+double sleep_cut_after = 0;
+int timer_fd = -1;  // armed on the fake clock, for timer_end
+double timer_end = 0;
 int failing_allocation = 0;  // how many there are before it, and itself
 std::array<line_record, max_lines> records;
 std::atomic<std::size_t> record_count{0};
@@ -81,6 +88,17 @@ bool fails(seam::call_e call) {
   return true;
 }
 
+// What a call that fails returns.
+int failure() { return errno == 0 ? 0 : -1; }
+
+// The milliseconds that an interrupted call has waited, of those it was to.
+int waited(long long limit_ms) {
+  constexpr int part_ms = 4000;
+  if (!is_fake(fake_now) || errno != EINTR || limit_ms <= part_ms) return 0;
+  seam::advance(part_ms / 1000);
+  return part_ms;
+}
+
 bool clock_is_fake() { return arms && is_fake(fake_now); }
 
 int count_ready(const std::function<int()>& look) {
@@ -102,19 +120,28 @@ void reset() {
     entry = {};
   made.clear();
   made.reserve(1 << 16);  // so that notes allocate nothing
+  given_last = {};
+  sleep_cut_after = 0;
+  timer_fd = -1;
+  given_last.poll_timeouts.reserve(1 << 12);
   assertions.reserve(1 << 10);
   failing_allocation = 0;
   assertions.clear();
   idle = nullptr;
   fake_now = -1;
+  opened_instead.clear();
   clear_lines();
   trace_level(9);
 }
 
 void disarm() { arms = false; }
+void enlist() { arms = true; }
+void cut_sleep(double after) { sleep_cut_after = after; }
 
 const std::vector<call_e>& calls() { return made; }
 int count(call_e call) { return armed[call].count; }
+const arguments& given() { return given_last; }
+void open_instead(const std::string& path) { opened_instead = path; }
 
 void fail(call_e call, int error, int times, int skip) {
   armed[call].error = error;
@@ -183,7 +210,7 @@ __attribute__((format(printf, 2, 3))) void syslog(int priority, const char* form
 
 // A call that only ever passes or fails.
 #define PASS_THROUGH(result, name, call, parameters, arguments, exceptions) \
-  result name parameters exceptions { return fails(seam::call) ? -1 : REAL(name) arguments; }
+  result name parameters exceptions { return fails(seam::call) ? failure() : REAL(name) arguments; }
 
 PASS_THROUGH(int, access, ACCESS, (const char* path, int mode), (path, mode), noexcept)
 PASS_THROUGH(int, bind, BIND, (int fd, const struct sockaddr* address, socklen_t length),
@@ -199,7 +226,12 @@ PASS_THROUGH(ssize_t, sendto, SENDTO,
 PASS_THROUGH(int, setsockopt, SETSOCKOPT,
              (int fd, int level, int option, const void* value, socklen_t length),
              (fd, level, option, value, length), noexcept)
-PASS_THROUGH(int, socket, SOCKET, (int domain, int type, int protocol), (domain, type, protocol), noexcept)
+
+int socket(int domain, int type, int protocol) noexcept {
+  if (fails(seam::SOCKET)) return -1;
+  if (arms) given_last.socket_type = type;
+  return REAL(socket)(domain, type, protocol);
+}
 
 // A descriptor is closed, whatever close reports.
 int close(int fd) {
@@ -236,11 +268,17 @@ int open(const char* path, int flags, ...) {
   const int mode = va_arg(arguments, int);
   va_end(arguments);
   if (fails(seam::OPEN)) return -1;
-  return REAL(open)(path, flags, mode);
+  if (arms) given_last.opened = path;
+  return REAL(open)(arms && !opened_instead.empty() ? opened_instead.c_str() : path, flags, mode);
 }
 
 int poll(struct pollfd* entries, nfds_t count, int timeout) {
-  if (fails(seam::POLL)) return -1;
+  if (arms && !inside) {
+    given_last.polled = entries;
+    given_last.polled_count = count;
+    given_last.poll_timeouts.push_back(timeout);
+  }
+  if (fails(seam::POLL)) return waited(timeout), -1;
   if (!clock_is_fake()) return REAL(poll)(entries, count, timeout);
   const int ready = count_ready([=] { return REAL(poll)(entries, count, 0); });
   if (ready != 0) return ready;
@@ -250,7 +288,10 @@ int poll(struct pollfd* entries, nfds_t count, int timeout) {
 }
 
 int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, struct timeval* limit) {
-  if (fails(seam::SELECT)) return -1;
+  if (fails(seam::SELECT)) {
+    if (limit != nullptr) limit->tv_sec -= waited(1000ll * limit->tv_sec) / 1000;
+    return -1;
+  }
   if (!clock_is_fake()) return REAL(select)(count, readable, writable, exceptional, limit);
   const fd_set asked = *readable;
   const int ready = count_ready([=] {
@@ -271,8 +312,26 @@ int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, s
 unsigned int sleep(unsigned int seconds) {
   if (fails(seam::SLEEP)) return seconds;
   if (!clock_is_fake()) return REAL(sleep)(seconds);
-  seam::advance(seconds);
-  return 0;
+  const double cut_after = std::exchange(sleep_cut_after, 0);
+  seam::advance(cut_after > 0 ? cut_after : seconds);
+  if (cut_after <= 0) return 0;
+  errno = EINTR;
+  return static_cast<unsigned int>(seconds - cut_after);
+}
+
+int timerfd_settime(int fd, int flags, const struct itimerspec* next, struct itimerspec* former) noexcept {
+  if (clock_is_fake()) {
+    timer_fd = fd;
+    timer_end = fake_now + static_cast<double>(next->it_value.tv_sec);
+  }
+  return REAL(timerfd_settime)(fd, flags, next, former);
+}
+
+ssize_t read(int fd, void* to, size_t size) {
+  if (fails(seam::READ)) return failure();
+  if (!clock_is_fake() || fd != timer_fd) return REAL(read)(fd, to, size);
+  fake_now = std::max(fake_now, timer_end);
+  return sizeof(std::uint64_t);
 }
 
 }  // extern "C"

@@ -4,6 +4,8 @@
 #ifndef TESTS_SEAM_H
 #define TESTS_SEAM_H
 
+#include <poll.h>
+
 #include <functional>
 #include <string>
 #include <string_view>
@@ -20,6 +22,7 @@ enum call_e {
   MKDIR,
   OPEN,
   POLL,
+  READ,
   RECVFROM,
   REMOVE,
   SELECT,
@@ -45,7 +48,19 @@ void disarm();
 const std::vector<call_e>& calls();
 int count(call_e call);
 
-// Lets `times` calls fail with `error`, after `skip` calls that pass.
+// What a call was given last.
+struct arguments {
+  int socket_type;
+  const pollfd* polled;
+  nfds_t polled_count;
+  std::vector<int> poll_timeouts;  // of all polls
+  std::string opened;
+};
+const arguments& given();
+
+// Lets `times` calls fail with `error`, after `skip` calls that pass. With the error 0 they return 0, having
+// done nothing. A select or poll on the fake clock that is interrupted (EINTR) has waited 4 seconds, if its
+// limit is longer.
 void fail(call_e call, int error, int times = 1, int skip = 0);
 
 // In programs that link allocations.cpp: lets the `n`-th operator new fail; whether it has; how many blocks
@@ -61,8 +76,18 @@ bool allocation_fails();
 // first.
 void before(call_e call, std::function<void()> hook);
 
-// The monotonic clock stands still at `seconds`, and sleep, select and poll pass time on it instead of
-// waiting. Where one of the last two would wait, the idle hook runs first and may make a descriptor ready.
+// Lets a signal cut the next sleep short, after so many seconds.
+void cut_sleep(double after);
+
+// Has `open` open this file in place of any other; none for an empty path.
+void open_instead(const std::string& path);
+
+// Arms this thread, too. The one that called reset makes no calls as long as it runs.
+void enlist();
+
+// The monotonic clock stands still at `seconds`, and sleep, select, poll and the reading of a timer's
+// descriptor pass time on it instead of waiting. Where one of the last two would wait, the idle hook runs
+// first and may make a descriptor ready.
 void fake_clock(double seconds);
 void advance(double seconds);
 double now();

@@ -2,18 +2,17 @@
 
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <system_error>
 #include <utility>
+
+#include "socket_address.h"
 
 namespace {
 
@@ -72,9 +71,7 @@ int child_process::end(int signal) {
 std::string sibling_program(const std::string& name) { return own_folder / name; }
 
 bool is_bound(const std::string& path) {
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, path.data(), std::min(path.size(), sizeof address.sun_path - 1));
+  const sockaddr_un address = socket_address(path);
   const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   const bool bound = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
   close(fd);

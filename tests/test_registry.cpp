@@ -1,0 +1,121 @@
+#include <map>
+#include <set>
+
+#include "component_test.h"
+
+using namespace seam;
+
+class registry : public component {
+ protected:
+  using type_e = KXconnection::interface_type_e;
+  static constexpr type_e SYNC = KXconnection::SYNC, ASYNC = KXconnection::ASYNC, SGNL = KXconnection::SGNL;
+
+  struct connection : stub_probe {
+    connection(KXcomponent* owner, unsigned int siid, type_e type) : stub_probe(owner) {
+      m_siid = siid;
+      m_interface_type = type;
+    }
+  };
+
+  ~registry() override { c.m_connections.clear(); }
+
+  void bind(connection& which) { c.bind_siid(which.m_siid, &which); }
+
+  // The bound ones of each siid, and the listed ones, by name.
+  std::string state() const {
+    const auto name = [this](const KXconnection* which) {
+      return which == &a ? 'a' : which == &b ? 'b' : 's';
+    };
+    std::string text;
+    for (const auto& [siid, bound] : c.m_siid_map) {
+      std::set<char> names;
+      for (const KXconnection* const each : *bound)
+        names.insert(name(each));
+      text += std::to_string(siid) + ":" + std::string(names.begin(), names.end()) + " ";
+    }
+    for (const KXconnection* const each : c.m_connections)
+      text += name(each);
+    return text;
+  }
+
+  connection a{&c, 9, SGNL}, b{&c, 9, SGNL}, s{&c, 9, SYNC};
+};
+
+TEST_F(registry, refuses_a_siid_that_is_taken_to_all_but_signals) {
+  bind(s);
+  for (const type_e type : {SYNC, ASYNC}) {
+    a.m_interface_type = type;
+    EXPECT_THROW(bind(a), KXerror::error_e);
+    EXPECT_EQ("9:s s", state()) << "nothing is changed";
+  }
+  EXPECT_TRUE(logged("(bind_siid) - service with siid [9] already present\n"));
+  bind(b);
+  EXPECT_EQ("9:bs sb", state());
+}
+
+TEST_F(registry, keeps_a_siid_as_long_as_a_signal_connection_has_it) {
+  bind(a), bind(b);
+  EXPECT_EQ("9:ab ab", state());
+  c.remove_connection(&a);
+  EXPECT_EQ("9:b b", state());
+  c.remove_connection(&b);
+  EXPECT_EQ("", state());
+  EXPECT_EQ(1, times_logged("(remove_connection) - deleted set"));
+}
+
+TEST_F(registry, lists_a_connection_without_a_siid_and_maps_it_nowhere) {
+  s.m_siid = no_siid;
+  bind(s);
+  EXPECT_EQ("s", state());
+  c.remove_connection(&s);
+  EXPECT_EQ("", state());
+  EXPECT_FALSE(logged("[ERROR]"));
+}
+
+TEST_F(registry, removes_one_of_two_entries_of_a_connection_that_was_bound_twice) {
+  bind(a), bind(a);
+  EXPECT_EQ("9:a aa", state());
+  c.remove_connection(&a);
+  EXPECT_EQ("a", state());
+  c.remove_connection(&a);
+  EXPECT_EQ("", state());
+  EXPECT_EQ(1, times_logged("(remove_connection) - no service with siid [9] found"));
+}
+
+TEST_F(registry, removes_the_first_of_the_entries_and_the_connection_alone) {
+  bind(a), bind(b), bind(a);
+  c.remove_connection(&a);
+  EXPECT_EQ("9:b ba", state());
+}
+
+TEST_F(registry, unlists_a_connection_whose_siid_was_never_bound) {
+  bind(s);
+  s.m_siid = 77;
+  c.remove_connection(&s);
+  EXPECT_EQ("9:s ", state());
+  EXPECT_TRUE(logged("no service with siid [77] found"));
+  EXPECT_EQ(77u, s.m_siid);
+  s.m_siid = 9;
+  clear_lines();
+  c.remove_connection(&s);
+  EXPECT_EQ("", state());
+  EXPECT_FALSE(logged("erased connection for siid")) << "it is not listed any more";
+}
+
+TEST_F(registry, removes_nobody_for_null) {
+  bind(s);
+  clear_lines();
+  c.remove_connection(nullptr);
+  EXPECT_EQ("9:s s", state());
+  EXPECT_TRUE(lines().empty());
+}
+
+TEST_F(registry, hands_a_message_for_nobody_to_nobody) {
+  bind(s);
+  s.on_message = [&](KXmessage&) { note("handled"); };
+  message.m_header->dst_siid = 0;
+  clear_lines();
+  c.deliver(message);
+  EXPECT_EQ("", happened);
+  EXPECT_TRUE(lines().empty());
+}
