@@ -120,10 +120,11 @@ void reset() {
     entry = {};
   made.clear();
   made.reserve(1 << 16);  // so that notes allocate nothing
-  given_last = {};
   sleep_cut_after = 0;
   timer_fd = -1;
+  given_last.poll_timeouts.clear();
   given_last.poll_timeouts.reserve(1 << 12);
+  given_last.opened.reserve(64);
   assertions.reserve(1 << 10);
   failing_allocation = 0;
   assertions.clear();
