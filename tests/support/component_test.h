@@ -5,49 +5,50 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <functional>
-#include <string>
-#include <vector>
+#include <thread>
+#include <utility>
 
 #include "other_thread.h"
 #include "probe.h"
 
+using namespace seam;
 using ints = std::vector<int>;
 using handler = std::function<int(int)>;
 
 // A handler of timers or descriptors whose context is a `handler`.
 inline int call(void* context, int value) { return (*static_cast<handler*>(context))(value); }
 
+// A pipe with a byte to read, or without.
+struct channel {
+  explicit channel(bool readable = true) {
+    EXPECT_EQ(0, pipe2(ends, O_CLOEXEC));
+    EXPECT_EQ(readable ? 1 : 0, write(ends[1], "x", readable ? 1 : 0));
+  }
+  ~channel() { close_end(0), close_end(1); }
+  void close_end(int end) {
+    if (ends[end] >= 0) close(std::exchange(ends[end], -1));
+  }
+  int ends[2];
+};
+
 class component : public seam_test {
  protected:
-  // A pipe with a byte to read, or without; its ends are closed at the end of the test.
-  struct channel {
-    explicit channel(bool readable = true) {
-      EXPECT_EQ(0, pipe2(ends, O_CLOEXEC));
-      EXPECT_EQ(readable ? 1 : 0, write(ends[1], "x", readable ? 1 : 0));
-    }
-    ~channel() {
-      for (const int end : ends)
-        if (end >= 0) close(end);
-    }
-    channel(const channel&) = delete;
-    channel& operator=(const channel&) = delete;
-    int ends[2];
-  };
+  component() { fake_clock(100); }
 
   // Notes what happened, and in which turn of the loop: how many polls there have been.
-  int note(const std::string& what, int result = 0) {
-    happened += what + std::to_string(seam::count(seam::POLL)) + " ";
+  int note(const std::string& what, int result = -1) {
+    happened += what + std::to_string(count(POLL)) + " ";
     return result;
   }
-  handler noting(const std::string& what, int result = 0) {
-    return [=](int) { return note(what, result); };
+  handler noting(const std::string& what) {
+    return [=](int) { return note(what); };
   }
 
-  // Adds a stub that is bound to `siid`, and notes what it is handed and when it is disconnected.
+  // A stub that is bound to `siid` and notes what it is handed, and when it is disconnected.
   struct bound_stub : stub_probe {
-    bound_stub(component& test, std::string called, unsigned int siid = 9, interface_type_e type = SYNC)
-        : stub_probe(&test.c), m_test(test), m_called(std::move(called)) {
+    bound_stub(component& test, const std::string& called, interface_type_e type = SYNC,
+               unsigned int siid = 9)
+        : stub_probe(&test.c), m_test(test), m_called(called) {
       m_interface_type = type;
       test.c.bind_siid(m_siid = siid, this);
       on_message = [this](KXmessage&) { m_test.note(m_called); };
@@ -58,6 +59,15 @@ class component : public seam_test {
     component& m_test;
     const std::string m_called;
   };
+
+  // Runs the loop until it has nothing to wait for, calling `before_poll` in each turn.
+  void run(const std::function<void()>& before_poll = nullptr) {
+    before(POLL, before_poll);
+    when_idle([this] {
+      if (c.m_timers.empty()) c.sendKillMsgToSelf();
+    });
+    c.wait(true);
+  }
 
   std::string happened;
   component_probe c{"comp", nullptr};
