@@ -1,6 +1,5 @@
 #include <sys/resource.h>
 
-#include <optional>
 #include <tuple>
 
 #include "component_test.h"
@@ -156,8 +155,8 @@ TEST_F(datagrams, are_not_waited_for_on_a_socket_that_stop_has_closed) {
 
 TEST_F(datagrams, are_not_waited_for_any_more_by_another_thread_when_stop_closes_the_socket) {
   fake_clock(-1);
-  std::optional<int> result;
-  std::thread waiting([&] { result = c.rec_message(c.m_mgmt_fd, message, false, peer); });
+  int result = 0;
+  std::thread waiting([&, fd = c.m_mgmt_fd] { result = c.rec_message(fd, message, false, peer); });
   c.stop();
   waiting.join();
   EXPECT_EQ(-1, result);

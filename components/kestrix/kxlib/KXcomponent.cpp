@@ -40,6 +40,7 @@
 #include "management.h"
 #include "mutex_lock.h"
 #include "pause.h"
+#include "race_with_poll.h"
 #include "readable_wait.h"
 #include "shared_member.h"
 #include "signal_notes.h"
@@ -130,38 +131,8 @@ void install_signal_handler() {
 
 }  // namespace
 
-#ifdef __has_feature
-#if __has_feature(thread_sanitizer)
-#define __SANITIZE_THREAD__
-#endif
-#endif
-
-#ifdef __SANITIZE_THREAD__
-extern "C" {
-void AnnotateIgnoreWritesBegin(const char* file, int line);
-void AnnotateIgnoreWritesEnd(const char* file, int line);
-}
-#endif
-
-namespace {
-
-// poll reads the set and writes its revents while other threads may change it. What it then finds is not
-// used, and what it writes is overwritten by the next poll.
-class race_with_poll {
-#ifdef __SANITIZE_THREAD__
- public:
-  race_with_poll() { AnnotateIgnoreWritesBegin(__FILE__, __LINE__); }
-  ~race_with_poll() { AnnotateIgnoreWritesEnd(__FILE__, __LINE__); }
-#else
- public:
-  race_with_poll() {}
-#endif
-};
-
-}  // namespace
-
 struct KXcomponent::shared_state {
-  mutable std::mutex mutex;              // guards what m_mutex does not, or not alone
+  std::mutex mutex;                      // guards what m_mutex does not, or not alone
   unsigned int table_changes = 0;        // of the poll set
   bool stopping = false;                 // the loop's thread's own
   std::atomic<pthread_t> loop_thread{};  // none outside of the event loop
