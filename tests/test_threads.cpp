@@ -73,6 +73,22 @@ TEST_F(beside_the_loop, calls_wake_the_loop_once_for_what_they_set_aside) {
   EXPECT_EQ(1, times_logged("RX : [INTERCONNECT]->[INTERCONNECT] : SIG : ") - 1) << "but the kill message";
 }
 
+// A handler of what was set aside makes an exchange, which takes the wake-up from the management socket.
+TEST_F(beside_the_loop, a_wake_up_that_an_exchange_has_taken_is_followed_by_another) {
+  stub.on_message = [this](KXmessage& each) {
+    received.push_back(each.m_header->cmd);
+    core.reply(MSG_ERR);
+    if (received.size() == 1) EXPECT_THROW(proxy_probe(&component).subscribe_signal("s"), KXerror::error_e);
+  };
+  before(POLL, [this] {
+    if (count(POLL) > 2) return;
+    send(static_cast<std::uint8_t>(count(POLL))), respond(), call_beside();
+  });
+  component.wait(true);
+  EXPECT_EQ((ints{1, 2}), received);
+  EXPECT_EQ(0, slept_with);
+}
+
 TEST_F(beside_the_loop, a_call_that_fails_wakes_the_loop_too) {
   run_with([&] {
     send(1), send(2);

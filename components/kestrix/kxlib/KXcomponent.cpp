@@ -513,9 +513,10 @@ bool KXcomponent::has_waiting_messages() const {
   return !m_waiting_queue.empty();
 }
 
+// A handler may make an exchange that takes a wake-up for what came meanwhile from the management socket: none is
+// on its way before any look at the queue.
 void KXcomponent::dispatch_waiting_queue() {
-  m_shared->woken = false;
-  while (has_waiting_messages()) {
+  for (m_shared->woken = false; has_waiting_messages(); m_shared->woken = false) {
     KXmessage message;
     {
       const std::lock_guard<std::mutex> shared(m_shared->mutex);
