@@ -53,7 +53,7 @@ KX_EXPORT int remaining_time(unsigned int now, unsigned int ato);
 /// The handler of the termination signals: has the component of KXcomponent::static_kxc send itself
 /// KILL-COMPONENT, so that its event loop ends and stops it, unless 64 such messages are not served yet; when
 /// there is none or it does not run, writes one ERROR line and lets the process go on. The INFO line that
-/// names the sender is written by the event loop, or here when none runs. `errno` survives.
+/// names the sender is written by the event loop, or here when none runs or 64 lines wait. `errno` survives.
 KX_EXPORT void sig_handler(int sig, siginfo_t* info, void* ctx);
 
 /// A process's place on the bus: its two datagram sockets, its event loop, its timers and descriptors, and
@@ -166,12 +166,13 @@ class KX_EXPORT KXcomponent {
 
   /// Has the event loop call `handler(context, fd)` whenever `fd` is readable. The descriptor stays the
   /// caller's. A descriptor with POLLERR or POLLHUP is not served any more and should be removed; a closed
-  /// one must be removed before it is closed, for an invalid descriptor ends the event loop. Any thread; does
-  /// not wake the loop.
+  /// one must be removed before it is closed, for an invalid descriptor ends the event loop. Any thread; from
+  /// another one than the event loop's it does not wake the loop, and while that polls, the turn serves no
+  /// descriptor.
   /// @return the descriptor's index, or -1 when `fd` is negative or 64 descriptors are registered
   int add_socket_descriptor(int fd, void* context, handler_t handler);
 
-  /// Removes the first entry of `fd`, if there is one; does not close it. Any thread.
+  /// Removes the first entry of `fd`, if there is one; does not close it. Any thread, as above.
   void remove_socket_descriptor(int fd);
 
   /// Sets the callback that stop runs first, in place of an earlier one. Any thread. Returns 0.
@@ -237,10 +238,10 @@ class KX_EXPORT KXcomponent {
   /// Whether a received datagram holds at least a header; if not, writes a WARNING line for `operation`.
   static bool holds_header(int received, const char* operation);
 
-  /// State for derived components. m_mutex, which is recursive, guards the poll set, the timers, the close
-  /// callback, and receiving from the data socket. m_running is written and read with the compiler's atomic
-  /// built-ins, by any thread, which does not wake the loop. The waiting queue is extended with set_aside by
-  /// any thread. The rest belongs to the event loop's thread.
+  /// State for derived components. m_mutex, which is recursive, guards changes of the poll set, the timers
+  /// and the close callback, and receiving from the data socket. m_running is written and read with the
+  /// compiler's atomic built-ins, by any thread, which does not wake the loop. The waiting queue is extended
+  /// with set_aside by any thread. The rest belongs to the event loop's thread.
   /// @{
   std::string m_socket_dir;
   struct pollfd m_fda[max_descriptors];
