@@ -42,7 +42,7 @@ class worker : public KXinterface {
 
  private:
   // [thread]
-  // Each call blocks the thread, and for that time the event loop begins no handler.
+  // Each call blocks the thread, and the event loop from its next look at the timers on.
   void work() {
     while (m_runs) {
       KXmessage message;
