@@ -73,19 +73,16 @@ TEST_F(beside_the_loop, calls_wake_the_loop_once_for_what_they_set_aside) {
   EXPECT_EQ(1, times_logged("RX : [INTERCONNECT]->[INTERCONNECT] : SIG : ") - 1) << "but the kill message";
 }
 
-// A handler of what was set aside makes an exchange, which takes the wake-up from the management socket.
+// The wake-up for 1 comes while 0 is dispatched; the handler of 1 makes an exchange, which takes it.
 TEST_F(beside_the_loop, a_wake_up_that_an_exchange_has_taken_is_followed_by_another) {
   stub.on_message = [this](KXmessage& each) {
     received.push_back(each.m_header->cmd);
-    core.reply(MSG_ERR);
-    if (received.size() == 1) EXPECT_THROW(proxy_probe(&component).subscribe_signal("s"), KXerror::error_e);
+    if (received.size() == 1) send(1), respond(), call_beside();
+    if (received.size() == 2) core.reply(MSG_RSP), stub_probe(&component).register_signal("s");
   };
-  before(POLL, [this] {
-    if (count(POLL) > 2) return;
-    send(static_cast<std::uint8_t>(count(POLL))), respond(), call_beside();
-  });
-  component.wait(true);
-  EXPECT_EQ((ints{1, 2}), received);
+  component.set_aside(make_message(9, 7, MSG_SIG, 0, 5));
+  run_with([&] { send(2), respond(), call_beside(); });
+  EXPECT_EQ((ints{0, 1, 2}), received);
   EXPECT_EQ(0, slept_with);
 }
 

@@ -1,22 +1,22 @@
 // The component's invariants:
 // - The first two entries of the poll set are the management and the data socket, for the component's whole
 //   life.
-// - m_timers is in order of expiry, and m_fda and m_fd_handlers are packed. m_mutex guards all three, the
-//   close callback, and receiving from the data socket, so that the loop and a synchronous wait on another
-//   thread never both wait for the same datagram. It is held while a timer handler runs and while a proxy
-//   waits for a synchronous response; the loop takes it to look at the earliest timer, to fire it, and to
-//   receive.
-// - What the loop looks at besides has a lock of its own, which is held for a few instructions, with nothing
-//   else in hand but m_mutex: the poll set, whether there are timers, the waiting queue. What changes the
-//   poll set or the timers holds both locks.
+// - m_timers is in order of expiry, and m_fda and m_fd_handlers are packed. m_mutex guards changes of all
+//   three and of the close callback, and receiving from the data socket, so that the loop and a synchronous
+//   wait on another thread never both wait for the same datagram. It is held while a timer handler runs, and
+//   from a proxy's synchronous request to its response; the loop takes it to look at the earliest timer, to
+//   fire it, and to receive data.
+// - What the loop looks at besides has a lock of its own, which is held for a moment and never waited for
+//   with anything else in hand but m_mutex: the poll set, whether there are timers, the waiting queue. What
+//   changes the poll set or the timers holds both locks.
 // - poll is given the poll set itself, without a lock. A change of it by another thread meanwhile is noticed
 //   afterwards by the count of changes.
 // - No siid maps to an empty set. Handlers may change the table at any time, so a walk looks its place up
 //   again after each of them.
 // - The signal handler takes neither a lock nor memory of its own. It leaves a note of what its INFO line
 //   needs to the event loop's thread and sends a datagram. The lines that it writes itself (not handled,
-//   those of the send, the INFO line where no loop runs or takes notes) are written while no other line of
-//   this library is, because those hold the signals back.
+//   those of the send, the INFO line where no loop runs or takes notes) are written while its thread writes
+//   no other line of this library, because those hold the termination signals back.
 #include "KXcomponent.h"
 
 #include <arpa/inet.h>
@@ -134,7 +134,7 @@ void install_signal_handler() {
 struct KXcomponent::shared_state {
   std::mutex mutex;                      // guards what m_mutex does not, or not alone
   unsigned int table_changes = 0;        // of the poll set
-  bool stopping = false;                 // the loop's thread's own
+  bool stopping = false;                 // for the thread that stops alone
   std::atomic<pthread_t> loop_thread{};  // none outside of the event loop
   std::atomic<bool> woken{false};        // since the loop looked at the waiting queue
   signal_notes notes;
@@ -324,8 +324,8 @@ void KXcomponent::pause_one_second() { pause_for_a_second(); }
 
 bool KXcomponent::owns(int fd) const { return fd == load(m_data_fd) || fd == load(m_mgmt_fd); }
 
-// As select returns; -1 for a descriptor that is closed, also when stop closes it meanwhile. It may have done
-// so before this was called: then the descriptor is nobody's.
+// As select returns; -1 for a negative descriptor, and for one of the component's own that stop closes
+// meanwhile, or has closed just before.
 int KXcomponent::await_datagram(int fd, bool timeout) const {
   if (fd < 0) return -1;
   const bool own = owns(fd);
@@ -513,8 +513,8 @@ bool KXcomponent::has_waiting_messages() const {
   return !m_waiting_queue.empty();
 }
 
-// A handler may make an exchange that takes a wake-up for what came meanwhile from the management socket: none is
-// on its way before any look at the queue.
+// A handler may make an exchange that takes a wake-up for what came meanwhile from the management socket:
+// none is on its way before any look at the queue.
 void KXcomponent::dispatch_waiting_queue() {
   for (m_shared->woken = false; has_waiting_messages(); m_shared->woken = false) {
     KXmessage message;
@@ -562,8 +562,8 @@ int KXcomponent::poll_timeout() {
   return deadline == 0 ? -1 : remaining_time(get_currentTime(), deadline);
 }
 
-// What poll returns; -1 also when another thread has changed the poll set meanwhile, whose events then stand
-// with the wrong entries: the next poll reports them again.
+// What poll returns; but -1 for events when another thread has changed the poll set meanwhile, since they may
+// stand with the wrong entries. The next poll reports them again.
 int KXcomponent::poll_descriptors(int timeout) {
   int count = 0;
   unsigned int changes = 0;
@@ -753,7 +753,7 @@ void sig_handler(int sig, siginfo_t* info, void* /*ctx*/) {
     KX_LOG_ERROR("Signal %s (%d) not handled: component already stopped", strsignal(sig), sig);
   } else {
     if (kxlog::enabled(kxlog::LEVEL_INFO)) component->note_signal(sig, info->si_pid);
-    // As many unread ones leave no room for another, for which each signal would wait.
+    // So many are enough. For room in a full socket each further signal would only wait.
     if (component->m_unserved_kills < signal_notes::capacity) component->sendKillMsgToSelf();
   }
   errno = interrupted_errno;
