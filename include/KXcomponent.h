@@ -82,8 +82,8 @@ class KX_EXPORT KXcomponent {
   /// -1 ends the timer or removes the descriptor, any other value keeps it.
   using handler_t = int (*)(void* context, int value);
 
-  using timer_entry_t = ::timer_entry_t;
-  using fd_handler_t = ::fd_handler_t;
+  using timer_entry_t = ::timer_entry_t;  ///< the same under the class's name
+  using fd_handler_t = ::fd_handler_t;    ///< the same under the class's name
 
   static constexpr int max_descriptors = 64;  ///< in the poll set, the two sockets included
 
