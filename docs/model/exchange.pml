@@ -20,6 +20,9 @@
 #ifndef NESTED
 #define NESTED 0 /* calls that the stub of each component makes before it answers */
 #endif
+#ifndef SUBSCRIPTIONS
+#define SUBSCRIPTIONS 0 /* management exchanges that handlers of notices begin in each component */
+#endif
 /* ONLY_NOTICES: what timers begin are one-way messages. */
 #ifndef CALLS_BESIDE
 #define CALLS_BESIDE 0 /* that a thread beside component 0's loop makes */
@@ -37,11 +40,7 @@
 #define IDS_LOOP (ACTIONS + NESTED)
 #define IDS_EACH (IDS_LOOP + CALLS_BESIDE)
 #define IDS (2 * IDS_EACH)
-#ifndef BROKEN_A_WAKE_UP_IS_TAKEN_FOR_A_KILL
-#define MAX_UNREAD_OWN 2
-#else
-#define MAX_UNREAD_OWN 1
-#endif
+#define MAX_UNSERVED_KILLS 2 /* as many as a management socket holds */
 
 /* A datagram: what it is, the id of its exchange, and the component that it is for; of SUB and UNREG, from. */
 mtype = { NONE, REQ, RSP, SIG, SUB, GRANT, KILL, WAKE, UNREG };
@@ -56,11 +55,13 @@ chan waiting[2] = [6] of { mtype, byte, byte }; /* m_waiting_queue; never full h
 bool running[2] = true; /* m_running */
 bool known[2] = true;   /* to kxcore */
 bool at_poll[2], stopped[2], armed[2];
-byte lock_depth[2];  /* m_mutex: how often it is held, */
-byte lock_holder[2]; /* and by the loop's thread (1) or another (2) */
-bool data_taken[2];  /* m_data_taken */
-byte unread_own[2];  /* m_unread_own */
-byte kills[2];       /* sent, and neither obeyed nor dropped */
+byte lock_depth[2];     /* m_mutex: how often it is held, */
+byte lock_holder[2];    /* and by the loop's thread (1) or another (2) */
+bool data_taken[2];     /* m_data_taken */
+bool woken[2];          /* a wake-up was sent since the loop looked at the waiting queue */
+byte unserved_kills[2]; /* m_unserved_kills */
+byte kills[2];          /* sent, and neither obeyed nor dropped; */
+bool kill_dropped[2];   /* one at least since the loop polled */
 
 /* What became of each message: nothing stays underway, and nothing happens to one twice. */
 #define UNSENT 0
@@ -108,64 +109,63 @@ inline send(what, which, c) {
   }
 }
 
-/* A message to the component's own management socket (send_to_self) is counted before it is sent. */
-inline send_to_self(c, what) {
-#ifndef BROKEN_COUNTED_AFTER_SENDING
-  unread_own[c]++;
-#endif
+/* A wake-up to the component's own management socket, unless the loop has not looked at the waiting queue since
+ * the last one. */
+inline wake_loop(c) {
   if
+  :: woken[c]
   :: atomic {
-      nfull(mgmt[c]) && !stopped[c] ->
-      mgmt[c]!what(0, c);
-      if
-      :: what == KILL -> kills[c]++
-      :: what != KILL
-      fi
+      !woken[c] ->
+#ifndef BROKEN_WAKE_UP_IS_MARKED_AFTER_SENDING
+      woken[c] = true
+#endif
     };
-#ifdef BROKEN_COUNTED_AFTER_SENDING
-    unread_own[c]++
+    if
+    :: atomic { nfull(mgmt[c]) && !stopped[c] -> mgmt[c]!WAKE(0, c) };
+#ifdef BROKEN_WAKE_UP_IS_MARKED_AFTER_SENDING
+      woken[c] = true
 #endif
-  :: full(mgmt[c]) || stopped[c] ->
-#ifndef BROKEN_COUNTED_AFTER_SENDING
-    unread_own[c]--
-#else
-    skip
-#endif
+    :: full(mgmt[c]) || stopped[c] -> woken[c] = false
+    fi
   fi
 }
 
-/* A message from itself has been received (rec_message). */
-inline received_own(c) {
-  atomic {
-    if
-    :: unread_own[c] > 0 -> unread_own[c]--
-    :: unread_own[c] == 0
-    fi
-  }
+/* The loop comes to look at the management socket. */
+inline clear_unserved_kills(c) {
+#ifndef BROKEN_KILLS_ARE_NEVER_FORGOTTEN
+  unserved_kills[c] = 0
+#else
+  skip
+#endif
 }
 
-/* Until the response is there, what else arrives is set aside. */
+/* Until the response is there, what else arrives is set aside (await_response). */
 inline await_response(c) {
   do
-  :: data[c]?kind, id, to ->
-    if
-    :: kind == RSP && id == call_id -> settled(RSP, id, DELIVERED); break
-    :: kind != RSP || id != call_id ->
+  :: atomic {
+      data[c]?kind, id, to ->
+      if
+      :: kind == RSP && id == call_id -> settled(RSP, id, DELIVERED); break
+      :: kind != RSP || id != call_id ->
 #ifndef BROKEN_FOREIGN_MESSAGES_ARE_LOST
-      waiting[c]!kind(id, to)
+        waiting[c]!kind(id, to)
 #else
-      skip
+        skip
 #endif
-    fi
-  :: empty(data[c]) -> break /* ten seconds of silence */
+      fi
+    }
+  :: empty(data[c]) -> break /* ten seconds of silence; or the socket is closed */
   od
 }
 
 /* A synchronous call on the loop's thread (proxy_send). */
 inline call(c) {
-  atomic { call_id = c * IDS_EACH + used; used++ };
-  acquire(c, 1);
-  send(REQ, call_id, c);
+  atomic {
+    acquire(c, 1);
+    call_id = c * IDS_EACH + used;
+    used++;
+    send(REQ, call_id, c)
+  };
   if
   :: requests[call_id] == DROPPED
   :: requests[call_id] != DROPPED -> await_response(c)
@@ -185,11 +185,13 @@ inline call(c) {
 inline exchange(c) {
   core_mgmt!SUB(0, c);
   do /* await_reply */
-  :: mgmt[c]?kind, id, to ->
-    if
-    :: kind == GRANT -> break
-    :: kind != GRANT -> received_own(c); waiting[c]!kind(id, to)
-    fi
+  :: atomic {
+      mgmt[c]?kind, id, to ->
+      if
+      :: kind == GRANT -> break
+      :: kind != GRANT -> waiting[c]!kind(id, to)
+      fi
+    }
   od
 }
 
@@ -199,7 +201,7 @@ inline deliver(c) {
   :: kind == WAKE /* dropped, as the next: nobody is bound to the siid of management */
   :: kind == KILL ->
 #ifndef BROKEN_NO_KILL_MAY_BE_SET_ASIDE
-    kills[c]--
+    atomic { kills[c]--; kill_dropped[c] = true }
 #else
     skip
 #endif
@@ -211,7 +213,13 @@ inline deliver(c) {
     :: nested == 0
     fi;
     send(RSP, served, c)
-  :: kind == RSP || kind == SIG -> settled(kind, id, DELIVERED)
+  :: kind == RSP -> settled(RSP, id, DELIVERED)
+  :: kind == SIG ->
+    settled(SIG, id, DELIVERED);
+    if
+    :: subscriptions > 0 -> subscriptions--; exchange(c)
+    :: subscriptions == 0
+    fi
   fi
 }
 
@@ -236,7 +244,6 @@ inline get_data_message(c) {
 
 inline get_mgmt_message(c) {
   mgmt[c]?kind, id, to;
-  received_own(c);
   if
   :: atomic { kind == KILL -> running[c] = false; kills[c]-- }
   :: kind != KILL
@@ -258,23 +265,51 @@ inline abandon(socket) {
 proctype component(byte me; byte actions) {
   mtype kind;
   byte id, to, call_id, served, used;
-  byte nested = NESTED;
+  byte nested = NESTED, subscriptions = SUBSCRIPTIONS;
   bool data_ready;
 
   do /* wait */
-  :: running[me] ->
-    do /* dispatch_waiting_queue: the front is removed when it has been dispatched */
-    :: atomic { may_hold(me, 1) && nempty(waiting[me]) -> waiting[me]?<kind, id, to> };
+  :: atomic {
+      running[me] ->
+#ifndef BROKEN_WAKE_UP_IS_CLEARED_TOO_LATE
+      woken[me] = false
+#endif
+    };
+    do /* dispatch_waiting_queue: the front is removed when it has been dispatched. The mark of a wake-up is cleared
+        * before each look, because a handler's exchange may have taken that out of the socket. */
+    :: atomic { nempty(waiting[me]) -> waiting[me]?<kind, id, to> };
       deliver(me);
 #ifndef BROKEN_FRONT_IS_DISPATCHED_TWICE
-      atomic { may_hold(me, 1) -> waiting[me]?_, _, _ }
+      atomic {
+        waiting[me]?_, _, _;
+#if !defined BROKEN_WAKE_UP_IS_CLEARED_TOO_LATE && !defined BROKEN_WAKE_UP_IS_CLEARED_ONCE_A_TURN
+        woken[me] = false
 #endif
-    :: atomic { may_hold(me, 1) && empty(waiting[me]) -> data_taken[me] = false; break }
+      }
+#endif
+    :: empty(waiting[me]) ->
+#ifdef BROKEN_WAKE_UP_IS_CLEARED_TOO_LATE
+      woken[me] = false;
+#endif
+      break
     od;
-    atomic { kind = NONE; id = 0; to = 0; served = 0; at_poll[me] = true };
+    atomic {
+#ifndef BROKEN_LOOP_DOES_NOT_WAIT_FOR_CALLS
+      may_hold(me, 1) -> /* poll_timeout */
+#endif
+#ifndef BROKEN_LATE_MESSAGES_ARE_OVERTAKEN
+      data_taken[me] = nempty(waiting[me]);
+#else
+      data_taken[me] = false;
+#endif
+      clear_unserved_kills(me); /* poll_descriptors */
+      kill_dropped[me] = false;
+      kind = NONE; id = 0; to = 0; served = 0;
+      at_poll[me] = true
+    };
 end_poll:
     if
-    :: atomic { nempty(mgmt[me]) -> at_poll[me] = false; data_ready = nempty(data[me]) };
+    :: atomic { nempty(mgmt[me]) -> at_poll[me] = false; data_ready = nempty(data[me]); clear_unserved_kills(me) };
       get_mgmt_message(me)
     :: atomic { empty(mgmt[me]) && nempty(data[me]) -> at_poll[me] = false; data_ready = true }
     :: atomic { empty(mgmt[me]) && empty(data[me]) && actions > 0 -> at_poll[me] = false; actions-- };
@@ -292,18 +327,16 @@ end_poll:
   :: !running[me] -> break
   od;
   core_mgmt!UNREG(0, me); /* stop */
-  acquire(me, 1);
   atomic {
     stopped[me] = true;
     abandon(data[me]);
     abandon(mgmt[me]);
-    abandon(waiting[me]);
-    release(me)
+    abandon(waiting[me])
   }
 }
 
 /* Another thread makes synchronous calls. What they set aside may have been all that would have woken the loop
- * (begin_synchronous_wait, end_synchronous_wait). */
+ * (synchronous_wait). */
 proctype caller(byte me; byte calls) {
   mtype kind;
   byte id, to, call_id;
@@ -311,24 +344,25 @@ proctype caller(byte me; byte calls) {
 
   do
   :: used < IDS_LOOP + calls ->
-    atomic { call_id = me * IDS_EACH + used; used++ };
-    acquire(me, 2);
-    send(REQ, call_id, me);
+    atomic {
+      acquire(me, 2);
+      call_id = me * IDS_EACH + used;
+      used++;
+      send(REQ, call_id, me);
+#ifdef BROKEN_THE_LAST_TURN_IS_FORGOTTEN
+      data_taken[me] = data_taken[me] || running[me]
+#elif !defined BROKEN_DATA_IS_NOT_MARKED_AS_TAKEN
+      data_taken[me] = true
+#endif
+    };
     if
     :: requests[call_id] == DROPPED
     :: requests[call_id] != DROPPED ->
-#ifndef BROKEN_DATA_IS_NOT_MARKED_AS_TAKEN
-#ifndef BROKEN_THE_LAST_TURN_IS_FORGOTTEN
-      data_taken[me] = true;
-#else
-      data_taken[me] = data_taken[me] || running[me];
-#endif
-#endif
       await_response(me);
 #ifndef BROKEN_LOOP_IS_NOT_WOKEN
       if
-      :: !stopped[me] && nempty(waiting[me]) && unread_own[me] == 0 -> send_to_self(me, WAKE)
-      :: stopped[me] || empty(waiting[me]) || unread_own[me] > 0
+      :: nempty(waiting[me]) -> wake_loop(me)
+      :: empty(waiting[me])
       fi
 #endif
     fi;
@@ -340,23 +374,30 @@ proctype caller(byte me; byte calls) {
 /* Another thread arms a timer (add_msec_timer). */
 proctype other_thread(byte me) {
   acquire(me, 2);
-  armed[me] = true;
-  release(me)
+  atomic { armed[me] = true; release(me) }
 }
 
-/* sig_handler sends the kill message while the component runs, unless what is unread of its own holds one. */
+/* sig_handler sends the kill message while the component runs, unless as many are unserved as may be. Then one of them
+ * still ends the component, or this turn of the loop has dropped one that an exchange had set aside. It is counted when
+ * it has been sent; the loop may have read it by then. */
 proctype termination_signals(byte to_whom; byte left) {
   do
-  :: atomic { left > 0 && running[to_whom] && unread_own[to_whom] < MAX_UNREAD_OWN -> left-- };
+  :: atomic { left > 0 && running[to_whom] && unserved_kills[to_whom] < MAX_UNSERVED_KILLS -> left-- };
+    if
+    :: atomic {
+        nfull(mgmt[to_whom]) && !stopped[to_whom] ->
 #ifndef BROKEN_SIGNAL_IS_FORGOTTEN
-    send_to_self(to_whom, KILL)
-#else
-    kills[to_whom]++
+        mgmt[to_whom]!KILL(0, to_whom);
 #endif
+        kills[to_whom]++
+      };
+      unserved_kills[to_whom]++
+    :: full(mgmt[to_whom]) || stopped[to_whom]
+    fi
   :: atomic {
-      left > 0 && running[to_whom] && unread_own[to_whom] >= MAX_UNREAD_OWN ->
+      left > 0 && running[to_whom] && unserved_kills[to_whom] >= MAX_UNSERVED_KILLS ->
       left--;
-      assert(kills[to_whom] > 0)
+      assert(kills[to_whom] > 0 || kill_dropped[to_whom])
     }
   :: left == 0 || !running[to_whom] -> break
   od
