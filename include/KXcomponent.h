@@ -135,8 +135,8 @@ class KX_EXPORT KXcomponent {
 
   /// Sends one message from `fd`, a socket of this component, to the socket at `path`. A send that fails, for
   /// whatever reason, is tried three times in all, with a second's pause between: the call blocks for about
-  /// two seconds at most. In a pause the thread takes no signals. `msg` is not changed. Any thread, and
-  /// signal handlers as far as syslog is safe there (see KXlog.h).
+  /// two seconds at most. `msg` is not changed. Any thread, and signal handlers as far as syslog is safe there
+  /// (see KXlog.h).
   /// @return bytes sent (header and payload), or -1
   int send_message_to(int fd, const char* path, KXmessage& msg);
 
@@ -188,9 +188,8 @@ class KX_EXPORT KXcomponent {
 
   /// Takes the component off the bus: close callback, connections, registration, sockets and their files.
   /// Called by the event loop when it ends; called from a handler it also ends the loop. A second call does
-  /// nothing, nor does one from the close callback. It takes no lock: a synchronous wait that another thread
-  /// still has ends with -1, when its ten seconds have passed at the latest. Each notice to a kxcore that
-  /// does not answer may take two seconds.
+  /// nothing, nor does one from the close callback. It takes no lock: a wait for a datagram that another
+  /// thread still has ends with -1. Each notice to a kxcore that does not answer may take two seconds.
   void stop();
 
   /// The event loop; sets m_running to `run` first, and calls stop when it ends. Called by start, and not

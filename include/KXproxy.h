@@ -46,9 +46,8 @@ class KX_EXPORT KXproxy : public KXconnection {
   /// from handlers of every kind and, on a synchronous proxy, from any thread: synchronous requests of one
   /// component run one at a time, and meanwhile an event loop on another thread fires no timer and goes no
   /// further than its next look at the timers or at the data socket. Such threads must be done before the
-  /// component stops: stop does not wait for them, and a request that it overtakes yields 0, when its ten
-  /// seconds have passed at the latest. A service of the same component cannot answer it: the proxy takes its
-  /// own request for the response.
+  /// component stops: stop does not wait for them, and a request that it overtakes yields 0. A service of the
+  /// same component cannot answer it: the proxy takes its own request for the response.
   /// @return synchronous: 1 with the response in `message` (a msg_type of MSG_ERR is one, too), read cursor
   ///         at the start of its payload; 0 when it was not sent or no response came. Others: 1 when sent,
   ///         else 0.

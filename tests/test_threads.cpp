@@ -78,7 +78,9 @@ TEST_F(beside_the_loop, a_wake_up_that_an_exchange_has_taken_is_followed_by_anot
   stub.on_message = [this](KXmessage& each) {
     received.push_back(each.m_header->cmd);
     if (received.size() == 1) send(1), respond(), call_beside();
-    if (received.size() == 2) core.reply(MSG_RSP), stub_probe(&component).register_signal("s");
+    if (received.size() != 2) return;
+    core.reply(MSG_ERR);
+    EXPECT_THROW(stub_probe(&component).register_signal("s"), KXerror::error_e);
   };
   component.set_aside(make_message(9, 7, MSG_SIG, 0, 5));
   run_with([&] { send(2), respond(), call_beside(); });
