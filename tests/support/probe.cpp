@@ -8,10 +8,19 @@
 
 #include <iomanip>
 #include <sstream>
+#include <thread>
 
 #include "datagram.h"
 #include "seam.h"
 #include "socket_address.h"
+
+bool is_free(pthread_mutex_t& mutex) {
+  bool result = false;
+  std::thread([&] {
+    result = pthread_mutex_trylock(&mutex) == 0 && pthread_mutex_unlock(&mutex) == 0;
+  }).join();
+  return result;
+}
 
 raw_socket::raw_socket(const std::string& path)
     : m_path(path), m_fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
@@ -110,4 +119,32 @@ void fake_core::serve() {
     m_replies.pop_front();
     mgmt.send(mgmt.sender(), answer);
   }
+}
+
+void core_test::SetUp() {
+  seam_test::SetUp();
+  seam::fake_clock(100.5);
+  seam::before(seam::SELECT, [this] { core.serve(); });
+  component.m_kxcore_data_socket_name = fake_core::data_path;
+}
+
+void core_test::TearDown() {
+  component.stop();
+  seam_test::TearDown();
+}
+
+void core_test::answer(msg_type_e type, const std::vector<int>& numbers) {
+  core.reply(type, [numbers](KXmessage& reply) {
+    for (const int number : numbers)
+      reply << number;
+  });
+}
+
+std::string core_test::asked() {
+  core.serve();
+  std::string bytes;
+  for (const KXmessage& each : core.received)
+    bytes += hex(bytes_of(each)).erase(30, 12);
+  core.received.clear();
+  return bytes;
 }
