@@ -1,3 +1,6 @@
+#include <climits>
+#include <memory>
+
 #include "probe.h"
 
 using buffer = seam_test;
@@ -10,7 +13,7 @@ buffer_t holding(byte_list bytes) { return buffer_t(bytes.data(), static_cast<in
 
 // Writes and reads `value`, behind its tag and bare, where there is room or data for 0 bytes up to all.
 template <typename T>
-void check_wire(const std::string& name, const char* tag_and_bytes, const T& value, const T& before) {
+void check_wire(const std::string& name, const std::string& tag_and_bytes, const T& value, const T& before) {
   const int counted = name == "std::string" ? 3 : name == "buffer_t" ? 2 : 9;
   for (const int tag : {0, 1}) {
     byte_list bytes = hex(tag_and_bytes);
@@ -49,29 +52,83 @@ TEST_F(buffer, every_type_travels_whole_or_not_at_all) {
   check_wire<int>("int32_t", "05 FF FF FF FE", -2, 5);
   check_wire<unsigned int>("uint32_t", "06 81 02 03 04", 0x81020304, 5);
   check_wire<std::string>("std::string", "07 04 00 61 00 62 00", std::string("a\0b", 3), "x");
+  check_wire<std::string>("std::string", "07 01 00 00", "", "x");
   check_wire<buffer_t>("buffer_t", "08 00 03 0A 0B 0C", holding({10, 11, 12}), buffer_t());
+  check_wire<buffer_t>("buffer_t", "08 00 00", buffer_t(), buffer_t());
   check_wire<bool>("bool", "09 01", true, false);
   check_wire<long long>("int64_t", "0A FF FF FF FF FF FF FF FE", -2, 5);
   check_wire<unsigned long long>("uint64_t", "0B 81 02 03 04 05 06 07 08", 0x8102030405060708, 5);
+  std::string bytes;
+  for (int i = 0; i < 257; ++i)
+    bytes += " 78";
+  check_wire<std::string>("std::string", "07 02 01" + bytes + " 00", std::string(257, 'x'), "x");
+  check_wire<buffer_t>("buffer_t", "08 01 01" + bytes, holding(byte_list(257, 'x')), buffer_t());
 }
 
-TEST_F(buffer, limits_hold_against_impossible_lengths) {
+TEST_F(buffer, is_built_from_what_fits) {
+  byte_list bytes(2049, 7);
+  using row = std::tuple<unsigned char*, int, std::size_t>;
+  for (const auto& [from, length, size] :
+       {row{bytes.data(), 2048, 2048}, row{bytes.data(), 3, 3}, row{bytes.data(), 0, 0},
+        row{bytes.data(), -1, 0}, row{nullptr, 5, 0}, row{bytes.data(), 2049, 0}}) {
+    const auto built = std::make_unique<buffer_t>(from, length);
+    EXPECT_EQ(std::pair(0, 0), std::pair(built->offset, built->pos)) << length;
+    EXPECT_EQ(byte_list(size, 7), content(*built)) << length;
+    EXPECT_EQ(length > 2048, seam::logged("buffer::buffer_t : 2049 bytes do not fit into 2048")) << length;
+  }
+}
+
+TEST_F(buffer, grows_and_skips_as_far_as_it_can) {
+  using row = std::tuple<int, int, int, std::string>;
+  for (const auto& [n, size, pos, told] :
+       {row{INT_MIN, 10, 4, ""}, row{0, 10, 4, ""}, row{6, 16, 10, ""}, row{7, 17, 10, "pos(11)/size(10)\n"},
+        row{2024, 2034, 10, "pos(2028)/size(10)\n"},
+        row{2025, 2034, 10, "pos(2029)/size(10)\nset(2035)/max(2034)\n"},
+        row{INT_MAX, 2034, 10, "pos(2147483647)/size(10)\nset(2147483647)/max(2034)\n"}}) {
+    KXmessage message;
+    message.size = 10, message.pos = 4;
+    message.incr_pos(n);
+    message.incr_size(n);
+    EXPECT_EQ(std::pair(size, pos), std::pair(message.size, message.pos)) << n;
+    std::string limits;
+    for (const seam::log_line& line : seam::lines())
+      limits += line.text.substr(line.text.rfind(' ') + 1);
+    EXPECT_EQ(told, limits) << n;
+    seam::clear_lines();
+  }
+}
+
+TEST_F(buffer, every_byte_but_zero_is_read_as_true) {
+  for (const unsigned char byte : byte_list{0, 1, 2, 128, 255}) {
+    bool tagged = byte == 0, bare = tagged;
+    KXmessage message;
+    message << byte;
+    message >> tagged;
+    message.pos = 1;
+    message.buffer_t::operator>>(bare);
+    EXPECT_EQ(std::pair(byte != 0, byte != 0), std::pair(tagged, bare)) << int{byte};
+  }
+}
+
+TEST_F(buffer, is_read_behind_what_the_target_holds_as_far_as_there_is_room) {
+  buffer_t target = holding({8, 9});
+  target.pos = 1;
+  holding({0, 2, 10, 11}) >> target;
+  EXPECT_EQ(byte_list({8, 9, 10, 11}), content(target));
+  EXPECT_EQ(1, target.pos);
+  target.size = 2047;
+  for (const int lines : {0, 1}) {
+    holding({0, 1, 7}) >> target;
+    EXPECT_EQ(2048, target.size);
+    EXPECT_EQ(lines, seam::times_logged("buffer::>> buffer_t - not enough data: size=3, pos=2, buff size=1"));
+  }
+}
+
+TEST_F(buffer, a_string_without_its_terminator_is_refused) {
   std::string text = "kept";
-  const buffer_t uncounted = holding({0, 0, 'a'}), source = holding({0, 1, 7}),
-                 empty = holding(byte_list(2049));
-  buffer_t full = holding(byte_list(2048));
-  for (const int n : {0, -3, 1, 2048})
-    full.incr_size(n % 2048), full.incr_pos(n);
-  uncounted >> text, source >> full, empty >> full;
-  EXPECT_TRUE(text == "kept" && full.size == 2048 && full.pos == 2048 && uncounted.pos + source.pos == 4);
-  EXPECT_TRUE(seam::logged("pos=2, str size=0") && seam::times_logged("[WARNING]") == 6);
-}
-
-TEST_F(buffer, embeds_a_message_in_copies_with_a_header_of_their_own) {
-  KXmessage inner = make_message(0x01020304, 0x05060708, MSG_SIG, 0x0B, 0x0A0B0C0D);
-  inner << static_cast<const char*>(nullptr);
-  inner << inner;
-  KXmessage copied(inner);
-  copied << "ok";
-  EXPECT_EQ(hex("1 2 3 4 5 6 7 8 4 B A B C D 7 1 0 0 8 0 4 7 1 0 0 7 3 0 6F 6B 0"), bytes_of(copied));
+  for (const byte_list& bytes : {byte_list{0, 0, 'a'}, byte_list{1, 0}})
+    holding(bytes) >> text;
+  EXPECT_EQ("kept", text);
+  EXPECT_TRUE(seam::logged("buffer::>> std::string - not enough data: size=3, pos=2, str size=0"));
+  EXPECT_TRUE(seam::logged("buffer::>> std::string - not enough data: size=2, pos=0, str size=9999"));
 }

@@ -6,13 +6,12 @@
 
 // A component whose loop runs on the test's thread while another thread calls. The response lies in the data
 // socket before the call is made, among what else is sent to it.
-class beside_the_loop : public seam_test {
+class beside_the_loop : public core_test {
  protected:
-  beside_the_loop() {
+  void SetUp() override {
+    core_test::SetUp();
     fake_clock(100);
-    core.reply(MSG_RSP, [](KXmessage& reply) { reply << fake_core::data_path; });
-    component.register_component();
-    core.reply(MSG_RSP, [](KXmessage& reply) { reply << 12, reply << 40, reply << 1000, reply << 2000; });
+    answer(MSG_RSP, {12, 40, 1000, 2000});
     proxy.subscribe_synchronous("get");
     component.bind_siid(9, &stub);
     stub.on_message = [this](KXmessage& each) { received.push_back(each.m_header->cmd); };
@@ -21,7 +20,6 @@ class beside_the_loop : public seam_test {
       component.sendKillMsgToSelf();
     });
   }
-  ~beside_the_loop() override { component.stop(); }
 
   void send(std::uint8_t number) {
     core.data.send(component.m_data_socket_name, make_message(9, 7, MSG_SIG, number, 5));
@@ -53,8 +51,6 @@ class beside_the_loop : public seam_test {
     component.wait(true);
   }
 
-  fake_core core;
-  client_probe component{"c", nullptr};
   proxy_probe proxy{&component};
   stub_probe stub{&component};
   ints received;

@@ -8,7 +8,6 @@
 #include <thread>
 #include <utility>
 
-#include "other_thread.h"
 #include "probe.h"
 
 using namespace seam;

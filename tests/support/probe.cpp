@@ -111,3 +111,30 @@ void fake_core::serve() {
     mgmt.send(mgmt.sender(), answer);
   }
 }
+
+void core_test::SetUp() {
+  seam::fake_clock(100.5);
+  seam::before(seam::SELECT, [this] { core.serve(); });
+  component.m_kxcore_data_socket_name = fake_core::data_path;
+}
+
+void core_test::TearDown() {
+  component.stop();
+  seam_test::TearDown();
+}
+
+void core_test::answer(msg_type_e type, const std::vector<int>& numbers) {
+  core.reply(type, [numbers](KXmessage& reply) {
+    for (const int number : numbers)
+      reply << number;
+  });
+}
+
+std::string core_test::asked() {
+  core.serve();
+  std::string bytes;
+  for (const KXmessage& each : core.received)
+    bytes += hex(bytes_of(each)).erase(30, 12);
+  core.received.clear();
+  return bytes;
+}

@@ -17,6 +17,7 @@
 #include "KXproxy.h"
 #include "KXstub.h"
 #include "management.h"
+#include "other_thread.h"
 #include "seam.h"
 
 // The base of every test that arms the seam.
@@ -80,11 +81,16 @@ template <typename Base>
 class connection_probe : public Base {
  public:
   using Base::Base;
-  using Base::m_interface_type, Base::m_siid;
+  using Base::m_interface_type, Base::m_service_name, Base::m_siid;
   using Base::process_message;
 
   void process_message(KXmessage& message) override {
     if (on_message) on_message(message);
+  }
+
+  // Its service, kind and siid.
+  std::string state() const {
+    return m_service_name + " " + std::to_string(m_interface_type) + " " + std::to_string(int(m_siid));
   }
 
   std::function<void(KXmessage&)> on_message;
@@ -95,7 +101,16 @@ using stub_probe = connection_probe<KXstub>;
 class proxy_probe : public connection_probe<KXproxy> {
  public:
   using connection_probe::connection_probe;
-  using KXproxy::m_mid, KXproxy::m_mid_end, KXproxy::m_service_siid, KXproxy::m_timeout;
+  using KXproxy::m_mid, KXproxy::m_mid_end, KXproxy::m_mid_first, KXproxy::m_reply_interface,
+      KXproxy::m_service_siid, KXproxy::m_timeout;
+
+  // And the siid of the service, the range of ids and the last of them.
+  std::string state() const {
+    std::string text = connection_probe::state();
+    for (const unsigned int number : {m_service_siid, m_mid_first, m_mid_end, m_mid})
+      text += " " + std::to_string(int(number));
+    return text;
+  }
 };
 
 // A bound datagram socket outside the library.
@@ -165,6 +180,22 @@ class fake_core {
     std::function<void(KXmessage&)> fill;
   };
   std::deque<prepared> m_replies;
+};
+
+// The base of tests of a component beside a core, at 100.5 seconds.
+class core_test : public seam_test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // Lets the core answer the next request with these numbers.
+  void answer(msg_type_e type, const std::vector<int>& numbers = {});
+
+  // The bytes of what the core was asked since the last call, without the ids.
+  std::string asked();
+
+  fake_core core;
+  client_probe component{"c"};
 };
 
 // The core in the test's own process, and components made of raw sockets around it.
