@@ -25,6 +25,11 @@ TEST_F(connection, names_the_kinds_of_services) {
   EXPECT_STREQ("SGNL", KXconnection::interface_type2str[KXconnection::SGNL]);
 }
 
+TEST_F(connection, gives_requests_no_id_that_means_something) {
+  for (const unsigned int id : {0u, 1u, 0x11111111u, 0x22222222u, 0x33333333u, 0x44444444u})
+    EXPECT_EQ(id != 1 && id != 0x44444444, is_reserved_id(id)) << id;
+}
+
 TEST_F(connection, stamps_its_siid_on_what_it_sends_and_nothing_else) {
   for (const unsigned int siid : {no_siid, 261u}) {
     EXPECT_TRUE(subject.connection_send(message));

@@ -1,4 +1,3 @@
-#include <future>
 
 #include "probe.h"
 
@@ -137,31 +136,6 @@ TEST_F(proxy, waits_for_its_response_and_holds_the_mutex_meanwhile) {
     fail(CLOCK_GETTIME, 0, 0);
   }
   before(SENDTO, nullptr);
-}
-
-TEST_F(proxy, leaves_what_it_set_aside_to_a_loop_on_another_thread) {
-  subscribe(KXconnection::SYNC);
-  component.bind_siid(server.m_siid = 40, &server);
-  bool served = false;
-  server.on_message = [&](KXmessage&) { served = true; };
-  std::promise<void> begun;
-  const auto begin = [](void* promise, int) {
-    return static_cast<std::promise<void>*>(promise)->set_value(), -1;
-  };
-  fake_clock(-1);
-  component.add_msec_timer(0, &begun, begin, 0);
-  const auto loop = std::async(std::launch::async, [this] { component.wait(true); });
-  begun.get_future().wait();
-  fake_clock(100.5);
-  when_idle([&] {
-    for (const unsigned int id : {7u, subject.m_mid})
-      core.data.send(component.m_data_socket_name, make_message(40, 8, MSG_RSP, 1, id));
-  });
-  EXPECT_EQ(1, subject.proxy_send(message));
-  component.sendKillMsgToSelf();
-  loop.wait();
-  EXPECT_TRUE(served) << "before the kill message";
-  EXPECT_FALSE(logged("Receive message timeout")) << "of data that is taken";
 }
 
 TEST_F(proxy, withdraws_by_its_kind_and_is_disconnected_even_when_it_cannot) {

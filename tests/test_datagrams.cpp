@@ -155,11 +155,8 @@ TEST_F(datagrams, are_not_waited_for_on_a_socket_that_stop_has_closed) {
 
 TEST_F(datagrams, are_not_waited_for_any_more_by_another_thread_when_stop_closes_the_socket) {
   fake_clock(-1);
-  int result = 0;
-  std::thread waiting([&, fd = c.m_mgmt_fd] { result = c.rec_message(fd, message, false, peer); });
-  c.stop();
-  waiting.join();
-  EXPECT_EQ(-1, result);
+  const auto wait = [&, fd = c.m_mgmt_fd] { EXPECT_EQ(-1, c.rec_message(fd, message, false, peer)); };
+  EXPECT_TRUE(sleeps_in(wait, [&] { c.stop(); }));
 }
 
 TEST_F(datagrams, are_waited_for_again_after_every_other_failure) {

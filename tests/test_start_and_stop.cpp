@@ -79,6 +79,7 @@ TEST_F(start_and_stop, stop_takes_the_component_off_the_bus_in_order_and_once) {
   subject.add_close_cb(stop_too);
   subject.m_running = true;
   reset();
+  before(CLOSE, [this] { EXPECT_EQ(-1, count(CLOSE) == 1 ? subject.m_data_fd : subject.m_mgmt_fd); });
   subject.stop();
   EXPECT_EQ("close first second first unregister ", happened) << "neighbours count once, and none is removed";
   EXPECT_EQ((std::vector{CLOSE, REMOVE, CLOSE, REMOVE}), calls());

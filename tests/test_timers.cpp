@@ -12,6 +12,7 @@ TEST_F(timers, run_on_a_clock_that_wraps_each_hour) {
                                                                    {3599.999, 3599999, 3600000, 900000},
                                                                    {3600, 0, 1, 900001},
                                                                    {7201.5, 1500, 1501, 901501},
+                                                                   {4300000.0019, 1600001, 1600002, 2500002},
                                                                    {2700, 2700000, 2700001, 1}};
   for (const auto& [seconds, stamp, at_once, longest] : rows) {
     fake_clock(seconds);

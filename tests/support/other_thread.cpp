@@ -9,7 +9,6 @@
 #include <string>
 #include <thread>
 
-#include "mutex_lock.h"
 #include "seam.h"
 
 namespace {
@@ -41,21 +40,23 @@ bool is_free(pthread_mutex_t& mutex) {
   return locked;
 }
 
-bool waits_for(pthread_mutex_t& mutex, const std::function<void()>& work) {
+bool sleeps_in(const std::function<void()>& work, const std::function<void()>& release) {
   std::atomic<long> thread{0};
   std::atomic<bool> done{false};
-  std::thread other;
-  bool waited = false;
-  {
-    const mutex_lock held(mutex);
-    other = std::thread([&] {
-      thread = syscall(SYS_gettid);
-      work();
-      done = true;
-    });
-    while (!done && !waited)
-      waited = thread != 0 && is_asleep(thread);
-  }
+  std::thread other([&] {
+    thread = syscall(SYS_gettid);
+    work();
+    done = true;
+  });
+  bool asleep = false;
+  while (!done && !asleep)
+    asleep = thread != 0 && is_asleep(thread);
+  release();
   other.join();
-  return waited;
+  return asleep;
+}
+
+bool waits_for(pthread_mutex_t& mutex, const std::function<void()>& work) {
+  pthread_mutex_lock(&mutex);
+  return sleeps_in(work, [&] { pthread_mutex_unlock(&mutex); });
 }

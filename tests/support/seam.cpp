@@ -248,9 +248,9 @@ int clock_gettime(clockid_t clock, struct timespec* time) noexcept {
   if (clock != CLOCK_MONOTONIC) return REAL(clock_gettime)(clock, time);
   if (fails(seam::CLOCK_GETTIME)) return -1;
   if (!clock_is_fake()) return REAL(clock_gettime)(clock, time);
-  const double milliseconds = std::round(fake_now * 1000);
-  time->tv_sec = static_cast<time_t>(milliseconds / 1000);
-  time->tv_nsec = static_cast<long>(milliseconds - 1000.0 * static_cast<double>(time->tv_sec)) * 1'000'000;
+  const auto microseconds = std::llround(fake_now * 1e6);
+  time->tv_sec = static_cast<time_t>(microseconds / 1'000'000);
+  time->tv_nsec = static_cast<long>(microseconds % 1'000'000 * 1000);
   return 0;
 }
 

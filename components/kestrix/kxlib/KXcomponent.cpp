@@ -334,7 +334,7 @@ int KXcomponent::await_datagram(int fd, bool timeout) const {
     const int ready = readable();
     if (own && !owns(fd)) return -1;
     if (ready >= 0) return ready;
-    if (load(m_data_fd) < 0) return -1;
+    if (errno == EBADF && load(m_data_fd) < 0) return -1;
     KX_LOG_WARNING_IN("rec_message", "select failed - %s", strerror(errno));
   }
 }
