@@ -25,26 +25,30 @@ raw_socket::~raw_socket() {
   unlink(m_path.c_str());
 }
 
-bool raw_socket::send(const std::string& path, const std::vector<unsigned char>& bytes) const {
+bool raw_socket::send(const std::string& path, const void* bytes, std::size_t size) const {
   const sockaddr_un address = socket_address(path);
-  const ssize_t sent = sendto(m_fd, bytes.data(), bytes.size(), MSG_DONTWAIT,
-                              reinterpret_cast<const sockaddr*>(&address), sizeof address);
-  return sent == static_cast<ssize_t>(bytes.size());
+  const ssize_t sent =
+      sendto(m_fd, bytes, size, MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  return sent == static_cast<ssize_t>(size);
+}
+
+bool raw_socket::send(const std::string& path, const std::vector<unsigned char>& bytes) const {
+  return send(path, bytes.data(), bytes.size());
 }
 
 bool raw_socket::send(const std::string& path, const KXmessage& message) const {
-  return send(path, bytes_of(message));
+  return send(path, message.m_header, static_cast<std::size_t>(message.datagram_size()));
 }
 
 std::vector<unsigned char> raw_socket::receive() const {
-  std::vector<unsigned char> bytes(2 * buffer_t::capacity);
+  unsigned char bytes[2 * buffer_t::capacity];
   sockaddr_un address = {};
   socklen_t length = sizeof address;
-  const ssize_t count = recvfrom(m_fd, bytes.data(), bytes.size(), MSG_DONTWAIT,
-                                 reinterpret_cast<sockaddr*>(&address), &length);
-  bytes.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
-  if (count > 0) m_sender = sender_path(address, length).text;
-  return bytes;
+  const ssize_t count =
+      recvfrom(m_fd, bytes, sizeof bytes, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&address), &length);
+  if (count <= 0) return {};
+  m_sender = sender_path(address, length).text;
+  return {bytes, bytes + count};
 }
 
 bool raw_socket::receive(KXmessage& message) const {

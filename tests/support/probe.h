@@ -125,6 +125,7 @@ class raw_socket {
   const std::string& path() const { return m_path; }
 
   // One non-blocking attempt each: whether it was sent; the next datagram's bytes, empty when there is none.
+  bool send(const std::string& path, const void* bytes, std::size_t size) const;
   bool send(const std::string& path, const std::vector<unsigned char>& bytes) const;
   bool send(const std::string& path, const KXmessage& message) const;
   std::vector<unsigned char> receive() const;

@@ -20,6 +20,7 @@
 #include <cstring>
 #include <utility>
 
+#include "memory_sockets.h"
 #include "trace.h"
 
 namespace {
@@ -54,6 +55,7 @@ std::atomic<std::size_t> record_count{0};
 std::vector<seam::failed_assertion> assertions;
 std::function<void()> idle;
 double fake_now = -1;
+bool in_memory = false;                  // the sockets
 std::atomic<bool> records_lines{false};  // from the first reset on
 thread_local bool arms = false;          // whether this thread is the one that armed the seam
 thread_local bool inside = false;        // whether it runs a hook
@@ -66,6 +68,9 @@ Function real(const char* name, Function) {
   return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 #define REAL(name) real(#name, &::name)
+
+// The same of a call on sockets, which may be in memory.
+#define NEXT(name) (arms && in_memory ? &memory_sockets::name : REAL(name))
 
 void run(std::function<void()> hook) {
   if (!hook || inside) return;
@@ -101,7 +106,8 @@ int waited(long long limit_ms) {
 
 bool clock_is_fake() { return arms && is_fake(fake_now); }
 
-int count_ready(const std::function<int()>& look) {
+template <typename Look>
+int count_ready(const Look& look) {
   int ready = look();
   if (ready != 0) return ready;
   run(idle);
@@ -129,6 +135,7 @@ void reset() {
   failing_allocation = 0;
   assertions.clear();
   idle = nullptr;
+  in_memory = false;
   fake_now = -1;
   opened_instead.clear();
   clear_lines();
@@ -158,6 +165,12 @@ void before(call_e call, std::function<void()> hook) { armed[call].hook = std::m
 void fake_clock(double seconds) { fake_now = seconds; }
 void advance(double seconds) { fake_now += seconds; }
 double now() { return fake_now; }
+
+void sockets_in_memory() {
+  memory_sockets::clear();
+  in_memory = true;
+}
+
 void when_idle(std::function<void()> hook) { idle = std::move(hook); }
 
 std::vector<log_line> lines() {
@@ -211,7 +224,7 @@ __attribute__((format(printf, 2, 3))) void syslog(int priority, const char* form
 
 // A call that only ever passes or fails.
 #define PASS_THROUGH(result, name, call, parameters, arguments, exceptions) \
-  result name parameters exceptions { return fails(seam::call) ? failure() : REAL(name) arguments; }
+  result name parameters exceptions { return fails(seam::call) ? failure() : NEXT(name) arguments; }
 
 PASS_THROUGH(int, access, ACCESS, (const char* path, int mode), (path, mode), noexcept)
 PASS_THROUGH(int, bind, BIND, (int fd, const struct sockaddr* address, socklen_t length),
@@ -231,14 +244,14 @@ PASS_THROUGH(int, setsockopt, SETSOCKOPT,
 int socket(int domain, int type, int protocol) noexcept {
   if (fails(seam::SOCKET)) return -1;
   if (arms) given_last.socket_type = type;
-  return REAL(socket)(domain, type, protocol);
+  return NEXT(socket)(domain, type, protocol);
 }
 
 // A descriptor is closed, whatever close reports.
 int close(int fd) {
   const bool failed = fails(seam::CLOSE);
   const int error = errno;
-  const int result = REAL(close)(fd);
+  const int result = NEXT(close)(fd);
   if (!failed) return result;
   errno = error;
   return -1;
@@ -260,7 +273,7 @@ int fcntl(int fd, int command, ...) {
   void* argument = va_arg(arguments, void*);
   va_end(arguments);
   if (fails(seam::FCNTL)) return -1;
-  return REAL(fcntl)(fd, command, argument);
+  return NEXT(fcntl)(fd, command, argument);
 }
 
 int open(const char* path, int flags, ...) {
@@ -270,7 +283,7 @@ int open(const char* path, int flags, ...) {
   va_end(arguments);
   if (fails(seam::OPEN)) return -1;
   if (arms) given_last.opened = path;
-  return REAL(open)(arms && !opened_instead.empty() ? opened_instead.c_str() : path, flags, mode);
+  return NEXT(open)(arms && !opened_instead.empty() ? opened_instead.c_str() : path, flags, mode);
 }
 
 int poll(struct pollfd* entries, nfds_t count, int timeout) {
@@ -280,10 +293,10 @@ int poll(struct pollfd* entries, nfds_t count, int timeout) {
     given_last.poll_timeouts.push_back(timeout);
   }
   if (fails(seam::POLL)) return waited(timeout), -1;
-  if (!clock_is_fake()) return REAL(poll)(entries, count, timeout);
-  const int ready = count_ready([=] { return REAL(poll)(entries, count, 0); });
+  if (!clock_is_fake()) return NEXT(poll)(entries, count, timeout);
+  const int ready = count_ready([=] { return NEXT(poll)(entries, count, 0); });
   if (ready != 0) return ready;
-  if (timeout < 0) return REAL(poll)(entries, count, timeout);
+  if (timeout < 0) return NEXT(poll)(entries, count, timeout);
   seam::advance(timeout / 1000.0);
   return 0;
 }
@@ -293,22 +306,24 @@ int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, s
     if (limit != nullptr) limit->tv_sec -= waited(1000ll * limit->tv_sec) / 1000;
     return -1;
   }
-  if (!clock_is_fake()) return REAL(select)(count, readable, writable, exceptional, limit);
+  if (!clock_is_fake()) return NEXT(select)(count, readable, writable, exceptional, limit);
   const fd_set asked = *readable;
   const int ready = count_ready([=] {
     *readable = asked;
     struct timeval none = {0, 0};
-    return REAL(select)(count, readable, writable, exceptional, &none);
+    return NEXT(select)(count, readable, writable, exceptional, &none);
   });
   if (ready != 0) return ready;
   if (limit == nullptr) {
     *readable = asked;
-    return REAL(select)(count, readable, writable, exceptional, nullptr);
+    return NEXT(select)(count, readable, writable, exceptional, nullptr);
   }
   seam::advance(static_cast<double>(limit->tv_sec) + static_cast<double>(limit->tv_usec) / 1e6);
   *limit = {0, 0};
   return 0;
 }
+
+int unlink(const char* path) noexcept { return NEXT(unlink)(path); }
 
 unsigned int sleep(unsigned int seconds) {
   if (fails(seam::SLEEP)) return seconds;
@@ -320,12 +335,17 @@ unsigned int sleep(unsigned int seconds) {
   return static_cast<unsigned int>(seconds - cut_after);
 }
 
+// There are no timers in memory.
+int timerfd_create(int clock, int flags) noexcept {
+  return arms && in_memory ? -1 : REAL(timerfd_create)(clock, flags);
+}
+
 int timerfd_settime(int fd, int flags, const struct itimerspec* next, struct itimerspec* former) noexcept {
   if (clock_is_fake()) {
     timer_fd = fd;
     timer_end = fake_now + static_cast<double>(next->it_value.tv_sec);
   }
-  return REAL(timerfd_settime)(fd, flags, next, former);
+  return fd < 0 ? -1 : REAL(timerfd_settime)(fd, flags, next, former);
 }
 
 ssize_t read(int fd, void* to, size_t size) {

@@ -93,6 +93,9 @@ void advance(double seconds);
 double now();
 void when_idle(std::function<void()> hook);
 
+// From now on sockets and their files are those of memory_sockets.h. For the fake clock.
+void sockets_in_memory();
+
 // Lines written since reset; whether one contains `text`; how many do.
 std::vector<log_line> lines();
 bool logged(const std::string& text);
