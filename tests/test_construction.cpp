@@ -1,5 +1,6 @@
 #include <csignal>
 #include <filesystem>
+#include <memory>
 
 #include "component_test.h"
 
@@ -68,16 +69,18 @@ TEST_F(construction, makes_sockets_that_do_not_block_and_do_not_outlive_an_exec)
 TEST_F(construction, takes_its_directory_and_its_signals_from_the_settings) {
   using cfg = KXcomponent::ExtraCfg;
   constexpr cfg signals = {nullptr, true}, sub = {"media", false}, both = {"media", true}, here = {"", false};
+  constexpr const cfg* none = nullptr;
   EXPECT_EQ("/tmp/kxcore/c 4", place_of<component_probe>());
   EXPECT_EQ("/tmp/kxcore/c 4", place_of<client_probe>());
-  EXPECT_EQ("/tmp/kxcore/media/c 0", place_of<component_probe>(&sub));
-  EXPECT_EQ("/tmp/kxcore/media/c 4", place_of<client_probe>(&both));
+  EXPECT_EQ("/tmp/kxcore/c 0", place_of<component_probe>(none));
+  EXPECT_EQ("/tmp/kxcore/c 0", place_of<client_probe>(none));
   EXPECT_EQ("/tmp/kxcore/c 4", place_of<component_probe>(&signals));
   EXPECT_EQ("/tmp/kxcore//c 0", place_of<client_probe>(&here));
-  for (const cfg* const none : {static_cast<const cfg*>(nullptr)}) {
-    EXPECT_EQ("/tmp/kxcore/c 0", place_of<component_probe>(none));
-    EXPECT_EQ("/tmp/kxcore/c 0", place_of<client_probe>(none));
-  }
+  EXPECT_EQ("/tmp/kxcore/media/c 4", place_of<client_probe>(&both));
+  reset();
+  fake_clock(100);
+  EXPECT_EQ("/tmp/kxcore/media/c 0", place_of<component_probe>(&sub));
+  EXPECT_EQ("/tmp/kxcore/:0777 /tmp/kxcore/media/:0777 ", given().directories);
 }
 
 TEST_F(construction, takes_the_place_of_the_files_that_stand_there) {
@@ -88,25 +91,28 @@ TEST_F(construction, takes_the_place_of_the_files_that_stand_there) {
 }
 
 TEST_F(construction, makes_the_last_component_the_one_that_signals_end) {
-  {
-    const component_probe second("second", nullptr);
-    EXPECT_EQ(&second, KXcomponent::static_kxc);
-    fail(BIND, EACCES);
-    EXPECT_THROW(component_probe("third", nullptr), KXerror::error_e);
-    EXPECT_EQ(&second, KXcomponent::static_kxc) << "one that is not there";
-  }
+  auto first = std::make_unique<component_probe>("first", nullptr);
+  const component_probe second("second", nullptr);
+  fail(BIND, EACCES);
+  EXPECT_THROW(component_probe("third", nullptr), KXerror::error_e);
+  EXPECT_EQ(&second, KXcomponent::static_kxc) << "not one that is not there";
+  first.reset();
   EXPECT_EQ(nullptr, KXcomponent::static_kxc) << "whichever was destroyed";
 }
 
 TEST_F(construction, that_fails_leaves_nothing_behind) {
   const auto before = open_descriptors();
+  for (const int signal : termination_signals)
+    std::signal(signal, SIG_IGN);
   for (const std::string path : {"/tmp/kxcore/x", "/tmp/kxcore/x-d"}) {
     fail(BIND, EACCES, 1, path.back() == 'd' ? 1 : 0);
-    EXPECT_THROW(component_probe("x", nullptr), KXerror::error_e);
+    fail(CLOSE, EIO, 1);
+    EXPECT_THROW(component_probe("x"), KXerror::error_e);
     EXPECT_EQ(EACCES, errno);
     EXPECT_EQ(before, open_descriptors()) << path;
     EXPECT_NE(0, access("/tmp/kxcore/x", F_OK)) << path;
     EXPECT_TRUE(logged("(create_socket) - bind of unixsocket " + path + " failed - Permission denied"));
+    EXPECT_EQ(0, handled_signals());
   }
 }
 

@@ -26,7 +26,7 @@ TEST_F(datagrams, carry_header_and_payload_from_the_sockets_own_path) {
 
 TEST_F(datagrams, are_offered_three_times_a_second_apart) {
   const char* const expected[] = {"", "f0r1s1", "f0r1f1r2s2", "f0r1f1r2f2"};
-  for (const int error : {EAGAIN, 0}) {  // 0: fewer bytes were sent
+  for (const int error : {EAGAIN, EINTR, 0}) {  // 0: fewer bytes were sent
     for (int failures = 0; failures <= 3; ++failures) {
       reset();
       fake_clock(10);
@@ -46,6 +46,14 @@ TEST_F(datagrams, are_offered_three_times_a_second_apart) {
       EXPECT_EQ(failures == 3, logged("!!!sending message to /tmp/kxcore/other: "));
     }
   }
+}
+
+TEST_F(datagrams, do_not_wait_for_room_on_a_socket_that_blocks) {
+  const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+  for (int sent = 14; sent > 0;)
+    sent = c.send_message_to(fd, other.path().c_str(), message);
+  EXPECT_EQ(102, now());
+  close(fd);
 }
 
 TEST_F(datagrams, wait_a_second_whatever_signals_cut_short_and_without_a_clock) {
@@ -94,18 +102,28 @@ TEST_F(datagrams, are_waited_for_without_limit_where_none_is_asked_for) {
 }
 
 TEST_F(datagrams, are_received_whole_into_a_message_that_was_used_before) {
-  for (const int length : {0, 13, 14, 20, 2048}) {
+  for (const int sent : {0, 13, 14, 20, 2048, 2049}) {
+    const int length = std::min(sent, 2048);
     std::vector<unsigned char> bytes = bytes_of(make_message(0x01020304, 0x05060708, MSG_RSP, 9, 0x0A0B0C0D));
-    bytes.resize(static_cast<std::size_t>(length), 0xAB);
+    bytes.resize(static_cast<std::size_t>(sent), 0xAB);
     EXPECT_TRUE(other.send(c.m_data_socket_name, bytes));
     message.size = message.pos = 7;
     peer.addrlen = 0;
     EXPECT_EQ(length, receive(c.m_data_fd));
     EXPECT_EQ((ints{std::max(length - 14, 0), 0, 20, length}), left());
-    EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(), message.data)) << length;
+    EXPECT_TRUE(std::equal(message.data, message.data + length, bytes.begin())) << length;
     EXPECT_EQ(other.path(), peer.addr.sun_path);
   }
   EXPECT_FALSE(logged("incr_size"));
+}
+
+TEST_F(datagrams, are_received_within_the_storage_where_the_header_is_not_at_its_start) {
+  KXmessage whole;
+  whole.size = 2034;
+  c.send_message_to(c.m_data_fd, c.m_data_socket_name.c_str(), whole);
+  message.offset += 100;
+  message = KXmessage(message);
+  EXPECT_EQ(1948, receive(c.m_data_fd));
 }
 
 TEST_F(datagrams, show_no_sender_that_is_not_theirs) {
@@ -137,19 +155,25 @@ TEST_F(datagrams, that_cannot_be_read_leave_an_empty_payload_and_no_sender) {
   EXPECT_TRUE(logged("Received message from  (id=6)"));
 }
 
-// By a handler, while the wait fails, or while its time passes.
+// A handler has closed it; the wait fails, or finds something on the descriptor that has its number by now.
 TEST_F(datagrams, are_not_waited_for_on_a_socket_that_stop_has_closed) {
-  for (const int failures : {9, 0}) {
-    reset();
-    fake_clock(100);
-    component_probe own("own", nullptr);
-    const int fd = own.m_data_fd;
-    before(SELECT, [&] { own.stop(); });
-    fail(SELECT, EBADF, failures);
-    for (const int closed : {fd, fd, -1})
-      EXPECT_EQ(-1, own.rec_message(closed, message, true, peer));
-    EXPECT_EQ((ints{2, 0}), (ints{count(SELECT), count(RECVFROM)})) << "it may be somebody else's by now";
-    EXPECT_EQ(3, times_logged("(rec_message) - Socket is closed => unable to receive msg"));
+  send(c.m_data_socket_name);
+  for (const bool data : {true, false}) {
+    for (const bool is_taken : {true, false}) {
+      component_probe own("own", nullptr);
+      const int fd = data ? own.m_data_fd : own.m_mgmt_fd;
+      before(SELECT, [&] {
+        own.stop();
+        if (is_taken) dup2(c.m_data_fd, fd);
+      });
+      clear_lines();
+      fail(SELECT, EBADF, is_taken ? 0 : 9);
+      EXPECT_EQ(-1, own.rec_message(fd, message, true, peer));
+      EXPECT_EQ(0, count(RECVFROM)) << data << is_taken;
+      EXPECT_TRUE(logged("(rec_message) - Socket is closed => unable to receive msg"));
+      if (is_taken) close(fd);
+      EXPECT_EQ(-1, own.rec_message(is_taken ? -1 : fd, message, true, peer)) << "closed before";
+    }
   }
 }
 

@@ -83,6 +83,21 @@ TEST_F(registry, unlists_a_connection_whose_siid_was_never_bound) {
   c.remove_connection(nullptr);
 }
 
+TEST_F(registry, hands_one_message_to_all_who_share_a_siid_as_each_leaves_it) {
+  int sum = 0;
+  for (connection* const each : {&a, &b}) {
+    bind(*each);
+    each->on_message = [&sum](KXmessage& shared) {
+      int value = 0;
+      shared >> value;
+      sum = 10 * sum + value;
+    };
+  }
+  message << 1, message << 2;
+  c.deliver(message);
+  EXPECT_EQ(12, sum);
+}
+
 TEST_F(registry, hands_a_message_for_nobody_to_nobody) {
   bind(s);
   s.on_message = [](KXmessage&) { ADD_FAILURE(); };

@@ -109,6 +109,14 @@ TEST_F(signals, have_their_lines_also_when_the_loop_is_left_by_an_exception) {
   EXPECT_EQ(1, times_logged("received from"));
   take();
   EXPECT_EQ(2, times_logged("received from")) << "where no loop runs the handler writes it";
+  c.m_timers.clear();
+  c.on_mgmt = [&](int) { unread(); };
+  run_in_loop([&] { take(), c.m_running = false; });
+  std::string last;
+  for (const log_line& line : lines())
+    if (line.text.find("received from") + line.text.find("Exit polling") + 1 < line.text.size())
+      last = line.text;
+  EXPECT_NE(std::string::npos, last.find("Exit polling loop")) << last;
 }
 
 TEST_F(signals, send_no_kill_message_while_64_are_unserved) {

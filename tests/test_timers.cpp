@@ -77,6 +77,13 @@ TEST_F(timers, keep_the_timeout_that_was_asked_for_and_expire_after_a_quarter_of
   EXPECT_EQ((pairs{{2000, 102001}, {-1000, 1000001}, {-1000, 1000001}, {1000000, 1000001}}), found);
 }
 
+TEST_F(timers, count_from_the_call_also_when_the_mutex_has_to_be_waited_for) {
+  pthread_mutex_lock(&c.m_mutex);
+  const auto arm = [&] { enlist(), c.add_msec_timer(0, nullptr, call, 1); };
+  EXPECT_TRUE(sleeps_in(arm, [&] { advance(5), pthread_mutex_unlock(&c.m_mutex); }));
+  EXPECT_EQ(100001u, c.m_timers.front().ato);
+}
+
 TEST_F(timers, are_known_by_context_handler_and_cookie) {
   int context = 0, other_context = 0;
   const std::tuple<void*, KXcomponent::handler_t, int> strangers[] = {
@@ -87,6 +94,7 @@ TEST_F(timers, are_known_by_context_handler_and_cookie) {
                                      c.has_timer(&context, call, 1)}));
   }
   c.add_msec_timer(100, &context, call, 1);
+  EXPECT_EQ(1, c.has_timer(&context, call, 1)) << "of two";
   c.del_timer(&context, call, 1);
   ASSERT_EQ(1u, c.m_timers.size()) << "of two equal ones";
   EXPECT_EQ(500, c.m_timers.front().to) << "the later one";

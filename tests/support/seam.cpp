@@ -131,6 +131,8 @@ void reset() {
   given_last.poll_timeouts.clear();
   given_last.poll_timeouts.reserve(1 << 12);
   given_last.opened.reserve(64);
+  given_last.directories.clear();
+  given_last.directories.reserve(1024);
   assertions.reserve(1 << 10);
   failing_allocation = 0;
   assertions.clear();
@@ -229,7 +231,6 @@ __attribute__((format(printf, 2, 3))) void syslog(int priority, const char* form
 PASS_THROUGH(int, access, ACCESS, (const char* path, int mode), (path, mode), noexcept)
 PASS_THROUGH(int, bind, BIND, (int fd, const struct sockaddr* address, socklen_t length),
              (fd, address, length), noexcept)
-PASS_THROUGH(int, mkdir, MKDIR, (const char* path, mode_t mode), (path, mode), noexcept)
 PASS_THROUGH(ssize_t, recvfrom, RECVFROM,
              (int fd, void* to, size_t size, int flags, struct sockaddr* from, socklen_t* length),
              (fd, to, size, flags, from, length), )
@@ -240,6 +241,12 @@ PASS_THROUGH(ssize_t, sendto, SENDTO,
 PASS_THROUGH(int, setsockopt, SETSOCKOPT,
              (int fd, int level, int option, const void* value, socklen_t length),
              (fd, level, option, value, length), noexcept)
+
+int mkdir(const char* path, mode_t mode) noexcept {
+  if (fails(seam::MKDIR)) return -1;
+  if (arms && !in_memory) given_last.directories.append(path).append(mode == 0777 ? ":0777 " : ":? ");
+  return NEXT(mkdir)(path, mode);
+}
 
 int socket(int domain, int type, int protocol) noexcept {
   if (fails(seam::SOCKET)) return -1;

@@ -55,6 +55,7 @@ struct arguments {
   nfds_t polled_count;
   std::vector<int> poll_timeouts;  // of all polls
   std::string opened;
+  std::string directories;  // all that were made, with their modes
 };
 const arguments& given();
 
