@@ -156,11 +156,12 @@ TEST_F(client_component, sets_aside_whole_messages_that_are_not_its_reply) {
 TEST_F(client_component, stores_nothing_of_a_refusal_and_the_siid_alone_when_it_is_taken) {
   proxy_probe first(&component), second(&component);
   component.bind_siid(12, &first);
-  for (const auto& [type, siid, result, state] :
-       {std::tuple{MSG_ERR, 12, 10 * KXerror::ERR_ERROR_REPLY, "s 0 -1 -1 0 0 0"},
-        {MSG_RSP, 12, 10 * KXerror::ERR_SIID_PRESENT, "s 0 12 -1 0 0 0"},
-        {MSG_RSP, 13, 1, "s 0 13 -1 -1 -1 -1"}}) {
-    answer(type, {siid});
+  using row = std::tuple<msg_type_e, std::vector<int>, int, const char*>;
+  for (const auto& [type, grant, result, state] :
+       {row{MSG_ERR, {12, 40, 1000, 2000}, 10 * KXerror::ERR_ERROR_REPLY, "s 0 -1 -1 0 0 0"},
+        row{MSG_RSP, {12, 40, 1000, 2000}, 10 * KXerror::ERR_SIID_PRESENT, "s 0 12 -1 0 0 0"},
+        row{MSG_RSP, {13, 40}, 1, "s 0 13 40 -1 -1 -1"}}) {
+    answer(type, grant);
     int ended = 0;
     try {
       ended = second.subscribe_synchronous("s");

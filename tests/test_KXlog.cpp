@@ -30,11 +30,6 @@ TEST_F(log_macros, write_nothing_without_a_trace_object) {
   EXPECT_TRUE(seam::lines().empty());
 }
 
-TEST_F(log_macros, name_level_file_line_and_function) {
-  KX_LOG_DEBUG2_IN("f", "%d", 7);
-  EXPECT_EQ("[DEBUG2] test_KXlog:" + std::to_string(__LINE__ - 1) + " (f) - 7", seam::lines().at(0).text);
-}
-
 TEST_F(log_macros, keep_errno_and_hold_termination_signals_back_while_a_line_is_written) {
   sigset_t during, after;
   errno = 5;
