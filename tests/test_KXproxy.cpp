@@ -158,7 +158,7 @@ TEST_F(proxy, leaves_what_it_set_aside_to_a_loop_on_another_thread) {
       core.data.send(component.m_data_socket_name, make_message(40, 8, MSG_RSP, 1, id));
   });
   EXPECT_EQ(1, subject.proxy_send(message));
-  component.sendKillMsgToSelf();
+  core.mgmt.send(component.m_mgmt_socket_name, make_message(1, 1, MSG_SIG, CMD_KILL_COMPONENT, 0));
   loop.wait();
   EXPECT_TRUE(served) << "before the kill message";
   EXPECT_FALSE(logged("Receive message timeout")) << "of data that is taken";
