@@ -32,6 +32,7 @@ TEST_F(client_component, waits_for_the_core_and_counts_the_lines_that_it_writes)
 TEST_F(client_component, registers_in_its_sub_directory_and_withdraws) {
   const KXcomponent::ExtraCfg cfg = {"sub", false};
   client_probe below("c", &cfg);
+  EXPECT_EQ("/tmp/kxcore/sub/c", below.m_mgmt_socket_name);
   answer_path(MSG_RSP, "/d");
   below.register_component();
   EXPECT_EQ("/d", below.m_kxcore_data_socket_name);
@@ -80,12 +81,12 @@ TEST_F(client_component, addresses_each_command_and_stores_what_its_reply_grants
     };
     if (kind != 'n') core.reply(MSG_RSP, grant);
     KXmessage message = make_message(7, 9, MSG_ERR, cmd, 5);
+    message << true, message.pos = 2;
     const int waits = count(SELECT);
     EXPECT_TRUE(component.interconnect_service(&subject, message));
     EXPECT_EQ(kind == 'n' ? 0 : 1, count(SELECT) - waits);
-    EXPECT_EQ(
-        (kind == 'n' ? " 00 00 00 01 00 00 00 01 04" : " 00 00 00 01 00 00 00 01 01") + hex(std::vector{cmd}),
-        asked());
+    const std::string head = " 00 00 00 01 00 00 00 01 ";
+    EXPECT_EQ(head + (kind == 'n' ? "04" : "01") + hex(std::vector{cmd}) + " 09 01", asked());
     EXPECT_EQ(kind == 's'   ? " -1 12 40 1000 2000 0"
               : kind == 'o' ? " -1 12 -1 0 0 0"
                             : " -1 -1 -1 0 0 0",
