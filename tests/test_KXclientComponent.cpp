@@ -32,6 +32,7 @@ TEST_F(client_component, waits_for_the_core_and_counts_the_lines_that_it_writes)
 TEST_F(client_component, registers_in_its_sub_directory_and_withdraws) {
   const KXcomponent::ExtraCfg cfg = {"sub", false};
   client_probe below("c", &cfg);
+  EXPECT_EQ("/tmp/kxcore/sub/c", below.m_mgmt_socket_name);
   answer_path(MSG_RSP, "/d");
   below.register_component();
   EXPECT_EQ("/d", below.m_kxcore_data_socket_name);
@@ -80,12 +81,12 @@ TEST_F(client_component, addresses_each_command_and_stores_what_its_reply_grants
     };
     if (kind != 'n') core.reply(MSG_RSP, grant);
     KXmessage message = make_message(7, 9, MSG_ERR, cmd, 5);
+    message << true, message.pos = 2;
     const int waits = count(SELECT);
     EXPECT_TRUE(component.interconnect_service(&subject, message));
     EXPECT_EQ(kind == 'n' ? 0 : 1, count(SELECT) - waits);
-    EXPECT_EQ(
-        (kind == 'n' ? " 00 00 00 01 00 00 00 01 04" : " 00 00 00 01 00 00 00 01 01") + hex(std::vector{cmd}),
-        asked());
+    const std::string head = " 00 00 00 01 00 00 00 01 ";
+    EXPECT_EQ(head + (kind == 'n' ? "04" : "01") + hex(std::vector{cmd}) + " 09 01", asked());
     EXPECT_EQ(kind == 's'   ? " -1 12 40 1000 2000 0"
               : kind == 'o' ? " -1 12 -1 0 0 0"
                             : " -1 -1 -1 0 0 0",
@@ -156,11 +157,12 @@ TEST_F(client_component, sets_aside_whole_messages_that_are_not_its_reply) {
 TEST_F(client_component, stores_nothing_of_a_refusal_and_the_siid_alone_when_it_is_taken) {
   proxy_probe first(&component), second(&component);
   component.bind_siid(12, &first);
-  for (const auto& [type, siid, result, state] :
-       {std::tuple{MSG_ERR, 12, 10 * KXerror::ERR_ERROR_REPLY, "s 0 -1 -1 0 0 0"},
-        {MSG_RSP, 12, 10 * KXerror::ERR_SIID_PRESENT, "s 0 12 -1 0 0 0"},
-        {MSG_RSP, 13, 1, "s 0 13 -1 -1 -1 -1"}}) {
-    answer(type, {siid});
+  using row = std::tuple<msg_type_e, std::vector<int>, int, const char*>;
+  for (const auto& [type, grant, result, state] :
+       {row{MSG_ERR, {12, 40, 1000, 2000}, 10 * KXerror::ERR_ERROR_REPLY, "s 0 -1 -1 0 0 0"},
+        row{MSG_RSP, {12, 40, 1000, 2000}, 10 * KXerror::ERR_SIID_PRESENT, "s 0 12 -1 0 0 0"},
+        row{MSG_RSP, {13, 40}, 1, "s 0 13 40 -1 -1 -1"}}) {
+    answer(type, grant);
     int ended = 0;
     try {
       ended = second.subscribe_synchronous("s");

@@ -15,6 +15,7 @@ TEST_F(message, copies_are_complete_and_have_a_header_of_their_own) {
   source << "abc";
   source.offset = 20, source.size = 1, source.pos = 1, source.data[2047] = 5;
   assigned = source;
+  assigned = *&assigned;
   KXmessage constructed(source);
   source.m_header->cmd = source.data[2047] = 6;
   for (const KXmessage* const copy : {&constructed, &assigned}) {
