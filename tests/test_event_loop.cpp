@@ -1,3 +1,4 @@
+#include <atomic>
 #include <cmath>
 #include <optional>
 
@@ -81,45 +82,65 @@ TEST_F(event_loop, arms_a_repeating_timer_again_when_its_handler_is_done) {
 }
 
 TEST_F(event_loop, reports_a_timer_that_is_not_the_head_any_more_when_it_has_fired) {
+  enum { NO_OTHER, OF_ITS_COOKIE, OF_ITS_CONTEXT, OF_ITS_HANDLER };  // and in the rest like the other two
   struct row {
-    bool deletes_itself, another_is_first;
+    bool deletes_itself;
+    int first;
     int result;
     const char* reported;
     bool is_armed;
   };
   constexpr char alone[] = "Callback function removed itself from list of timers (list of timers is empty)";
   constexpr char behind[] = "Callback function removed itself from list of timers";
-  for (const auto& [deletes_itself, another_is_first, result, reported, is_armed] :
-       {row{false, false, 0, "", true}, row{false, false, -1, "", false}, row{true, false, 0, alone, true},
-        row{true, false, -1, alone, false}, row{true, true, 0, behind, true},
-        row{false, true, -1, behind, true}}) {
+  for (const row& each :
+       {row{false, NO_OTHER, 0, "", true}, row{false, NO_OTHER, -1, "", false},
+        row{true, NO_OTHER, 0, alone, true}, row{true, NO_OTHER, -1, alone, false},
+        row{true, OF_ITS_COOKIE, 0, behind, true}, row{true, OF_ITS_CONTEXT, -1, behind, false},
+        row{true, OF_ITS_HANDLER, -1, behind, false}, row{false, OF_ITS_COOKIE, -1, behind, true}}) {
+    SCOPED_TRACE(std::to_string(each.deletes_itself) + std::to_string(each.first) +
+                 std::to_string(each.result));
     reset();
     fake_clock(100);
     component_probe own("own", nullptr);
-    handler fire = [&, itself = deletes_itself, other = another_is_first, kept = result](int) {
-      if (itself) own.del_timer(&fire, call, 1);
-      if (other) own.add_msec_timer(0, nullptr, call, 2);
-      return own.m_running = false, kept;
+    handler fire;
+    void* const other_context = each.first == OF_ITS_CONTEXT ? nullptr : &fire;
+    const auto other_handler = each.first == OF_ITS_HANDLER ? [](void*, int) { return -1; } : call;
+    const int other_cookie = each.first == OF_ITS_COOKIE ? 2 : 1;
+    fire = [&](int) {
+      if (each.deletes_itself) own.del_timer(&fire, call, 1);
+      if (each.first != NO_OTHER) own.add_msec_timer(0, other_context, other_handler, other_cookie);
+      return own.m_running = false, each.result;
     };
     own.add_msec_timer(50, &fire, call, 1);
     before(POLL, [&] { own.m_timers.front().ato += 50; });  // it fires early, so that others come before it
     own.wait(true);
-    const std::string found = logged(alone) ? alone : logged(behind) ? behind : "";
-    EXPECT_EQ(reported, found) << deletes_itself << another_is_first << result;
-    EXPECT_EQ(found.empty() ? 0u : 1u, failed_assertions().size());
-    EXPECT_EQ(is_armed, own.has_timer(&fire, call, 1) == 1) << deletes_itself << another_is_first << result;
-    EXPECT_EQ(another_is_first, own.has_timer(nullptr, call, 2) == 1) << "another timer was removed";
+    EXPECT_EQ(each.reported, std::string(logged(alone) ? alone : logged(behind) ? behind : ""));
+    EXPECT_EQ(each.reported[0] == '\0' ? 0u : 1u, failed_assertions().size());
+    EXPECT_EQ(each.is_armed, own.has_timer(&fire, call, 1) == 1);
+    EXPECT_TRUE(each.first == NO_OTHER || own.has_timer(other_context, other_handler, other_cookie) == 1);
   }
 }
 
+// The mutex is held by that thread until the line is there.
 TEST_F(event_loop, says_so_when_another_thread_has_removed_the_timer_that_was_waited_for) {
+  std::thread other;
   c.add_msec_timer(5, nullptr, call, 1);
   before(POLL, [&] {
-    if (count(POLL) == 1) on_another_thread([&] { c.del_timer(nullptr, call, 1); });
     if (count(POLL) == 2) c.sendKillMsgToSelf();
+    if (count(POLL) > 1) return;
+    std::atomic<bool> removed{false};
+    other = std::thread([&] {
+      pthread_mutex_lock(&c.m_mutex);
+      c.del_timer(nullptr, call, 1);
+      for (removed = true; !logged("(wait) - got a time out while there is no timer\n");)
+        std::this_thread::yield();
+      pthread_mutex_unlock(&c.m_mutex);
+    });
+    while (!removed)
+      std::this_thread::yield();
   });
   c.wait(true);
-  EXPECT_TRUE(logged("(wait) - got a time out while there is no timer\n"));
+  other.join();
 }
 
 TEST_F(event_loop, looks_at_no_entry_behind_a_closed_descriptor_and_stops) {

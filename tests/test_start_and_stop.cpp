@@ -87,6 +87,7 @@ TEST_F(start_and_stop, stop_takes_the_component_off_the_bus_in_order_and_once) {
   EXPECT_NE(0, access("/tmp/kxcore/hooked", F_OK));
   EXPECT_NE(0, access("/tmp/kxcore/hooked-d", F_OK));
   EXPECT_EQ((ints{true, 2}), (ints{subject.m_running, subject.m_nfds})) << "they are the loop's";
+  EXPECT_EQ(3u, subject.m_connections.size());
   EXPECT_EQ(&subject, KXcomponent::static_kxc);
   EXPECT_EQ(stop_too, subject.m_close_cb);
   subject.stop();

@@ -133,6 +133,7 @@ TEST_F(beside_the_loop, a_call_leaves_the_loop_nothing_to_wait_for_in_vain) {
   run_serving([&] { call_beside(); });
   EXPECT_EQ(1, result);
   EXPECT_EQ(100, now()) << "it waited for a datagram that the call had taken";
+  EXPECT_EQ(2, times_logged("RX : [INTERCONNECT]->[INTERCONNECT] : SIG : ")) << "it was woken for nothing";
 }
 
 TEST_F(beside_the_loop, the_loop_receives_again_after_a_call) {
