@@ -17,6 +17,7 @@ class client_component : public core_test {
 
 TEST_F(client_component, waits_for_the_core_and_counts_the_lines_that_it_writes) {
   rename("/tmp/kxcore/kxcore", "/tmp/kxcore/absent");
+  fail(ACCESS, EACCES);
   before(SLEEP, [] {
     trace_level(count(SLEEP) < 2 ? 5 : 6);
     if (count(SLEEP) == 4) rename("/tmp/kxcore/absent", "/tmp/kxcore/kxcore");
@@ -40,6 +41,7 @@ TEST_F(client_component, registers_in_its_sub_directory_and_withdraws) {
   fail(SENDTO, EAGAIN, 3);
   below.unregister_component();
   EXPECT_EQ(1, times_logged("unregistered component [c]\n")) << "the second notice was not sent";
+  EXPECT_EQ("/d", below.m_kxcore_data_socket_name);
   core.serve();
   EXPECT_EQ(0x11111111u, ntohl(core.received.at(0).m_header->msg_id));
   EXPECT_EQ(0x22222222u, ntohl(core.received.at(1).m_header->msg_id));
@@ -79,7 +81,7 @@ TEST_F(client_component, addresses_each_command_and_stores_what_its_reply_grants
         reply << value;
       reply.m_header->cmd = CMD_NONE;  // it does not matter
     };
-    if (kind != 'n') core.reply(MSG_RSP, grant);
+    if (kind != 'n') core.reply(cmd % 2 == 0 ? MSG_RSP : MSG_REQ, grant);
     KXmessage message = make_message(7, 9, MSG_ERR, cmd, 5);
     message << true, message.pos = 2;
     const int waits = count(SELECT);
@@ -137,8 +139,10 @@ TEST_F(client_component, sets_aside_whole_messages_that_are_not_its_reply) {
     arrive(component.m_mgmt_socket_name, "0 0 0 1 0 0 0 1 3 B " + id);
   answer(MSG_SIG);
   KXmessage message = make_message(1, 1, MSG_NONE, CMD_KILL_COMPONENT, 5);
+  component.m_running = true;
   EXPECT_TRUE(component.interconnect_service(nullptr, message));
   EXPECT_EQ(hex("0 0 0 1 0 0 0 1 4 B 0 0 0 5"), bytes_of(message));
+  EXPECT_TRUE(component.m_running);
   arrive(component.m_mgmt_socket_name, "");
   EXPECT_FALSE(component.interconnect_service(nullptr, message)) << "an empty datagram came";
   std::string warnings, queue;

@@ -1,7 +1,9 @@
 #include <fstream>
+#include <memory>
 #include <tuple>
 
 #include "component_test.h"
+#include "signal_notes.h"
 
 class signals : public component {
  protected:
@@ -32,7 +34,9 @@ class signals : public component {
 };
 
 TEST_F(signals, make_the_component_send_itself_the_kill_message) {
+  clear_lines();
   take();
+  EXPECT_NE(std::string::npos, lines().at(0).text.find("received from")) << "and says so before";
   EXPECT_EQ((ints{CMD_KILL_COMPONENT}), unread());
   EXPECT_EQ(hex("0 0 0 1 0 0 0 1 4 B 33 33 33 33"), bytes_of(message));
   EXPECT_TRUE(logged("(rec_message) - Received message from /tmp/kxcore/comp"));
@@ -40,6 +44,7 @@ TEST_F(signals, make_the_component_send_itself_the_kill_message) {
 
 TEST_F(signals, are_not_handled_where_no_component_runs) {
   c.m_running = false;
+  trace_level(3);
   take(SIGINT);
   EXPECT_TRUE(logged("(sig_handler) - Signal Interrupt (2) not handled: component already stopped"));
   c.m_running = true;
@@ -137,6 +142,22 @@ TEST_F(signals, send_no_kill_message_while_64_are_unserved) {
     c.m_running = false;
   });
   EXPECT_EQ(70, times_logged("received from")) << "also those for whose notes there was no room";
+}
+
+TEST_F(signals, leave_up_to_64_notes_in_their_order) {
+  auto notes = std::make_unique<signal_notes>();
+  signal_note note;
+  int taken = 0;
+  for (int added = 0; added < 200; ++added) {
+    take_note(note, added, 1);
+    if (added - taken == signal_notes::capacity) {
+      EXPECT_FALSE(notes->add(note));
+      signal_note oldest;
+      EXPECT_TRUE(notes->take(oldest));
+      EXPECT_EQ(taken++, oldest.signal);
+    }
+    EXPECT_TRUE(notes->add(note)) << added;
+  }
 }
 
 TEST_F(signals, try_again_after_a_kill_message_that_could_not_be_sent) {

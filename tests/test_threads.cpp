@@ -163,6 +163,15 @@ TEST_F(beside_the_loop, receiving_holds_the_mutex) {
   EXPECT_EQ((ints{1}), received);
 }
 
+TEST_F(beside_the_loop, what_is_only_sent_waits_for_no_call) {
+  answer(MSG_RSP, {13, 40, 1000, 2000});
+  proxy_probe asking(&component);
+  asking.subscribe_asynchronous("get", nullptr);
+  KXmessage request;
+  EXPECT_FALSE(waits_for(component.m_mutex, [&] { EXPECT_EQ(1, asking.proxy_send(request)); }));
+  component.remove_connection(&asking);
+}
+
 using threads = component;
 
 TEST_F(threads, arm_and_remove_while_the_loop_runs) {

@@ -344,6 +344,7 @@ unsigned int sleep(unsigned int seconds) {
 
 // There are no timers in memory.
 int timerfd_create(int clock, int flags) noexcept {
+  if (arms) given_last.timer_flags = flags;
   return arms && in_memory ? -1 : REAL(timerfd_create)(clock, flags);
 }
 

@@ -51,6 +51,7 @@ int count(call_e call);
 // What a call was given last.
 struct arguments {
   int socket_type;
+  int timer_flags;
   const pollfd* polled;
   nfds_t polled_count;
   std::vector<int> poll_timeouts;  // of all polls
