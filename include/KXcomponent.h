@@ -135,8 +135,8 @@ class KX_EXPORT KXcomponent {
 
   /// Sends one message from `fd`, a socket of this component, to the socket at `path`. A send that fails, for
   /// whatever reason, is tried three times in all, with a second's pause between: the call blocks for about
-  /// two seconds at most. `msg` is not changed. Any thread, and signal handlers as far as syslog is safe there
-  /// (see KXlog.h).
+  /// two seconds at most. `msg` is not changed. Any thread, and signal handlers as far as syslog is safe
+  /// there (see KXlog.h).
   /// @return bytes sent (header and payload), or -1
   int send_message_to(int fd, const char* path, KXmessage& msg);
 
