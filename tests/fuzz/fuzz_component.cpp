@@ -153,7 +153,7 @@ class world {
       m_unanswered.erase(m_unanswered.begin());
   }
 
-  bool answer(KXmessage reply) {
+  bool answer(KXmessage& reply) {
     reply.size = 0;
     reply.m_header->msg_type = m_input.below(4) == 3 ? MSG_ERR : MSG_RSP;
     for (std::size_t i = 0; i < 4; ++i)

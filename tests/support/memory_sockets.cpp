@@ -27,6 +27,7 @@ struct memory_socket {
   bool open;
   bool has_file;
   sockaddr_un address;
+  std::string_view path;                   // in it
   std::array<datagram, max_queued> queue;  // a ring
   std::size_t first;
   std::size_t queued;
@@ -56,15 +57,13 @@ memory_socket* open_at(int fd) {
 
 memory_socket* bound_to(std::string_view path) {
   return found(std::find_if(sockets.begin(), sockets.end(),
-                            [path](const memory_socket& each) {
-                              return each.has_file && path == each.address.sun_path;
-                            }),
+                            [path](const memory_socket& each) { return each.has_file && path == each.path; }),
                ENOENT);
 }
 
-memory_socket* bound_to(const sockaddr* address, socklen_t length) {
+std::string_view path_of(const sockaddr* address, socklen_t length) {
   const char* const path = reinterpret_cast<const sockaddr_un*>(address)->sun_path;
-  return bound_to({path, strnlen(path, length - offsetof(sockaddr_un, sun_path))});
+  return {path, strnlen(path, length - offsetof(sockaddr_un, sun_path))};
 }
 
 // What a wait returns.
@@ -92,8 +91,9 @@ int access(const char* path, int) { return bound_to(path) != nullptr ? 0 : -1; }
 int bind(int fd, const sockaddr* address, socklen_t length) {
   memory_socket* const bound = open_at(fd);
   if (bound == nullptr) return -1;
-  if (bound_to(address, length) != nullptr) return refuse(EADDRINUSE);
+  if (bound_to(path_of(address, length)) != nullptr) return refuse(EADDRINUSE);
   std::memcpy(&bound->address, address, length);
+  bound->path = path_of(reinterpret_cast<const sockaddr*>(&bound->address), length);
   bound->has_file = true;
   return 0;
 }
@@ -154,7 +154,7 @@ int select(int count, fd_set* readable, fd_set*, fd_set*, timeval* limit) {
 
 ssize_t sendto(int fd, const void* from, std::size_t size, int, const sockaddr* to, socklen_t length) {
   const memory_socket* const sender = open_at(fd);
-  memory_socket* const receiver = sender == nullptr ? nullptr : bound_to(to, length);
+  memory_socket* const receiver = sender == nullptr ? nullptr : bound_to(path_of(to, length));
   if (receiver == nullptr) return -1;
   if (!receiver->open) return refuse(ECONNREFUSED);
   if (receiver->queued == max_queued) return refuse(EAGAIN);
