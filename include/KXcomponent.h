@@ -265,13 +265,9 @@ class KX_EXPORT KXcomponent {
   /// something in the waiting queue: what the data socket holds now is newer. Guarded by m_mutex.
   bool m_data_taken = false;
 
-  /// What the library's threads share besides, and the kill messages that the component has sent to itself
-  /// since the event loop looked at the management socket.
-  /// @{
   struct shared_state;
-  const std::unique_ptr<shared_state> m_shared;
-  std::atomic<int> m_unserved_kills{0};
-  /// @}
+  const std::unique_ptr<shared_state> m_shared;  ///< what the library's threads share besides
+  std::atomic<int> m_unserved_kills{0};          ///< sent to itself since the loop looked for them
 
  private:
   class loop_scope;
