@@ -288,8 +288,8 @@ class KX_EXPORT KXcomponent {
   void fire(timer_entry_t timer);
   void retire(const timer_entry_t& fired);
   void serve_descriptors();
-  bool is_invalid(int index) const;
-  bool descriptor_at(int index, struct pollfd& entry, fd_handler_t& handler) const;
+  bool is_invalid() const;
+  bool ready_from(int& index, struct pollfd& entry, fd_handler_t& handler) const;
 
   bool loop_runs() const;
   bool loop_runs_elsewhere() const;

@@ -490,7 +490,7 @@ void KXcomponent::wait(bool run) {
     const bool stopped = load(m_data_fd) < 0;  // by a handler
     const int ready = poll_descriptors(stopped ? 0 : poll_timeout());
     write_signal_lines();
-    if (stopped && !is_invalid(0)) {  // the descriptor is somebody else's by now
+    if (stopped && !is_invalid()) {  // the descriptor is somebody else's by now
       store(m_running, false);
     } else if (ready == 0) {
       fire_earliest_timer();
@@ -620,7 +620,7 @@ void KXcomponent::retire(const timer_entry_t& fired) {
 void KXcomponent::serve_descriptors() {
   struct pollfd entry = {};
   fd_handler_t handler = {};
-  for (int i = 0; descriptor_at(i, entry, handler); ++i) {
+  for (int i = 0; ready_from(i, entry, handler); ++i) {
     const int fd = entry.fd;
     const short events = entry.revents;
     if ((events & POLLNVAL) != 0) {
@@ -638,16 +638,17 @@ void KXcomponent::serve_descriptors() {
   }
 }
 
-// Whether poll has found the descriptor of this entry closed.
-bool KXcomponent::is_invalid(int index) const {
-  struct pollfd entry = {};
-  fd_handler_t handler = {};
-  return descriptor_at(index, entry, handler) && (entry.revents & POLLNVAL) != 0;
+// Whether poll has found the management socket closed.
+bool KXcomponent::is_invalid() const {
+  const std::lock_guard<std::mutex> shared(m_shared->mutex);
+  return m_nfds > 0 && (m_fda[0].revents & POLLNVAL) != 0;
 }
 
-// Copies an entry of the poll set; false behind the last.
-bool KXcomponent::descriptor_at(int index, struct pollfd& entry, fd_handler_t& handler) const {
+// Moves `index` on to the first entry with events from there on, and copies that; whether there is one.
+bool KXcomponent::ready_from(int& index, struct pollfd& entry, fd_handler_t& handler) const {
   const std::lock_guard<std::mutex> shared(m_shared->mutex);
+  while (index < m_nfds && m_fda[index].revents == 0)
+    ++index;
   if (index >= m_nfds) return false;
   entry = m_fda[index];
   handler = m_fd_handlers[index];
