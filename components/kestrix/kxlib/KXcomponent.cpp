@@ -56,6 +56,7 @@ constexpr unsigned int longest_timeout = 900 * ms_per_second;
 constexpr unsigned int wrap_margin = longest_timeout + 99;
 
 constexpr int send_attempts = 3;
+constexpr KXcomponent::ExtraCfg usual_settings = {nullptr, true};
 constexpr int termination_signals[] = {SIGINT, SIGQUIT, SIGTERM, SIGPIPE};
 
 // Closes one of the component's sockets and removes its file. Who still waits for the socket is woken, and
@@ -181,16 +182,7 @@ int peer_info_t::path(std::string& p) {
 
 KXcomponent* KXcomponent::static_kxc = nullptr;
 
-KXcomponent::KXcomponent(const char* name)
-    : m_nfds(0),
-      m_close_cb(nullptr),
-      m_name(name),
-      m_running(false),
-      m_data_fd(-1),
-      m_mgmt_fd(-1),
-      m_shared(new shared_state) {
-  construct(nullptr, true);
-}
+KXcomponent::KXcomponent(const char* name) : KXcomponent(name, &usual_settings) {}
 
 KXcomponent::KXcomponent(const char* name, const ExtraCfg* cfg)
     : m_nfds(0),
