@@ -15,7 +15,7 @@
 #include <sstream>
 
 #include "child_process.h"
-#include "probe.h"
+#include "core_probe.h"
 
 namespace {
 

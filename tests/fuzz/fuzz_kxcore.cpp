@@ -7,7 +7,7 @@
 #include <set>
 
 #include "feed.h"
-#include "probe.h"
+#include "core_probe.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #ifndef CONSOLE_H
 #define CONSOLE_H
 
-#include "outlet.h"
+#include "unique_fd.h"
 
 class console {
  public:

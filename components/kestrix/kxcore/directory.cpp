@@ -1,14 +1,32 @@
 #include "directory.h"
 
+#include <algorithm>
+#include <new>
 #include <utility>
 
-std::uint32_t mid_ranges::take() {
+std::uint32_t mid_ranges::take(const holder& by) {
+  std::uint32_t first = m_next;
   if (m_free.size() > quarantine || m_next == last) {
-    const std::uint32_t first = m_free.front();
+    first = m_free.front();
     m_free.pop_front();
-    return first;
+  } else {
+    m_holders.emplace_back();
+    m_next += size;
   }
-  return std::exchange(m_next, m_next + size);
+  m_holders[first / size - 1] = by;
+  return first;
+}
+
+void mid_ranges::give_back(std::uint32_t first) {
+  m_holders[first / size - 1] = {};
+  try {
+    m_free.push_back(first);
+  } catch (const std::bad_alloc&) {  // one of half a million is lost
+  }
+}
+
+mid_ranges::holder mid_ranges::holder_of(std::uint32_t msg_id) const {
+  return msg_id >= size && msg_id < m_next ? m_holders[msg_id / size - 1] : holder{};
 }
 
 std::shared_ptr<service> directory::find_offered(const std::string& name) const {
@@ -30,51 +48,95 @@ std::uint32_t directory::take_siid() {
 }
 
 std::uint32_t directory::offer(peer& owner, const std::string& name, bool is_signal) {
-  std::shared_ptr<service>& entry = m_services[name];
-  if (entry == nullptr || entry->is_signal != is_signal ||
-      (!is_signal && entry->last_owner == owner.serial)) {
-    entry = std::make_shared<service>();
-    entry->name = name;
-    entry->is_signal = is_signal;
-    entry->siid = take_siid();
-    m_endpoints[entry->siid] = {endpoint::STUB, entry, nullptr, 0};
-    if (is_signal) {
-      entry->subscribers_siid = take_siid();
-      m_endpoints[entry->subscribers_siid] = {endpoint::SUBSCRIBERS, entry, nullptr, 0};
-    }
+  std::shared_ptr<service> offered = find_kept(owner, name, is_signal);
+  if (offered == nullptr) offered = create(name, is_signal);
+  try {
+    owner.siids.insert(offered->siid);
+  } catch (...) {
+    release_if_unused(offered);
+    throw;
   }
-  entry->owner = &owner;
-  entry->last_owner = owner.serial;
-  owner.siids.insert(entry->siid);
+  offered->owner = &owner;
+  offered->last_owner = owner.serial;
   ++owner.grants;
-  return entry->siid;
+  return offered->siid;
+}
+
+std::shared_ptr<service> directory::find_kept(const peer& owner, const std::string& name,
+                                              bool is_signal) const {
+  const auto entry = m_services.find(name);
+  if (entry == m_services.end() || entry->second->is_signal != is_signal) return nullptr;
+  return is_signal || entry->second->last_owner != owner.serial ? entry->second : nullptr;
+}
+
+std::shared_ptr<service> directory::create(const std::string& name, bool is_signal) {
+  auto created = std::make_shared<service>();
+  created->name = name;
+  created->is_signal = is_signal;
+  created->siid = take_siid();
+  try {
+    m_endpoints[created->siid] = {endpoint::STUB, created, nullptr, 0};
+    if (is_signal) {
+      created->subscribers_siid = take_siid();
+      m_endpoints[created->subscribers_siid] = {endpoint::SUBSCRIBERS, created, nullptr, 0};
+    }
+    m_services[name] = created;
+  } catch (...) {
+    release_if_unused(created);
+    throw;
+  }
+  return created;
 }
 
 directory::grant directory::subscribe(peer& user, const std::shared_ptr<service>& wanted) {
-  std::uint32_t siid = wanted->subscribers_siid;
-  std::uint32_t mid_first = 0;
-  if (wanted->is_signal) {
-    mid_first = join(wanted->subscribers[&user]);
-  } else {
-    siid = take_siid();
-    mid_first = m_mids.take();
-    m_endpoints[siid] = {endpoint::PROXY, wanted, &user, mid_first};
-    ++wanted->proxies;
-  }
-  user.siids.insert(siid);
+  const grant granted =
+      wanted->is_signal ? subscribe_signal(user, *wanted) : subscribe_function(user, wanted);
   ++user.grants;
+  return granted;
+}
+
+directory::grant directory::subscribe_function(peer& user, const std::shared_ptr<service>& wanted) {
+  const std::uint32_t siid = take_siid();
+  const std::uint32_t mid_first = m_mids.take({&user, siid});
+  try {
+    m_endpoints[siid] = {endpoint::PROXY, wanted, &user, mid_first};
+    user.siids.insert(siid);
+  } catch (...) {
+    m_endpoints.erase(siid);
+    m_mids.give_back(mid_first);
+    throw;
+  }
+  ++wanted->proxies;
   return {siid, wanted->siid, mid_first, mid_first + mid_ranges::size};
 }
 
-std::uint32_t directory::join(subscriptions& of) {
-  if (of.ranges.size() == of.count) {
-    of.ranges.push_back(m_mids.take());
-  } else {
-    of.ranges.push_back(of.ranges.front());
-    of.ranges.pop_front();
+directory::grant directory::subscribe_signal(peer& user, service& wanted) {
+  const std::uint32_t siid = wanted.subscribers_siid;
+  subscriptions& of = wanted.subscribers[&user];
+  try {
+    user.siids.insert(siid);
+    if (of.ranges.size() == of.count) {
+      of.ranges.emplace_back();
+      of.ranges.back() = m_mids.take({&user, siid});
+    } else {
+      std::rotate(of.ranges.begin(), of.ranges.begin() + 1, of.ranges.end());
+    }
+  } catch (...) {
+    if (of.ranges.size() > of.count) of.ranges.pop_back();
+    if (of.count == 0) leave(user, wanted, of);
+    throw;
   }
   ++of.count;
-  return of.ranges.back();
+  const std::uint32_t mid_first = of.ranges.back();
+  return {siid, wanted.siid, mid_first, mid_first + mid_ranges::size};
+}
+
+// Ends the part that a component has in a signal.
+void directory::leave(peer& user, service& used, subscriptions& of) {
+  for (const std::uint32_t mid_first : of.ranges)
+    m_mids.give_back(mid_first);
+  user.siids.erase(used.subscribers_siid);
+  used.subscribers.erase(&user);
 }
 
 bool directory::withdraw(peer& holder, std::uint32_t siid, bool is_signal) {
@@ -98,17 +160,15 @@ bool directory::unsubscribe(peer& holder, std::uint32_t siid, bool is_signal) {
   const std::shared_ptr<service> used = entry->of;
   --holder.grants;
   if (is_signal) {
-    const auto subscriber = used->subscribers.find(&holder);
-    if (--subscriber->second.count > 0) return true;
-    for (const std::uint32_t mid_first : subscriber->second.ranges)
-      m_mids.give_back(mid_first);
-    used->subscribers.erase(subscriber);
+    subscriptions& of = used->subscribers.at(&holder);
+    if (--of.count > 0) return true;
+    leave(holder, *used, of);
   } else {
     m_mids.give_back(entry->mid_first);
     m_endpoints.erase(siid);
+    holder.siids.erase(siid);
     --used->proxies;
   }
-  holder.siids.erase(siid);
   release_if_unused(used);
   return true;
 }

@@ -8,17 +8,19 @@
 // - What is given back does not come into use again at once, so that what is still on its way to an earlier
 //   holder does not reach a new one: siids when all have been used, ranges of message ids when 64 others are
 //   free.
+// - What fails for want of memory changes nothing.
 #ifndef DIRECTORY_H
 #define DIRECTORY_H
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <map>
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
-#include "KXmessage.h"
 #include "peer.h"
 
 // One component's subscriptions of a signal. Which of its proxies leaves is not said, so their ranges of
@@ -56,9 +58,19 @@ class mid_ranges {
  public:
   static constexpr std::uint32_t size = 4096;
 
+  struct holder {
+    peer* component;  // null: nobody
+    std::uint32_t siid;
+  };
+
   bool exhausted() const { return m_free.empty() && m_next == last; }
-  std::uint32_t take();  // first id of a range that nobody holds; not when exhausted
-  void give_back(std::uint32_t first) { m_free.push_back(first); }
+
+  // Grants a range that nobody holds; its first id. Not when exhausted.
+  std::uint32_t take(const holder& by);
+  void give_back(std::uint32_t first);
+
+  // Who holds the range in which this id lies.
+  holder holder_of(std::uint32_t msg_id) const;
 
  private:
   static constexpr std::size_t quarantine = 64;
@@ -66,6 +78,7 @@ class mid_ranges {
 
   std::uint32_t m_next = size;
   std::deque<std::uint32_t> m_free;
+  std::vector<holder> m_holders;  // of the ranges from the first on
 };
 
 class directory {
@@ -83,10 +96,11 @@ class directory {
   // Where messages for `siid` go, or null.
   const endpoint* find(std::uint32_t siid) const;
 
-  // Whether `sender` may send as `siid`.
-  bool owns(const peer& sender, std::uint32_t siid) const { return sender.siids.count(siid) != 0; }
+  // Whether `component` may send as `siid`.
+  bool owns(const peer& component, std::uint32_t siid) const { return component.siids.count(siid) != 0; }
 
   bool has_message_ids() const { return !m_mids.exhausted(); }
+  mid_ranges::holder id_holder(std::uint32_t msg_id) const { return m_mids.holder_of(msg_id); }
 
   // Grants a siid to a stub; nothing may be offered under `name`.
   std::uint32_t offer(peer& owner, const std::string& name, bool is_signal);
@@ -105,7 +119,11 @@ class directory {
   static constexpr std::uint32_t last_siid = 0x7FFFFFFF;
 
   std::uint32_t take_siid();
-  std::uint32_t join(subscriptions& of);
+  std::shared_ptr<service> find_kept(const peer& owner, const std::string& name, bool is_signal) const;
+  std::shared_ptr<service> create(const std::string& name, bool is_signal);
+  grant subscribe_function(peer& user, const std::shared_ptr<service>& wanted);
+  grant subscribe_signal(peer& user, service& wanted);
+  void leave(peer& user, service& used, subscriptions& of);
   void release_if_unused(const std::shared_ptr<service>& released);
 
   std::unordered_map<std::string, std::shared_ptr<service>> m_services;

@@ -5,18 +5,18 @@
 #include "datagram.h"
 #include "socket_address.h"
 
-inbox::inbox(bool pids) : m_pids(pids) {
+inbox::inbox() {
   for (unsigned int i = 0; i < batch_size; ++i) {
     m_parts[i] = {m_messages[i].m_header, buffer_t::capacity};
     m_headers[i].msg_hdr.msg_name = &m_senders[i];
     m_headers[i].msg_hdr.msg_iov = &m_parts[i];
     m_headers[i].msg_hdr.msg_iovlen = 1;
-    // Without room for control data nobody can pass the core a descriptor.
-    if (m_pids) m_headers[i].msg_hdr.msg_control = &m_credentials[i];
+    // Room for the credentials and no more: nobody can pass the core a descriptor.
+    m_headers[i].msg_hdr.msg_control = &m_credentials[i];
   }
 }
 
-void inbox::ask_for_sender_pid(int fd) {
+void inbox::ask_for_credentials(int fd) {
   const int on = 1;
   setsockopt(fd, SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
 }
@@ -24,7 +24,7 @@ void inbox::ask_for_sender_pid(int fd) {
 unsigned int inbox::receive(int fd) {
   for (mmsghdr& header : m_headers) {
     header.msg_hdr.msg_namelen = sizeof(sockaddr_un);
-    header.msg_hdr.msg_controllen = m_pids ? sizeof(credentials) : 0;
+    header.msg_hdr.msg_controllen = sizeof(credentials);
   }
   const int received = recvmmsg(fd, m_headers.data(), batch_size, MSG_DONTWAIT, nullptr);
   if (received <= 0) return 0;
@@ -38,18 +38,15 @@ bool inbox::is_malformed(unsigned int i) const {
   return m_headers[i].msg_len < header_size || (m_headers[i].msg_hdr.msg_flags & MSG_TRUNC) != 0;
 }
 
-pid_t inbox::sender_pid(unsigned int i) const {
-  msghdr header = m_headers[i].msg_hdr;
+const sender& inbox::sender_of(unsigned int i) {
+  m_sender.path = sender_path(m_senders[i], m_headers[i].msg_hdr.msg_namelen).text;
+  ucred process = {0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
+  msghdr& header = m_headers[i].msg_hdr;
   for (cmsghdr* part = CMSG_FIRSTHDR(&header); part != nullptr; part = CMSG_NXTHDR(&header, part)) {
-    if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_CREDENTIALS) continue;
-    ucred sender = {};
-    std::memcpy(&sender, CMSG_DATA(part), sizeof sender);
-    return sender.pid;
+    if (part->cmsg_level == SOL_SOCKET && part->cmsg_type == SCM_CREDENTIALS)
+      std::memcpy(&process, CMSG_DATA(part), sizeof process);
   }
-  return 0;
-}
-
-const std::string& inbox::sender(unsigned int i) {
-  m_sender = sender_path(m_senders[i], m_headers[i].msg_hdr.msg_namelen).text;
+  m_sender.pid = process.pid;
+  m_sender.uid = process.uid;
   return m_sender;
 }

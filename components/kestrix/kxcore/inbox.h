@@ -3,6 +3,7 @@
 #define INBOX_H
 
 #include <sys/socket.h>
+#include <sys/types.h>
 #include <sys/un.h>
 
 #include <array>
@@ -10,18 +11,25 @@
 
 #include "KXmessage.h"
 
+// Where a datagram comes from. The system vouches for process and user; the path is where the sender bound
+// its socket, which in a file system of its own may be any.
+struct sender {
+  std::string path;  // empty when it has none
+  pid_t pid;         // 0 when it is not known
+  uid_t uid;
+};
+
 class inbox {
  public:
-  // More than a receiver holds unread by default, so that one call empties such a socket; the core's own hold
-  // more where the system permits.
   static constexpr unsigned int batch_size = 16;
 
-  // With `pids`, every datagram says which process sent it; the socket needs ask_for_sender_pid, once.
-  explicit inbox(bool pids);
+  inbox();
   inbox(const inbox&) = delete;
   inbox& operator=(const inbox&) = delete;
 
-  static void ask_for_sender_pid(int fd);
+  // Has a socket say of each datagram which process of which user sent it. What lies in it already says 0 and
+  // the user of nobody.
+  static void ask_for_credentials(int fd);
 
   // Receives what is there, up to batch_size datagrams, without waiting; how many.
   unsigned int receive(int fd);
@@ -29,10 +37,8 @@ class inbox {
   // The datagrams of the last receive. A message holds the payload in place, as long as no other is received.
   KXmessage& message(unsigned int i) { return m_messages[i]; }
   bool is_malformed(unsigned int i) const;  // shorter than a header, or longer than a message
-  pid_t sender_pid(unsigned int i) const;   // 0 when it is not known
 
-  // The sender's path, empty when it has none; the string is reused by the next call.
-  const std::string& sender(unsigned int i);
+  const sender& sender_of(unsigned int i);  // reused by the next call
 
  private:
   union credentials {
@@ -40,13 +46,12 @@ class inbox {
     char bytes[CMSG_SPACE(sizeof(ucred))];
   };
 
-  const bool m_pids;
   std::array<KXmessage, batch_size> m_messages;
   std::array<mmsghdr, batch_size> m_headers{};
   std::array<iovec, batch_size> m_parts{};
   std::array<sockaddr_un, batch_size> m_senders{};
   std::array<credentials, batch_size> m_credentials{};
-  std::string m_sender;
+  sender m_sender{};
 };
 
 #endif

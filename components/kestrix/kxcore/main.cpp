@@ -1,27 +1,25 @@
 // kxcore: the core daemon of the bus, for development machines and tests.
-#include <fcntl.h>
 #include <getopt.h>
 #include <signal.h>
-#include <sys/file.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <syslog.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <fstream>
 #include <memory>
+#include <string>
 
 #include "KXcore.h"
 #include "KXerror.h"
-#include "KXlog.h"
+#include "bus_directory.h"
+#include "longer_queues.h"
+#include "reporter.h"
 
 namespace {
 
-constexpr char bus_directory[] = "/tmp/kxcore";
+constexpr char bus_path[] = "/tmp/kxcore";
 constexpr int usage_error = 2;
 
 void print_usage(FILE* to) {
@@ -37,25 +35,7 @@ void print_usage(FILE* to) {
       "  -h, --help     print this text and exit\n"
       "\n"
       "KXTRACE_LEVEL in the environment, 0 to 9, sets the level of the log lines (4 without it).\n",
-      bus_directory);
-}
-
-// The lock on the bus directory that tells a running core; it ends with the process and leaves no file
-// behind.
-bool lock_bus() {
-  mkdir(bus_directory, 0777);
-  const int directory = open(bus_directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (directory < 0) {
-    std::fprintf(stderr, "kxcore: cannot open %s: %s\n", bus_directory, strerror(errno));
-    return false;
-  }
-  if (flock(directory, LOCK_EX | LOCK_NB) == 0) return true;
-  if (errno == EWOULDBLOCK) {
-    std::fprintf(stderr, "kxcore: another kxcore is already running on this machine\n");
-  } else {
-    std::fprintf(stderr, "kxcore: cannot lock %s: %s\n", bus_directory, strerror(errno));
-  }
-  return false;
+      bus_path);
 }
 
 // Each component takes three descriptors.
@@ -66,44 +46,13 @@ void raise_descriptor_limit() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// A receiver holds as many unread datagrams as this setting said when its socket was created, ten as a rule;
-// then senders fail, and a component's send waits a second before it tries again. While this lives sockets
-// get a queue so long that before it is full every sender's own send buffer is, which leaves room for the
-// others. Where the system does not permit that, the setting stays.
-class longer_socket_queues {
- public:
-  longer_socket_queues() : m_before(current()) {
-    if (m_before >= wanted) return;
-    std::ofstream(setting) << wanted;
-    if (current() >= wanted) return;
-    std::fprintf(stderr,
-                 "kxcore: cannot raise %s, which is %d: senders of more messages at once are held up\n",
-                 setting, m_before);
-    KX_LOG_WARNING("cannot raise %s, which is %d: senders of more messages at once are held up", setting,
-                   m_before);
-  }
-  ~longer_socket_queues() {
-    if (m_before < wanted) std::ofstream(setting) << m_before;
-  }
-  longer_socket_queues(const longer_socket_queues&) = delete;
-  longer_socket_queues& operator=(const longer_socket_queues&) = delete;
-
- private:
-  static constexpr char setting[] = "/proc/sys/net/unix/max_dgram_qlen";
-  static constexpr int wanted{KXcore::socket_queue};
-
-  static int current() {
-    int length = wanted;  // without the setting there is nothing to raise
-    std::ifstream(setting) >> length;
-    return length;
-  }
-
-  const int m_before;
-};
-
-std::unique_ptr<KXcore> create_core(bool verbose) {
-  const longer_socket_queues queues;
-  return std::make_unique<KXcore>(verbose);
+std::unique_ptr<KXcore> create_core(bus_directory& place, reporter& report) {
+  std::unique_ptr<KXcore> core;
+  const std::string reason = with_longer_queues([&] { core = std::make_unique<KXcore>(place, report); });
+  if (!reason.empty())
+    report.problem("its sockets have short queues, senders of many messages at once are held up: %s",
+                   reason.c_str());
+  return core;
 }
 
 // The core reads the signals that end it from a descriptor; what it writes to closed pipes is lost.
@@ -117,15 +66,18 @@ void prepare_signals() {
 }
 
 int run(bool verbose) {
-  openlog("kxcore", LOG_PID, LOG_DAEMON);
-  if (!lock_bus()) return EXIT_FAILURE;
   prepare_signals();
   raise_descriptor_limit();
   try {
-    create_core(verbose)->start(KXcomponent::CMP_START_AND_LOOP);
-    return EXIT_SUCCESS;
+    reporter report(verbose);
+    bus_directory place(bus_path);
+    for (const char* const socket : {"/kxcore", "/kxcore-d"})
+      bus_directory::check_place(std::string(bus_path) + socket);
+    const std::unique_ptr<KXcore> core = create_core(place, report);
+    core->start(KXcomponent::CMP_START_AND_LOOP);
+    return core->has_failed() ? EXIT_FAILURE : EXIT_SUCCESS;
   } catch (const KXerror::error_e&) {
-    std::fprintf(stderr, "kxcore: cannot bind its sockets in %s: %s\n", bus_directory, strerror(errno));
+    std::fprintf(stderr, "kxcore: cannot bind its sockets in %s: %s\n", bus_path, strerror(errno));
   } catch (const std::exception& error) {
     std::fprintf(stderr, "kxcore: %s\n", error.what());
   }

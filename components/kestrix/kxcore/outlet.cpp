@@ -5,14 +5,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <iterator>
+#include <new>
 #include <utility>
 
 #include "socket_address.h"
 
-unique_fd::~unique_fd() {
-  if (m_fd >= 0) close(m_fd);
-}
+int open_datagram() { return socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); }
+
+namespace {
 
 int connect_datagram(const std::string& path) {
   if (path.size() > max_socket_path) {
@@ -20,7 +20,7 @@ int connect_datagram(const std::string& path) {
     return -1;
   }
   const sockaddr_un address = socket_address(path);
-  const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  const int fd = open_datagram();
   if (fd < 0) return -1;
   if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return fd;
   const int error = errno;
@@ -28,6 +28,8 @@ int connect_datagram(const std::string& path) {
   errno = error;
   return -1;
 }
+
+}  // namespace
 
 outlet::outlet(const std::string& path)
     : m_socket(connect_datagram(path)), m_connected(m_socket.get() >= 0) {}
@@ -48,17 +50,31 @@ outlet::result_e outlet::send(const void* bytes, std::size_t size, unsigned long
   }
   auto own = std::find_if(m_turns.begin(), m_turns.end(),
                           [sender](const waiting& each) { return each.sender == sender; });
-  const bool is_first = own == m_turns.end();
-  if (is_first ? m_queued >= 2 * max_queued : own->cost + m_queued >= max_queued) {
-    ++m_lost;
-    return FULL;
+  try {
+    if (has_room(own)) {
+      enqueue(own, sender, bytes, size);
+      return QUEUED;
+    }
+  } catch (const std::bad_alloc&) {  // there is no room, either
   }
-  if (is_first) own = m_turns.insert(own, {sender, {}, 0});
+  ++m_lost;
+  return FULL;
+}
+
+// For another message of a sender, or the first one when that has none here.
+bool outlet::has_room(std::list<waiting>::const_iterator own) const {
+  return own == m_turns.end() ? m_queued < 2 * max_queued : own->cost + m_queued < max_queued;
+}
+
+void outlet::enqueue(std::list<waiting>::iterator own, unsigned long sender, const void* bytes,
+                     std::size_t size) {
+  std::list<waiting> first;
+  if (own == m_turns.end()) own = first.insert(first.end(), {sender, {}, 0});
   const auto* begin = static_cast<const unsigned char*>(bytes);
   own->messages.emplace_back(begin, begin + size);
   own->cost += size + cost_beside_bytes;
   m_queued += size + cost_beside_bytes;
-  return QUEUED;
+  m_turns.splice(m_turns.end(), first);
 }
 
 outlet::result_e outlet::flush() {
@@ -81,10 +97,7 @@ outlet::result_e outlet::flush() {
 
 unsigned long outlet::take_lost() { return std::exchange(m_lost, 0); }
 
-std::vector<datagram> outlet::take_queue() {
-  std::vector<datagram> given_up;
-  for (waiting& each : std::exchange(m_turns, {}))
-    std::move(each.messages.begin(), each.messages.end(), std::back_inserter(given_up));
+std::list<outlet::waiting> outlet::take_queue() {
   m_queued = 0;
-  return given_up;
+  return std::exchange(m_turns, {});
 }

@@ -17,17 +17,7 @@
 #include <string>
 #include <vector>
 
-class unique_fd {
- public:
-  explicit unique_fd(int fd = -1) : m_fd(fd) {}
-  ~unique_fd();
-  unique_fd(const unique_fd&) = delete;
-  unique_fd& operator=(const unique_fd&) = delete;
-  int get() const { return m_fd; }
-
- private:
-  int m_fd;
-};
+#include "unique_fd.h"
 
 using datagram = std::vector<unsigned char>;
 
@@ -41,7 +31,7 @@ class outlet {
   enum result_e {
     SENT,    // handed to the receiver's socket
     QUEUED,  // waits its turn; call flush when the socket is writable
-    FULL,    // refused: the queue is full, or the sender's share of it
+    FULL,    // refused: the queue is full, or the sender's share of it, or there is no memory
     GONE     // the receiver's socket does not exist any more
   };
 
@@ -62,17 +52,20 @@ class outlet {
   unsigned long take_lost();
   unsigned long lost() const { return m_lost; }
 
-  // Gives up what is queued.
-  std::vector<datagram> take_queue();
-
- private:
+  // Of one sender.
   struct waiting {
     unsigned long sender;
     std::deque<datagram> messages;
     std::size_t cost;
   };
 
+  // Gives up what is queued.
+  std::list<waiting> take_queue();
+
+ private:
   result_e try_send(const void* bytes, std::size_t size);
+  bool has_room(std::list<waiting>::const_iterator own) const;
+  void enqueue(std::list<waiting>::iterator own, unsigned long sender, const void* bytes, std::size_t size);
 
   unique_fd m_socket;
   bool m_connected;
@@ -81,7 +74,7 @@ class outlet {
   unsigned long m_lost = 0;
 };
 
-// A non-blocking datagram socket without a name, connected to the socket at `path`, or -1.
-int connect_datagram(const std::string& path);
+// A non-blocking datagram socket without a name, or -1.
+int open_datagram();
 
 #endif

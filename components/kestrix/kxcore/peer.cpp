@@ -1,13 +1,10 @@
 #include "peer.h"
 
-#include <sys/socket.h>
+#include <poll.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <utility>
-
-#include "socket_address.h"
 
 namespace {
 
@@ -26,18 +23,18 @@ unsigned long next_serial() {
 
 }  // namespace
 
-peer::peer(std::string component_name, std::string mgmt_socket, std::string data_socket, pid_t process_id)
+peer::peer(std::string component_name, const sender& from, const std::string& data_socket)
     : serial(next_serial()),
       name(std::move(component_name)),
-      mgmt_path(std::move(mgmt_socket)),
-      data_path(std::move(data_socket)),
-      pid(process_id),
-      process(open_process(process_id)),
+      mgmt_path(from.path),
+      data_path(data_socket),
+      uid(from.uid),
+      pid(from.pid),
+      process(open_process(from.pid)),
       mgmt(mgmt_path),
       data(data_path) {}
 
-bool peer::is_unreachable(int probe) const {
-  const sockaddr_un address = socket_address(mgmt_path);
-  return connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
-         (errno == ECONNREFUSED || errno == ENOENT);
+bool peer::is_alive() const {
+  pollfd ended = {process.get(), POLLIN, 0};
+  return ended.fd >= 0 && poll(&ended, 1, 0) == 0;
 }

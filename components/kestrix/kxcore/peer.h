@@ -8,31 +8,45 @@
 #include <set>
 #include <string>
 
+#include "inbox.h"
+#include "open_requests.h"
 #include "outlet.h"
+#include "unique_fd.h"
+
+// Messages that were not accepted, by what became of them.
+struct tally {
+  unsigned long refused = 0;  // answered with an error, or a notice that was not carried out
+  unsigned long dropped = 0;
+};
 
 struct peer {
   // Of one component, so that none gets all the siids and message ids there are.
   static constexpr unsigned int max_grants = 1024;
 
-  peer(std::string component_name, std::string mgmt_socket, std::string data_socket, pid_t process_id);
+  // The component `name`, of the process that sent from its management socket.
+  peer(std::string component_name, const sender& from, const std::string& data_socket);
 
   bool is_connected() const { return mgmt.connected() && data.connected(); }
 
-  // Whether its management socket does not exist any more. A process that ended has none; one that went on as
-  // a child of the one that registered has. `probe` is a datagram socket to try it with.
-  bool is_unreachable(int probe) const;
+  // Whether the process that sent something is the component's, or of the same user once that one has ended
+  // and left its sockets to a child.
+  bool is_process_of(const sender& from) const { return from.uid == uid && (pid == 0 || from.pid == pid); }
+
+  bool is_alive() const;  // its process; false when that is not known
 
   const unsigned long serial;  // of this registration
   const std::string name;
   const std::string mgmt_path;
   const std::string data_path;
+  const uid_t uid;
   pid_t pid;                // 0 when it is not known
   const unique_fd process;  // pidfd, readable when the process has ended; -1 without
   outlet mgmt;
   outlet data;
+  open_requests open;             // that its proxies and stubs have made
   std::set<std::uint32_t> siids;  // that its stubs, proxies and subscriptions hold
   unsigned int grants = 0;        // services and subscriptions
-  unsigned long dropped = 0;      // messages and notices of its own that were refused
+  tally of_its_own;               // messages
   bool has_ended = false;         // its process; what it sent before is not served yet
   bool is_gone = false;
   bool is_told_to_end = false;

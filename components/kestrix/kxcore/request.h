@@ -1,0 +1,23 @@
+// A data request, and the core's answer in place of whom it was sent to.
+#ifndef REQUEST_H
+#define REQUEST_H
+
+#include <arpa/inet.h>
+
+#include "management.h"
+#include "open_requests.h"
+
+inline open_request request_of(const KXmessage& message) {
+  const msg_header_t& header = *message.m_header;
+  return {ntohl(header.src_siid), ntohl(header.dst_siid), ntohl(header.msg_id), header.cmd};
+}
+
+inline KXmessage failure_of(const open_request& request, const char* reason) {
+  KXmessage failure = make_management(MSG_ERR, request.cmd, request.msg_id);
+  failure.m_header->dst_siid = htonl(request.from);
+  failure.m_header->src_siid = htonl(request.to);
+  failure << reason;
+  return failure;
+}
+
+#endif

@@ -1,0 +1,44 @@
+// Senders, registered or not, whose messages are not accepted: what is told about them, and to strangers.
+#ifndef STRANGERS_H
+#define STRANGERS_H
+
+#include <string>
+
+#include "inbox.h"
+#include "peer.h"
+#include "reporter.h"
+#include "unique_fd.h"
+
+class strangers {
+ public:
+  // Throws std::system_error.
+  strangers(reporter& report, std::string bus_directory);
+
+  // Whether this is the path of a socket below the bus directory.
+  bool is_on_bus(const std::string& path) const;
+
+  // Sends a stranger an answer, if there is room in its socket; should it never read, that is at nobody's
+  // cost. One whose path is a registered component's gets none, unless it is of the same user or the socket
+  // is its own: what it asks for could be taken for an answer to that component.
+  void answer(const sender& to, const peer* registered, const KXmessage& message);
+
+  // Takes note of a message that is not served. `from` is null when the sender is not registered.
+  void drop(peer* from, const sender& origin, const char* reason);
+
+  // The tally, and the name for a line, of a component, or of a sender that is not registered.
+  tally& tally_of(peer* from) { return from != nullptr ? from->of_its_own : m_tally; }
+  static std::string name_of(const peer* from, const sender& origin);
+
+ private:
+  bool offer(const std::string& path, const KXmessage& message) const;
+
+  reporter& m_report;
+  const std::string m_bus_directory;  // ends in a slash
+  unique_fd m_socket;
+  tally m_tally;
+};
+
+// Whether a character cannot stand in a line of the log.
+bool is_control(unsigned char c);
+
+#endif
