@@ -234,6 +234,13 @@ class KX_EXPORT KXcomponent {
   /// Sleeps for a second, also when signals interrupt the sleep.
   static void pause_one_second();
 
+  /// Why the core refused what was asked of it last, in its own words ("nobody offers 'clock'"); empty when
+  /// it did not, or gave no reason. A management exchange on any thread replaces it.
+  const std::string& last_refusal() const;
+
+  /// Keeps the reason that the core's answer to a request gives; null forgets that of an earlier one.
+  void keep_refusal(const KXmessage* answer);
+
   /// Whether a received datagram holds at least a header; if not, writes a WARNING line for `operation`.
   static bool holds_header(int received, const char* operation);
 

@@ -104,7 +104,6 @@ void KXcore::get_data_message(int /*fd*/) {
     settle();
     m_data_ahead -= std::min(m_data_ahead, received);
   }
-  if (received < inbox::batch_size) m_router.rest();
   // A socket that is empty after a full batch would not bring the loop here again.
   if (holds_something() && (received < inbox::batch_size || m_data_ahead == 0 || !is_readable(m_data_fd)))
     serve_held();

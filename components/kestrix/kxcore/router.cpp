@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include "KXcomponent.h"
 #include "KXlog.h"
 #include "request.h"
 
@@ -25,13 +26,21 @@ void router::serve(const sender& from, KXmessage& message) {
   route(*registered, message);
 }
 
+bool router::may_answer_stranger() {
+  const unsigned int interval = get_currentTime() / answers_interval_ms;
+  if (interval != m_interval) m_answers_left = max_answers;
+  m_interval = interval;
+  if (m_answers_left == 0) return false;
+  --m_answers_left;
+  return true;
+}
+
 void router::refuse_stranger(const sender& from, const KXmessage& message) {
   const peer* const registered = m_peers.at_data(from.path);
   const char* const reason = registered == nullptr ? "the sender is not registered"
                                                    : "another process has registered with this socket";
   m_strangers.drop(nullptr, from, reason);
-  if (message.m_header->msg_type != MSG_REQ || m_answers_left == 0) return;
-  --m_answers_left;
+  if (message.m_header->msg_type != MSG_REQ || !may_answer_stranger()) return;
   m_strangers.answer(from, registered, failure_of(request_of(message), reason));
 }
 

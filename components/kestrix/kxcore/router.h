@@ -25,13 +25,12 @@ class router {
 
   void serve(const sender& from, KXmessage& message);
 
-  // Nothing is left to serve: strangers are answered again.
-  void rest() { m_answers_left = answers_at_once; }
-
  private:
-  // A flood of strangers' requests gets so many answers, and no more before the core has served it.
-  static constexpr unsigned int answers_at_once = 256;
+  // A flood of strangers' requests gets so many answers in such an interval.
+  static constexpr unsigned int max_answers = 256;
+  static constexpr unsigned int answers_interval_ms = 100;
 
+  bool may_answer_stranger();
   void refuse_stranger(const sender& from, const KXmessage& message);
   void route(peer& from, KXmessage& message);
   const char* check_answer(peer& receiver, const open_request& way, endpoint::role_e role);
@@ -44,7 +43,8 @@ class router {
   roster& m_peers;
   strangers& m_strangers;
   reporter& m_report;
-  unsigned int m_answers_left = answers_at_once;
+  unsigned int m_interval = 0;  // the number of the present one
+  unsigned int m_answers_left = max_answers;
 };
 
 #endif

@@ -1,5 +1,7 @@
 #include "strangers.h"
 
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -32,12 +34,21 @@ bool strangers::is_on_bus(const std::string& path) const {
 void strangers::answer(const sender& to, const peer* registered, const KXmessage& message) {
   if (!is_on_bus(to.path)) return;
   if (registered != nullptr && registered->uid != to.uid && !is_socket_of(to.path, to.uid)) return;
-  if (offer(to.path, message) || errno != EAGAIN) return;
-  // Unread answers count against the socket that sent them: when it is full, another one takes its place.
+  if (offer(to.path, message) || errno != EAGAIN || !has_much_unread()) return;
   unique_fd fresh(open_datagram());
   if (fresh.get() < 0) return;
   m_socket = std::move(fresh);
   offer(to.path, message);
+}
+
+// Unread answers count against the send buffer of the socket that sent them: when it is full, another one
+// takes its place.
+bool strangers::has_much_unread() const {
+  int unread = 0;
+  int limit = 0;
+  socklen_t size = sizeof limit;
+  return ioctl(m_socket.get(), SIOCOUTQ, &unread) == 0 &&
+         getsockopt(m_socket.get(), SOL_SOCKET, SO_SNDBUF, &limit, &size) == 0 && unread > limit / 2;
 }
 
 bool strangers::offer(const std::string& path, const KXmessage& message) const {

@@ -31,6 +31,7 @@ class strangers {
 
  private:
   bool offer(const std::string& path, const KXmessage& message) const;
+  bool has_much_unread() const;
 
   reporter& m_report;
   const std::string m_bus_directory;  // ends in a slash

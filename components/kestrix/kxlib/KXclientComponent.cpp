@@ -67,11 +67,13 @@ bool KXclientComponent::interconnect_service(KXconnection* connection, KXmessage
     return send_mgmt_message(message) > 0;
   }
 
+  keep_refusal(nullptr);
   address_management(message, MSG_REQ);
   const unsigned int awaited = ntohl(message.m_header->msg_id);
   if (send_mgmt_message(message) < 0) return false;
   if (!await_reply(message, awaited)) return false;
   if (message.m_header->msg_type == MSG_ERR) {
+    keep_refusal(&message);
     KX_LOG_WARNING("reveived error message, aborting...");
     throw KXerror::ERR_ERROR_REPLY;
   }

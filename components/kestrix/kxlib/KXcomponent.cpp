@@ -40,6 +40,7 @@
 #include "management.h"
 #include "mutex_lock.h"
 #include "pause.h"
+#include "payload.h"
 #include "race_with_poll.h"
 #include "readable_wait.h"
 #include "shared_member.h"
@@ -139,6 +140,7 @@ struct KXcomponent::shared_state {
   std::atomic<pthread_t> loop_thread{};  // none outside of the event loop
   std::atomic<bool> woken{false};        // since the loop looked at the waiting queue
   signal_notes notes;
+  std::string refusal;  // of the last management exchange
 };
 
 // --- clock ---
@@ -278,6 +280,13 @@ void KXcomponent::register_component() {}
 void KXcomponent::unregister_component() {}
 int KXcomponent::send_mgmt_message(KXmessage&) { return 0; }
 int KXcomponent::send_data_message(KXmessage&) { return 0; }
+
+const std::string& KXcomponent::last_refusal() const { return m_shared->refusal; }
+
+void KXcomponent::keep_refusal(const KXmessage* answer) {
+  m_shared->refusal.clear();
+  if (answer != nullptr) payload(*answer).take(m_shared->refusal);
+}
 
 // --- datagrams ---
 

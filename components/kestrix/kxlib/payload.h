@@ -1,5 +1,5 @@
-// Reads the values of a management payload, checking what the stream operators do not: the tag, and that the
-// value is there.
+// Reads the values of a management message's payload, checking what the stream operators do not: the tag, and
+// that the value is there.
 #ifndef PAYLOAD_H
 #define PAYLOAD_H
 
