@@ -208,10 +208,9 @@ void KXcore::reclaim_place() {
   drain();
   try {
     m_place.enter();
-    with_longer_queues([this] {
-      reclaim(m_mgmt_fd, m_mgmt_file);
-      reclaim(m_data_fd, m_data_file);
-    });
+    const longer_queues queues;
+    reclaim(m_mgmt_fd, m_mgmt_file);
+    reclaim(m_data_fd, m_data_file);
     m_report.problem("the files of its sockets in %s were removed: it has made them again",
                      m_socket_dir.c_str());
   } catch (const std::runtime_error& error) {

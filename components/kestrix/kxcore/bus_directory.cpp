@@ -86,6 +86,9 @@ void bus_directory::lock() {
 
 unique_fd bus_directory::open_lock() const {
   unique_fd file(open(m_lock_path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
+  if (file.get() < 0 && errno == EACCES)
+    refuse(m_lock_path,
+           "is the lock of another user's kxcore, which runs, or was killed: end it, or remove the file");
   if (file.get() < 0) fail("open the lock", m_lock_path, errno);
   struct stat opened = {};
   if (fstat(file.get(), &opened) != 0) fail("open the lock", m_lock_path, errno);

@@ -1,11 +1,12 @@
 #include "longer_queues.h"
 
+#include <fcntl.h>
 #include <sched.h>
 
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <future>
+#include <utility>
 
 namespace {
 
@@ -17,23 +18,22 @@ int current_length() {
   return length;
 }
 
-std::string lengthen() {
-  const int length = current_length();
-  if (length >= socket_queue) return {};
-  if (unshare(CLONE_NEWNET) != 0) return std::string("a network namespace: ") + strerror(errno);
-  std::ofstream(setting) << socket_queue;
-  if (current_length() >= socket_queue) return {};
-  return std::string(setting) + " in a network namespace cannot be written";
-}
+std::string failure(const char* what) { return std::string(what) + ": " + strerror(errno); }
 
 }  // namespace
 
-std::string with_longer_queues(const std::function<void()>& create) {
-  return std::async(std::launch::async,
-                    [&create] {
-                      std::string reason = lengthen();
-                      create();
-                      return reason;
-                    })
-      .get();
+longer_queues::longer_queues() : m_refusal(enter()) {}
+
+std::string longer_queues::enter() {
+  if (current_length() >= socket_queue) return {};
+  unique_fd before(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
+  if (before.get() < 0) return failure("cannot open its network namespace");
+  if (unshare(CLONE_NEWNET) != 0) return failure("cannot enter a network namespace of their own");
+  m_before = std::move(before);
+  std::ofstream(setting) << socket_queue;
+  return current_length() >= socket_queue ? std::string() : std::string("cannot write ") + setting;
+}
+
+longer_queues::~longer_queues() {
+  if (m_before.get() >= 0) setns(m_before.get(), CLONE_NEWNET);
 }

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <new>
 #include <string>
 
 #include "KXcore.h"
@@ -53,12 +54,11 @@ void raise_priority() {
 }
 
 std::unique_ptr<KXcore> create_core(bus_directory& place, reporter& report) {
-  std::unique_ptr<KXcore> core;
-  const std::string reason = with_longer_queues([&] { core = std::make_unique<KXcore>(place, report); });
-  if (!reason.empty())
+  const longer_queues queues;
+  if (!queues.refusal().empty())
     report.problem("its sockets have short queues, senders of many messages at once are held up: %s",
-                   reason.c_str());
-  return core;
+                   queues.refusal().c_str());
+  return std::make_unique<KXcore>(place, report);
 }
 
 // The core reads the signals that end it from a descriptor; what it writes to closed pipes is lost.
@@ -85,6 +85,8 @@ int run(bool verbose) {
     return core->has_failed() ? EXIT_FAILURE : EXIT_SUCCESS;
   } catch (const KXerror::error_e&) {
     std::fprintf(stderr, "kxcore: cannot bind its sockets in %s: %s\n", bus_path, strerror(errno));
+  } catch (const std::bad_alloc&) {
+    std::fputs("kxcore: no memory\n", stderr);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "kxcore: %s\n", error.what());
   }
