@@ -40,7 +40,7 @@ bool inbox::is_malformed(unsigned int i) const {
 
 const sender& inbox::sender_of(unsigned int i) {
   m_sender.path = sender_path(m_senders[i], m_headers[i].msg_hdr.msg_namelen).text;
-  ucred process = {0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
+  ucred process = {0, sender::overflow_uid, 0};
   msghdr& header = m_headers[i].msg_hdr;
   for (cmsghdr* part = CMSG_FIRSTHDR(&header); part != nullptr; part = CMSG_NXTHDR(&header, part)) {
     if (part->cmsg_level == SOL_SOCKET && part->cmsg_type == SCM_CREDENTIALS)

@@ -14,9 +14,14 @@
 // Where a datagram comes from. The system vouches for process and user; the path is where the sender bound
 // its socket, which in a file system of its own may be any.
 struct sender {
+  static constexpr uid_t overflow_uid = 65534;
+
   std::string path;  // empty when it has none
-  pid_t pid;         // 0 when it is not known
+  pid_t pid;         // 0 when the core cannot see it
   uid_t uid;
+
+  // False for what came in the moment between the socket's creation and ask_for_credentials.
+  bool is_known() const { return pid != 0 || uid != overflow_uid; }
 };
 
 class inbox {
@@ -27,8 +32,7 @@ class inbox {
   inbox(const inbox&) = delete;
   inbox& operator=(const inbox&) = delete;
 
-  // Has a socket say of each datagram which process of which user sent it. What lies in it already says 0 and
-  // the user of nobody.
+  // Has a socket say of each datagram from now on which process of which user sent it.
   static void ask_for_credentials(int fd);
 
   // Receives what is there, up to batch_size datagrams, without waiting; how many.

@@ -28,11 +28,16 @@ peer::peer(std::string component_name, const sender& from, const std::string& da
       name(std::move(component_name)),
       mgmt_path(from.path),
       data_path(data_socket),
+      is_known(from.is_known()),
       uid(from.uid),
       pid(from.pid),
       process(open_process(from.pid)),
       mgmt(mgmt_path),
       data(data_path) {}
+
+bool peer::is_process_of(const sender& from) const {
+  return !is_known || (from.uid == uid && (from.pid == pid || !is_alive()));
+}
 
 bool peer::is_alive() const {
   pollfd ended = {process.get(), POLLIN, 0};

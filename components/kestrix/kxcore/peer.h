@@ -28,9 +28,9 @@ struct peer {
 
   bool is_connected() const { return mgmt.connected() && data.connected(); }
 
-  // Whether the process that sent something is the component's, or of the same user once that one has ended
-  // and left its sockets to a child.
-  bool is_process_of(const sender& from) const { return from.uid == uid && (pid == 0 || from.pid == pid); }
+  // Whether the process that sent something is the component's; once that has ended and left its sockets to a
+  // child, any of the same user is.
+  bool is_process_of(const sender& from) const;
 
   bool is_alive() const;  // its process; false when that is not known
 
@@ -38,8 +38,9 @@ struct peer {
   const std::string name;
   const std::string mgmt_path;
   const std::string data_path;
+  const bool is_known;  // who the process is; otherwise any is taken for it
   const uid_t uid;
-  pid_t pid;                // 0 when it is not known
+  const pid_t pid;          // 0 when it is not known
   const unique_fd process;  // pidfd, readable when the process has ended; -1 without
   outlet mgmt;
   outlet data;

@@ -128,8 +128,7 @@ void roster::end_processes() {
     if (is_unreachable(of)) {
       give_up(of, "its process ended");
     } else {
-      of.pid = 0;  // a child of it goes on with its sockets
-      of.has_ended = false;
+      of.has_ended = false;  // a child of it goes on with its sockets
       m_watch.remove(of.process.get());
     }
   }
