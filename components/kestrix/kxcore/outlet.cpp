@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <new>
+#include <numeric>
 #include <utility>
 
 #include "socket_address.h"
@@ -43,7 +44,7 @@ outlet::result_e outlet::try_send(const void* bytes, std::size_t size) {
   }
 }
 
-outlet::result_e outlet::send(const void* bytes, std::size_t size, unsigned long sender) {
+outlet::result_e outlet::send(const void* bytes, std::size_t size, unsigned long sender, uid_t user) {
   if (!has_queue()) {
     const result_e result = try_send(bytes, size);
     if (result != QUEUED) return result;
@@ -51,8 +52,8 @@ outlet::result_e outlet::send(const void* bytes, std::size_t size, unsigned long
   auto own = std::find_if(m_turns.begin(), m_turns.end(),
                           [sender](const waiting& each) { return each.sender == sender; });
   try {
-    if (has_room(own)) {
-      enqueue(own, sender, bytes, size);
+    if (has_room(own, user)) {
+      enqueue(own, {sender, user, {}, 0}, bytes, size);
       return QUEUED;
     }
   } catch (const std::bad_alloc&) {  // there is no room, either
@@ -62,19 +63,24 @@ outlet::result_e outlet::send(const void* bytes, std::size_t size, unsigned long
 }
 
 // For another message of a sender, or the first one when that has none here.
-bool outlet::has_room(std::list<waiting>::const_iterator own) const {
-  return own == m_turns.end() ? m_queued < 2 * max_queued : own->cost + m_queued < max_queued;
+bool outlet::has_room(std::list<waiting>::const_iterator own, uid_t user) const {
+  if (own != m_turns.end()) return own->cost + m_queued < max_queued;
+  const auto add = [user](std::size_t sum, const waiting& each) {
+    return each.user == user ? sum + each.cost : sum;
+  };
+  return std::accumulate(m_turns.begin(), m_turns.end(), std::size_t{0}, add) < max_queued &&
+         m_queued < 2 * max_queued;
 }
 
-void outlet::enqueue(std::list<waiting>::iterator own, unsigned long sender, const void* bytes,
+void outlet::enqueue(std::list<waiting>::iterator own, const waiting& first, const void* bytes,
                      std::size_t size) {
-  std::list<waiting> first;
-  if (own == m_turns.end()) own = first.insert(first.end(), {sender, {}, 0});
+  std::list<waiting> added;
+  if (own == m_turns.end()) own = added.insert(added.end(), first);
   const auto* begin = static_cast<const unsigned char*>(bytes);
   own->messages.emplace_back(begin, begin + size);
   own->cost += size + cost_beside_bytes;
   m_queued += size + cost_beside_bytes;
-  m_turns.splice(m_turns.end(), first);
+  m_turns.splice(m_turns.end(), added);
 }
 
 outlet::result_e outlet::flush() {

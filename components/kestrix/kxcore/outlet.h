@@ -6,10 +6,14 @@
 // reports POLLOUT when there is room again. Nothing here ever waits: what cannot be sent at once is queued in
 // the order of each sender, and what does not fit into the queue is refused. A sender may take as much of a
 // queue as it leaves free, and one message in any case, and the senders have their turns: however many flood
-// a queue, the others find room in it and do not wait for the end of the flood. What a sender has room for is
-// more than its own send buffer holds, so that a burst to a component that reads loses nothing.
+// a queue, the others find room in it and do not wait for the end of the flood. Nor can a user with many
+// senders leave the others none: all of one user's may hold as much as the queue is meant for, and as much is
+// kept for the rest. What a sender has room for is more than its own send buffer holds, so that a burst to a
+// component that reads loses nothing.
 #ifndef OUTLET_H
 #define OUTLET_H
+
+#include <sys/types.h>
 
 #include <cstddef>
 #include <deque>
@@ -23,8 +27,8 @@ using datagram = std::vector<unsigned char>;
 
 class outlet {
  public:
-  // In bytes, with what the memory of each message costs beside its own. Where so many senders come that the
-  // first messages of each reach twice that, these are refused, too.
+  // Of one user's senders, in bytes, with what the memory of each message costs beside its own; of all users'
+  // together twice that.
   static constexpr std::size_t max_queued = std::size_t{256} * 1024;
   static constexpr std::size_t cost_beside_bytes = 128;
 
@@ -42,8 +46,8 @@ class outlet {
   int fd() const { return m_socket.get(); }
   bool has_queue() const { return m_queued > 0; }
 
-  // `sender` is the serial of a peer, 0 for the core itself.
-  result_e send(const void* bytes, std::size_t size, unsigned long sender);
+  // `sender` is the serial of a peer, 0 for the core itself, and `user` who runs it.
+  result_e send(const void* bytes, std::size_t size, unsigned long sender, uid_t user);
 
   // Sends what is queued: SENT when nothing is left, QUEUED or GONE otherwise.
   result_e flush();
@@ -55,6 +59,7 @@ class outlet {
   // Of one sender.
   struct waiting {
     unsigned long sender;
+    uid_t user;
     std::deque<datagram> messages;
     std::size_t cost;
   };
@@ -64,8 +69,8 @@ class outlet {
 
  private:
   result_e try_send(const void* bytes, std::size_t size);
-  bool has_room(std::list<waiting>::const_iterator own) const;
-  void enqueue(std::list<waiting>::iterator own, unsigned long sender, const void* bytes, std::size_t size);
+  bool has_room(std::list<waiting>::const_iterator own, uid_t user) const;
+  void enqueue(std::list<waiting>::iterator own, const waiting& first, const void* bytes, std::size_t size);
 
   unique_fd m_socket;
   bool m_connected;

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -55,7 +56,7 @@ outlet::result_e roster::send(peer& to, outlet& way, const KXmessage& message, c
   const bool had_queue = way.has_queue();
   const outlet::result_e result =
       way.send(message.m_header, static_cast<std::size_t>(message.datagram_size()),
-               from == nullptr ? 0 : from->serial);
+               from == nullptr ? 0 : from->serial, from == nullptr ? getuid() : from->uid);
   if (result == outlet::QUEUED && !had_queue) watch_for(to, way.fd(), watch::ROOM);
   if (result == outlet::GONE) give_up(to, "its socket is gone");
   if (result == outlet::FULL && reporter::is_reported(way.lost())) {
