@@ -10,8 +10,10 @@
 #include "KXclientComponent.h"
 #include "KXproxy.h"
 #include "board.h"
+#include "datagram.h"
 #include "exchange.h"
 #include "parts.h"
+#include "socket_address.h"
 
 namespace {
 
@@ -120,5 +122,30 @@ void flood(const std::string& name, unsigned int seed) {
     component.send_in_order(to_stopped, MSG_REQ);
     component.send_anything(false);
     component.send_anything(true);
+  }
+}
+
+[[noreturn]] void flood_as_strangers(int sockets) {
+  constexpr int large = 8 * 1024 * 1024;
+  std::vector<int> senders;
+  for (int i = 0; i < sockets; ++i) {
+    const sockaddr_un own = socket_address("/tmp/kxcore/" + numbered("stranger", i));
+    senders.push_back(socket(AF_UNIX, SOCK_DGRAM, 0));
+    bind(senders.back(), reinterpret_cast<const sockaddr*>(&own), sizeof own);
+    if (i % 8 == 0 && setsockopt(senders.back(), SOL_SOCKET, SO_SNDBUFFORCE, &large, sizeof large) != 0)
+      setsockopt(senders.back(), SOL_SOCKET, SO_SNDBUF, &large, sizeof large);
+  }
+  KXmessage message;
+  message.m_header->msg_type = MSG_REQ;
+  await_begin();
+  for (;;) {
+    for (const char* const path : {"/tmp/kxcore/kxcore", "/tmp/kxcore/kxcore-d"}) {
+      const sockaddr_un core = socket_address(path);
+      for (const int sender : senders) {
+        if (sendto(sender, message.m_header, header_size, MSG_DONTWAIT,
+                   reinterpret_cast<const sockaddr*>(&core), sizeof core) > 0)
+          ++board->flooded;
+      }
+    }
   }
 }

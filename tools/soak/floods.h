@@ -13,4 +13,9 @@ void fill_queues(int stopped);
 // anywhere.
 void flood(const std::string& name, unsigned int seed);
 
+// Sends, once the requests begin, requests from so many sockets of nobody's to both sockets of the core,
+// without a pause and without reading the answers. The send buffer of every eighth is as large as the system
+// permits.
+[[noreturn]] void flood_as_strangers(int sockets);
+
 #endif

@@ -15,12 +15,13 @@
 namespace {
 
 constexpr char usage[] =
-    "usage: kxsoak [REQUESTS] [--components N] [--stopped N] [--killed N] [--flooding N] [--seed N]\n"
-    "              [--untimed | --responses-only]\n"
+    "usage: kxsoak [REQUESTS] [--components N] [--stopped N] [--killed N] [--flooding N] [--strangers N]\n"
+    "              [--seed N] [--untimed | --responses-only]\n"
     "\n"
     "Exchanges REQUESTS (1,000,000) synchronous requests between components (100 in all) through kxcore,\n"
     "while some are stopped with full queues (20), some are killed and started again (10), and some flood\n"
-    "(5). Fails when a response is wrong or missing, when a request waits longer than 100 times the median\n"
+    "(5), as do, where asked for, sockets of a process that is no component. Fails when a response is wrong "
+    "or missing, when a request waits longer than 100 times the median\n"
     "(unless --untimed), or when the memory of kxcore or of a component grows (with --responses-only "
     "neither\n"
     "of these, for builds with sanitizers).\n";
@@ -33,6 +34,7 @@ constexpr option options[] = {{"components", required_argument, nullptr, 'c'},
                               {"stopped", required_argument, nullptr, 's'},
                               {"killed", required_argument, nullptr, 'k'},
                               {"flooding", required_argument, nullptr, 'f'},
+                              {"strangers", required_argument, nullptr, 't'},
                               {"seed", required_argument, nullptr, 'r'},
                               {"untimed", no_argument, nullptr, 'u'},
                               {"responses-only", no_argument, nullptr, 'o'},
@@ -57,6 +59,7 @@ settings parse(int argc, char** argv) {
     if (found == 's') result.stopped = std::atoi(optarg);
     if (found == 'k') result.killed = std::atoi(optarg);
     if (found == 'f') result.flooding = std::atoi(optarg);
+    if (found == 't') result.strangers = std::atoi(optarg);
     if (found == 'r') result.seed = static_cast<unsigned int>(std::atol(optarg));
     if (found == 'u' || found == 'o') result.timed = false;
     if (found == 'o') result.weighed = false;

@@ -10,6 +10,7 @@ struct settings {
   int stopped = 20;
   int killed = 10;
   int flooding = 5;
+  int strangers = 0;    // sockets that flood without being a component's
   bool timed = true;    // fails when a request waits too long
   bool weighed = true;  // fails when memory grows
   unsigned int seed = std::random_device()();

@@ -107,6 +107,8 @@ void soak::start_callers(int servers, int callers) {
 void soak::start_floods() {
   for (int i = 0; i < m_settings.flooding; ++i)
     m_flooding.push_back(start([i, seed = m_random()] { flood(numbered("flooder", i), seed); }));
+  if (m_settings.strangers > 0)
+    m_flooding.push_back(start([this] { flood_as_strangers(m_settings.strangers); }));
 }
 
 void soak::start_mortals() {
