@@ -69,8 +69,7 @@ bool soak::run(child_process& core) {
   for (int turn = 1; board->answered + board->failed < m_settings.requests; ++turn) {
     usleep(turn_us);
     if (core.has_ended() || !all_work()) return print_failure("kxcore or a component has ended"), false;
-    replace_one();
-    ++found.kills;
+    if (replace_one()) ++found.kills;
     weigh(found.watched);
     if (turn % 100 == 0) print_progress(m_settings.requests, found.kills);
   }
@@ -122,11 +121,13 @@ bool soak::all_work() const {
          std::none_of(m_working.begin(), m_working.end(), [](const auto& each) { return each->has_ended(); });
 }
 
-void soak::replace_one() {
-  if (m_mortal.empty()) return;
+// Whether there is one.
+bool soak::replace_one() {
+  if (m_mortal.empty()) return false;
   const std::size_t victim = m_random() % m_mortal.size();
   m_mortal[victim]->end(SIGKILL);
   m_mortal[victim] = start_mortal(static_cast<int>(victim));
+  return true;
 }
 
 // The callers end soon after the last request has been taken.

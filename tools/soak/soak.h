@@ -33,7 +33,7 @@ class soak {
   void start_floods();
   void start_mortals();
   bool all_work() const;
-  void replace_one();
+  bool replace_one();
   void weigh(std::vector<watched_process>& watched) const;
 
   const settings m_settings;
