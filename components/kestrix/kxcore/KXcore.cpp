@@ -23,6 +23,9 @@ namespace {
 // A turn ends after this many batches, so that a flood of data does not keep the loop from the rest.
 constexpr int batches_per_turn = 16;
 
+// What a component may have to say at its end: it gives back all that it holds, and unregisters.
+constexpr unsigned int most_notices = peer::max_grants + 1;
+
 bool is_readable(int fd) {
   pollfd entry = {fd, POLLIN, 0};
   return poll(&entry, 1, 0) > 0;
@@ -80,12 +83,16 @@ KXcore::KXcore(bus_directory& place, reporter& report)
 // --- the order of a turn ---
 
 void KXcore::get_mgmt_message(int /*fd*/) {
-  if (!holds_something()) {
+  if (m_held == 0) {
     m_held = m_mgmt_inbox.receive(m_mgmt_fd);
-    if (!waits_for_data()) return serve_held();
-    m_data_ahead = socket_queue + 1;
+    m_mgmt_ahead -= std::min(m_mgmt_ahead, m_held);
+    if (waits_for_data()) {
+      m_data_ahead = socket_queue + 1;
+    } else {
+      serve_held();
+    }
   }
-  get_data_message(m_data_fd);
+  if (holds_something()) get_data_message(m_data_fd);
 }
 
 // Who is not registered has sent no data that could come before: a flood of theirs delays nobody.
@@ -105,8 +112,10 @@ void KXcore::get_data_message(int /*fd*/) {
     m_data_ahead -= std::min(m_data_ahead, received);
   }
   // A socket that is empty after a full batch would not bring the loop here again.
-  if (holds_something() && (received < inbox::batch_size || m_data_ahead == 0 || !is_readable(m_data_fd)))
-    serve_held();
+  const bool is_drained = received < inbox::batch_size || m_data_ahead == 0 || !is_readable(m_data_fd);
+  if (!is_drained) return;
+  serve_held();
+  if (m_processes_ended && (m_mgmt_ahead == 0 || !is_readable(m_mgmt_fd))) end_processes();
 }
 
 void KXcore::serve_held() {
@@ -115,7 +124,10 @@ void KXcore::serve_held() {
     settle();
   }
   m_held = 0;
-  if (!std::exchange(m_processes_ended, false)) return;
+}
+
+void KXcore::end_processes() {
+  m_processes_ended = false;
   m_peers.end_processes();
   settle();
 }
@@ -156,6 +168,7 @@ void KXcore::serve_peers() {
   if (m_peers.serve(holds_something())) {
     m_processes_ended = true;
     m_data_ahead = socket_queue + 1;
+    m_mgmt_ahead = most_notices;
   }
   settle();
   if (m_processes_ended) get_data_message(m_data_fd);

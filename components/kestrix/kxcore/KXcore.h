@@ -2,8 +2,8 @@
 // forwards their data messages.
 //
 // It never waits for anybody. At each turn it takes from its sockets what is there, up to a limit. A
-// management message of a component, and the end of a process, are held until the data is served that came
-// before, so that what a component sends before it withdraws still counts as its own.
+// management message of a component is held until the data is served that came before, and the end of a
+// process until both are: what a component sends before it withdraws still counts as its own.
 #ifndef KXCORE_H
 #define KXCORE_H
 
@@ -52,6 +52,7 @@ class KXcore : public KXcomponent {
   void serve_data(unsigned int i);
   template <typename Function>
   void with_memory(Function serve);
+  void end_processes();
   void settle();
 
   void serve_peers();
@@ -80,6 +81,7 @@ class KXcore : public KXcomponent {
   unsigned int m_held = 0;         // messages in the management inbox that wait for the data before them
   bool m_processes_ended = false;  // and so do the ends of processes
   unsigned int m_data_ahead = 0;   // datagrams that may have come before what is held
+  unsigned int m_mgmt_ahead = 0;   // and management messages before the ends of processes
   unsigned long m_without_memory = 0;
   bool m_failed = false;
 };
