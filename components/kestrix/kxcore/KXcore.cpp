@@ -75,8 +75,12 @@ KXcore::KXcore(bus_directory& place, reporter& report)
   inbox::ask_for_credentials(m_data_fd);
   add_socket_descriptor(m_signals.get(), this, call<KXcore, &KXcore::take_signal>);
   add_socket_descriptor(m_peers.fd(), this, call<KXcore, &KXcore::serve_peers>);
-  if (m_place.fd() >= 0) add_socket_descriptor(m_place.fd(), this, call<KXcore, &KXcore::look_at_place>);
-  m_construction.is_complete = true;
+  if (m_place.fd() >= 0) {
+    add_socket_descriptor(m_place.fd(), this, call<KXcore, &KXcore::look_at_place>);
+  } else {
+    m_report.problem("it cannot watch %s: the end of its sockets' files would not be noticed",
+                     m_socket_dir.c_str());
+  }
   m_report.event("kxcore is ready");
 }
 
@@ -178,7 +182,12 @@ void KXcore::serve_peers() {
 
 void KXcore::take_signal() {
   signalfd_siginfo taken = {};
-  if (read(m_signals.get(), &taken, sizeof taken) == sizeof taken) begin_shutdown();
+  if (read(m_signals.get(), &taken, sizeof taken) != sizeof taken) return;
+  try {
+    begin_shutdown();
+  } catch (const std::bad_alloc&) {  // then not in order
+    m_running = false;
+  }
 }
 
 // Tells every component to end, and ends when they have unregistered, which without a core would cost each of
@@ -235,7 +244,8 @@ void KXcore::reclaim_place() {
 
 // Serves what came before; nothing comes to sockets without files, except from who has connected to them.
 void KXcore::drain() {
-  for (int turns = socket_queue; turns > 0 && (is_readable(m_mgmt_fd) || is_readable(m_data_fd)); --turns) {
+  constexpr int full_queue = socket_queue / (batches_per_turn * static_cast<int>(inbox::batch_size)) + 1;
+  for (int turns = full_queue; turns > 0 && (is_readable(m_mgmt_fd) || is_readable(m_data_fd)); --turns) {
     get_mgmt_message(m_mgmt_fd);
     get_data_message(m_data_fd);
   }

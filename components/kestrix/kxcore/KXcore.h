@@ -36,13 +36,10 @@ class KXcore : public KXcomponent {
   bool has_failed() const { return m_failed; }
 
  private:
-  // Takes the component off the bus again when its construction fails.
-  struct construction {
+  // Takes the component off the bus however it ends, its construction included.
+  struct departure {
     KXcore& core;
-    bool is_complete;
-    ~construction() {
-      if (!is_complete) core.stop();
-    }
+    ~departure() { core.stop(); }
   };
 
   bool holds_something() const { return m_held > 0 || m_processes_ended; }
@@ -68,7 +65,7 @@ class KXcore : public KXcomponent {
   bus_directory& m_place;
   own_file m_mgmt_file;
   own_file m_data_file;
-  construction m_construction{*this, false};
+  departure m_departure{*this};
   reporter& m_report;
   unique_fd m_signals;
   strangers m_strangers;

@@ -12,9 +12,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "outlet.h"
-#include "socket_address.h"
-
 namespace {
 
 constexpr char lock_name[] = "/.kxcore.lock";
@@ -49,7 +46,7 @@ bus_directory::~bus_directory() {
 
 void bus_directory::enter() {
   open_directory();
-  inotify_add_watch(m_events.get(), m_path.c_str(), changes);
+  if (inotify_add_watch(m_events.get(), m_path.c_str(), changes) < 0) m_events = unique_fd();
   if (!holds_lock()) lock();
 }
 
@@ -86,7 +83,7 @@ void bus_directory::lock() {
 
 unique_fd bus_directory::open_lock() const {
   unique_fd file(open(m_lock_path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
-  if (file.get() < 0 && errno == EACCES)
+  if (file.get() < 0 && errno == EACCES && access(m_lock_path.c_str(), F_OK) == 0)
     refuse(m_lock_path,
            "is the lock of another user's kxcore, which runs, or was killed: end it, or remove the file");
   if (file.get() < 0) fail("open the lock", m_lock_path, errno);
@@ -99,14 +96,14 @@ unique_fd bus_directory::open_lock() const {
 }
 
 void bus_directory::check_place(const std::string& path) {
-  struct stat file = {};
-  if (lstat(path.c_str(), &file) != 0) {
+  const socket_file file(path);
+  if (!file.exists()) {
     if (errno == ENOENT) return;
+    if (errno == ENOTSOCK) refuse(path, "is not a socket that a kxcore has left: remove it");
     fail("look at", path, errno);
   }
-  if (!S_ISSOCK(file.st_mode)) refuse(path, "is not a socket that a kxcore has left: remove it");
   const unique_fd probe(open_datagram());
-  const sockaddr_un address = socket_address(path);
+  const sockaddr_un address = file.address();
   if (connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
     refuse(path, "is in use by a process that lives: another kxcore, or a component of this name");
   if (errno != ECONNREFUSED) fail("look at", path, errno);

@@ -4,19 +4,10 @@
 #ifndef BUS_DIRECTORY_H
 #define BUS_DIRECTORY_H
 
-#include <sys/types.h>
-
 #include <string>
 
+#include "socket_file.h"
 #include "unique_fd.h"
-
-// What distinguishes a file from others that may stand under its path.
-struct file_identity {
-  dev_t device;
-  ino_t inode;
-
-  bool operator==(const file_identity& other) const { return device == other.device && inode == other.inode; }
-};
 
 class bus_directory {
  public:
@@ -67,7 +58,7 @@ class own_file {
 
  private:
   const std::string m_path;
-  file_identity m_identity{};
+  file_identity m_identity;
 };
 
 #endif

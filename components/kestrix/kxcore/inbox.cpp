@@ -6,6 +6,7 @@
 #include "socket_address.h"
 
 inbox::inbox() {
+  m_sender.path.reserve(max_socket_path + 1);  // no sender takes memory later
   for (unsigned int i = 0; i < batch_size; ++i) {
     m_parts[i] = {m_messages[i].m_header, buffer_t::capacity};
     m_headers[i].msg_hdr.msg_name = &m_senders[i];

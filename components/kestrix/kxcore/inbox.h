@@ -20,7 +20,8 @@ struct sender {
   pid_t pid;         // 0 when the core cannot see it
   uid_t uid;
 
-  // False for what came in the moment between the socket's creation and ask_for_credentials.
+  // False for what came in the moment between the socket's creation and ask_for_credentials (and for a
+  // process of nobody's that the core cannot see).
   bool is_known() const { return pid != 0 || uid != overflow_uid; }
 };
 

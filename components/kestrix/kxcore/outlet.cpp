@@ -1,39 +1,23 @@
 #include "outlet.h"
 
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <new>
-#include <numeric>
 #include <utility>
 
-#include "socket_address.h"
+#include "socket_file.h"
 
-int open_datagram() { return socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); }
-
-namespace {
-
-int connect_datagram(const std::string& path) {
-  if (path.size() > max_socket_path) {
-    errno = ENAMETOOLONG;
-    return -1;
-  }
-  const sockaddr_un address = socket_address(path);
-  const int fd = open_datagram();
-  if (fd < 0) return -1;
-  if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return fd;
-  const int error = errno;
-  close(fd);
-  errno = error;
-  return -1;
+outlet::outlet(const std::string& path) : m_socket(open_datagram()) {
+  if (m_socket.get() < 0) return;
+  const socket_file file(path);
+  if (!file.exists()) return;
+  const sockaddr_un address = file.address();
+  m_connected = connect(m_socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  m_owner = file.owner();
+  m_identity = file.identity();
 }
-
-}  // namespace
-
-outlet::outlet(const std::string& path)
-    : m_socket(connect_datagram(path)), m_connected(m_socket.get() >= 0) {}
 
 outlet::result_e outlet::try_send(const void* bytes, std::size_t size) {
   for (;;) {
@@ -51,36 +35,35 @@ outlet::result_e outlet::send(const void* bytes, std::size_t size, unsigned long
   }
   auto own = std::find_if(m_turns.begin(), m_turns.end(),
                           [sender](const waiting& each) { return each.sender == sender; });
-  try {
-    if (has_room(own, user)) {
-      enqueue(own, {sender, user, {}, 0}, bytes, size);
-      return QUEUED;
-    }
-  } catch (const std::bad_alloc&) {  // there is no room, either
-  }
+  const bool has_room =
+      (own == m_turns.end() ? 0 : own->cost) + cost_of(user) < max_queued && m_queued < 2 * max_queued;
+  if (has_room && enqueue(own, sender, user, bytes, size)) return QUEUED;
   ++m_lost;
   return FULL;
 }
 
-// For another message of a sender, or the first one when that has none here.
-bool outlet::has_room(std::list<waiting>::const_iterator own, uid_t user) const {
-  if (own != m_turns.end()) return own->cost + m_queued < max_queued;
-  const auto add = [user](std::size_t sum, const waiting& each) {
-    return each.user == user ? sum + each.cost : sum;
-  };
-  return std::accumulate(m_turns.begin(), m_turns.end(), std::size_t{0}, add) < max_queued &&
-         m_queued < 2 * max_queued;
+std::size_t outlet::cost_of(uid_t user) const {
+  std::size_t cost = 0;
+  for (const waiting& each : m_turns)
+    if (each.user == user) cost += each.cost;
+  return cost;
 }
 
-void outlet::enqueue(std::list<waiting>::iterator own, const waiting& first, const void* bytes,
+// False when there is no memory.
+bool outlet::enqueue(std::list<waiting>::iterator own, unsigned long sender, uid_t user, const void* bytes,
                      std::size_t size) {
-  std::list<waiting> added;
-  if (own == m_turns.end()) own = added.insert(added.end(), first);
   const auto* begin = static_cast<const unsigned char*>(bytes);
-  own->messages.emplace_back(begin, begin + size);
+  try {
+    std::list<waiting> added;
+    if (own == m_turns.end()) own = added.insert(added.end(), {sender, user, {}, 0});
+    own->messages.emplace_back(begin, begin + size);
+    m_turns.splice(m_turns.end(), added);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
   own->cost += size + cost_beside_bytes;
   m_queued += size + cost_beside_bytes;
-  m_turns.splice(m_turns.end(), added);
+  return true;
 }
 
 outlet::result_e outlet::flush() {

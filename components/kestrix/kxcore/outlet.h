@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "socket_file.h"
 #include "unique_fd.h"
 
 using datagram = std::vector<unsigned char>;
@@ -43,6 +44,11 @@ class outlet {
   explicit outlet(const std::string& path);
 
   bool connected() const { return m_connected; }
+
+  // Of the file of the receiver's socket.
+  uid_t owner() const { return m_owner; }
+  const file_identity& identity() const { return m_identity; }
+
   int fd() const { return m_socket.get(); }
   bool has_queue() const { return m_queued > 0; }
 
@@ -69,17 +75,17 @@ class outlet {
 
  private:
   result_e try_send(const void* bytes, std::size_t size);
-  bool has_room(std::list<waiting>::const_iterator own, uid_t user) const;
-  void enqueue(std::list<waiting>::iterator own, const waiting& first, const void* bytes, std::size_t size);
+  std::size_t cost_of(uid_t user) const;
+  bool enqueue(std::list<waiting>::iterator own, unsigned long sender, uid_t user, const void* bytes,
+               std::size_t size);
 
   unique_fd m_socket;
-  bool m_connected;
+  bool m_connected = false;
+  uid_t m_owner = 0;
+  file_identity m_identity;
   std::list<waiting> m_turns;  // of the senders, none without messages; the front has the next
   std::size_t m_queued = 0;    // the cost of all
   unsigned long m_lost = 0;
 };
-
-// A non-blocking datagram socket without a name, or -1.
-int open_datagram();
 
 #endif

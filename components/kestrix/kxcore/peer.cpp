@@ -1,9 +1,11 @@
 #include "peer.h"
 
 #include <poll.h>
+#include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
 namespace {
@@ -28,18 +30,24 @@ peer::peer(std::string component_name, const sender& from, const std::string& da
       name(std::move(component_name)),
       mgmt_path(from.path),
       data_path(data_socket),
-      is_known(from.is_known()),
-      uid(from.uid),
-      pid(from.pid),
-      process(open_process(from.pid)),
       mgmt(mgmt_path),
-      data(data_path) {}
+      data(data_path),
+      uid(from.is_known() ? from.uid : mgmt.owner()),
+      pid(from.pid),
+      process(open_process(from.pid)) {}
+
+bool peer::shares_sockets_with(const peer& other) const {
+  for (const outlet* own : {&mgmt, &data})
+    if (own->identity() == other.mgmt.identity() || own->identity() == other.data.identity()) return true;
+  return false;
+}
 
 bool peer::is_process_of(const sender& from) const {
-  return !is_known || (from.uid == uid && (from.pid == pid || !is_alive()));
+  return from.uid == uid && (from.pid == pid || !is_alive());
 }
 
 bool peer::is_alive() const {
+  if (process.get() < 0) return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
   pollfd ended = {process.get(), POLLIN, 0};
-  return ended.fd >= 0 && poll(&ended, 1, 0) == 0;
+  return poll(&ended, 1, 0) == 0;
 }

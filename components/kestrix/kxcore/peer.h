@@ -28,8 +28,14 @@ struct peer {
 
   bool is_connected() const { return mgmt.connected() && data.connected(); }
 
-  // Whether the process that sent something is the component's; once that has ended and left its sockets to a
-  // child, any of the same user is.
+  // Whether both sockets are its user's.
+  bool has_own_sockets() const { return mgmt.owner() == uid && data.owner() == uid; }
+
+  // Whether one of them is one of the other's.
+  bool shares_sockets_with(const peer& other) const;
+
+  // Whether the process that sent something is the component's. Of the same user any is, when the component's
+  // is not known, or has ended and left its sockets to a child.
   bool is_process_of(const sender& from) const;
 
   bool is_alive() const;  // its process; false when that is not known
@@ -38,12 +44,11 @@ struct peer {
   const std::string name;
   const std::string mgmt_path;
   const std::string data_path;
-  const bool is_known;  // who the process is; otherwise any is taken for it
-  const uid_t uid;
-  const pid_t pid;          // 0 when it is not known
-  const unique_fd process;  // pidfd, readable when the process has ended; -1 without
   outlet mgmt;
   outlet data;
+  const uid_t uid;
+  const pid_t pid;                // 0 when it is not known
+  const unique_fd process;        // pidfd, readable when the process has ended; -1 without
   open_requests open;             // that its proxies and stubs have made
   std::set<std::uint32_t> siids;  // that its stubs, proxies and subscriptions hold
   unsigned int grants = 0;        // services and subscriptions

@@ -94,7 +94,7 @@ void registrar::respond(const sender& to, const KXmessage& reply) {
   if (registered != nullptr && !registered->is_gone) {
     m_peers.send(*registered, registered->mgmt, reply, nullptr);
   } else {
-    m_strangers.answer(to, m_peers.at_mgmt(to.path), reply);
+    m_strangers.answer(to, reply);
   }
 }
 
@@ -107,7 +107,7 @@ std::string registrar::register_peer(const request& received, KXmessage& reply) 
   if (!values.take(name) || !values.take(data_path)) return unparsable;
   if (!is_name(name)) return unsuitable_name;
   if (m_closed) return "the core is stopping";
-  const std::string reason = check_sockets(received.origin, name, data_path);
+  std::string reason = check_sockets(received.origin, name, data_path);
   if (!reason.empty()) return reason;
 
   auto created = std::make_unique<peer>(name, received.origin, data_path);
@@ -118,6 +118,7 @@ std::string registrar::register_peer(const request& received, KXmessage& reply) 
     created = std::make_unique<peer>(name, received.origin, data_path);
   }
   if (!created->is_connected()) return std::string("its sockets cannot be reached: ") + strerror(errno);
+  if (!has_sockets_of_its_own(*created)) return "the sockets at its paths are not its own";
 
   take_place(*created);
   m_report.event("%s (pid %d) registered with %s", name.c_str(), created->pid, data_path.c_str());
@@ -140,18 +141,27 @@ std::string registrar::check_sockets(const sender& from, const std::string& name
   return {};
 }
 
+// The files are those of the user who asks, and not under another path another component's.
+bool registrar::has_sockets_of_its_own(const peer& added) const {
+  bool is_alone = true;
+  m_peers.for_each([&](const peer& each) {
+    if (each.mgmt_path != added.mgmt_path && added.shares_sockets_with(each)) is_alone = false;
+  });
+  return is_alone && added.has_own_sockets();
+}
+
 // Whoever had the sockets before is replaced: the component itself as a rule, started again. What a component
 // binds it has taken away from those that had it and still live.
 void registrar::take_place(const peer& added) {
-  const auto warn = [this, &added](const peer* before, const char* advice) {
+  const auto warn = [this, &added](const peer* before, const char* consequence) {
     if (before == nullptr || before->pid == added.pid || !before->is_alive()) return;
-    m_report.problem(
-        "%s (pid %d) has taken a socket of %s (pid %d), which lives and gets nothing any more: %s",
-        added.name.c_str(), added.pid, before->name.c_str(), before->pid, advice);
+    m_report.problem("%s (pid %d) has removed a socket of %s (pid %d), which lives: %s", added.name.c_str(),
+                     added.pid, before->name.c_str(), before->pid, consequence);
   };
-  warn(m_peers.at_mgmt(added.mgmt_path), "end one of the two");
-  warn(m_peers.at_mgmt(added.data_path), "their names may not differ by -d alone");
-  warn(m_peers.at_data(added.mgmt_path), "their names may not differ by -d alone");
+  constexpr char clash[] = "no new sender reaches that, their names may not differ by -d alone";
+  warn(m_peers.at_mgmt(added.mgmt_path), "that gets nothing any more, end one of the two");
+  warn(m_peers.at_mgmt(added.data_path), clash);
+  warn(m_peers.at_data(added.mgmt_path), clash);
   if (peer* const before = m_peers.at_mgmt(added.mgmt_path)) m_peers.give_up(*before, "it registered again");
   m_peers.forget_gone();
 }
@@ -179,7 +189,7 @@ std::string registrar::offer(const request& received, KXmessage& reply) {
   }
   const bool is_signal = facts_of(received.cmd()).of_signal;
   if (type > KXconnection::SGNL || is_signal != (type == KXconnection::SGNL)) return unparsable;
-  const std::string reason = check_offer(*received.from, name);
+  std::string reason = check_offer(*received.from, name);
   if (!reason.empty()) return reason;
 
   const std::uint32_t siid = m_peers.services().offer(*received.from, name, is_signal);

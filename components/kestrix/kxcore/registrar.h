@@ -18,7 +18,7 @@ class registrar {
   // Components are told to send their data to `data_path`.
   registrar(roster& peers, strangers& outsiders, reporter& report, std::string data_path);
 
-  // Carries a message out. The core's own do not come here.
+  // Carries a message out. What ends the core does not come here.
   void serve(const sender& from, const KXmessage& message);
 
   // From now on nobody is registered.
@@ -46,6 +46,7 @@ class registrar {
 
   std::string register_peer(const request& received, KXmessage& reply);
   std::string check_sockets(const sender& from, const std::string& name, const std::string& data_path) const;
+  bool has_sockets_of_its_own(const peer& added) const;
   void take_place(const peer& added);
   std::string unregister_peer(const request& received, KXmessage& reply);
 

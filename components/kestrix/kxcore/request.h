@@ -4,6 +4,8 @@
 
 #include <arpa/inet.h>
 
+#include <new>
+
 #include "management.h"
 #include "open_requests.h"
 
@@ -16,7 +18,10 @@ inline KXmessage failure_of(const open_request& request, const char* reason) {
   KXmessage failure = make_management(MSG_ERR, request.cmd, request.msg_id);
   failure.m_header->dst_siid = htonl(request.from);
   failure.m_header->src_siid = htonl(request.to);
-  failure << reason;
+  try {
+    failure << reason;
+  } catch (const std::bad_alloc&) {  // then without a word
+  }
   return failure;
 }
 

@@ -1,6 +1,5 @@
 #include "roster.h"
 
-#include <arpa/inet.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -10,10 +9,8 @@
 #include <system_error>
 #include <utility>
 
-#include "datagram.h"
 #include "management.h"
 #include "request.h"
-#include "socket_address.h"
 
 namespace {
 
@@ -44,9 +41,10 @@ void roster::add(std::unique_ptr<peer> added) {
   if (registered.process.get() >= 0) watch_for(registered, registered.process.get(), watch::PROCESS_ENDED);
 }
 
-void roster::watch_for(peer& owner, int fd, watch::kind_e kind) {
-  if (m_watch.add(owner, fd, kind)) return;
+bool roster::watch_for(peer& owner, int fd, watch::kind_e kind) {
+  if (m_watch.add(owner, fd, kind)) return true;
   m_report.problem("cannot watch a descriptor of %s: %s", owner.name.c_str(), strerror(errno));
+  return false;
 }
 
 // --- the way to a component ---
@@ -57,7 +55,8 @@ outlet::result_e roster::send(peer& to, outlet& way, const KXmessage& message, c
   const outlet::result_e result =
       way.send(message.m_header, static_cast<std::size_t>(message.datagram_size()),
                from == nullptr ? 0 : from->serial, from == nullptr ? getuid() : from->uid);
-  if (result == outlet::QUEUED && !had_queue) watch_for(to, way.fd(), watch::ROOM);
+  if (result == outlet::QUEUED && !had_queue && !watch_for(to, way.fd(), watch::ROOM))
+    give_up(to, "what it does not read cannot be sent later");
   if (result == outlet::GONE) give_up(to, "its socket is gone");
   if (result == outlet::FULL && reporter::is_reported(way.lost())) {
     m_report.problem("%s does not read: its queue of %zu KiB is full for %s (%lu lost so far)",
@@ -116,10 +115,13 @@ void roster::fail_all_to(std::uint32_t siid, const char* reason) {
 
 // --- the end of a component ---
 
+// A living process whose file was removed may still be reached by those that are connected.
 bool roster::is_unreachable(const peer& of) const {
-  const sockaddr_un address = socket_address(of.mgmt_path);
+  const socket_file file(of.mgmt_path);
+  if (!file.exists() || !(file.identity() == of.mgmt.identity())) return !of.is_alive();
+  const sockaddr_un address = file.address();
   return connect(m_probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
-         (errno == ECONNREFUSED || errno == ENOENT);
+         errno == ECONNREFUSED;
 }
 
 void roster::end_processes() {
@@ -162,7 +164,7 @@ unsigned int roster::forget_gone() {
 
 void roster::forget(std::unique_ptr<peer> gone) {
   m_by_data_path.erase(gone->data_path);
-  answer_queue(*gone);
+  report_lost(*gone);
   release(*gone);
 }
 
@@ -177,21 +179,10 @@ void roster::release(peer& gone) {
   m_services.forget(gone);
 }
 
-// What the component has not even read.
-void roster::answer_queue(peer& gone) {
+void roster::report_lost(peer& gone) {
   unsigned long lost = gone.data.take_lost() + gone.mgmt.take_lost();
-  for (const outlet::waiting& each : gone.mgmt.take_queue())
-    lost += each.messages.size();
-  for (const outlet::waiting& each : gone.data.take_queue()) {
-    lost += each.messages.size();
-    for (const datagram& bytes : each.messages) {
-      const KXmessage message = message_of(bytes.data(), bytes.size());
-      if (message.m_header->msg_type != MSG_REQ) continue;
-      const open_request request = request_of(message);
-      const endpoint* asking = m_services.find(request.from);
-      peer* const requester = asking == nullptr ? nullptr : asking->holder();
-      if (requester != nullptr) fail(*requester, request, "the component is gone");
-    }
-  }
-  if (lost > 0) m_report.problem("%lu messages to %s are lost", lost, gone.name.c_str());
+  for (outlet* const way : {&gone.data, &gone.mgmt})
+    for (const outlet::waiting& each : way->take_queue())
+      lost += each.messages.size();
+  if (lost > 0) m_report.problem("%lu messages to %s were not read", lost, gone.name.c_str());
 }

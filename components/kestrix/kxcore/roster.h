@@ -1,8 +1,8 @@
 // The registered components, by the paths of their sockets, with what they were granted, and the way to them.
 //
-// Who is given up is looked up and served no more, but stays until forget_gone, so that nothing that refers
-// to it is stale meanwhile. Forgotten with it is all that it was granted; whoever waits for an answer of it
-// gets an error in its place.
+// Who is given up gets nothing any more, but stays until forget_gone, so that nothing that refers to it is
+// stale meanwhile. Forgotten with it is all that it was granted; whoever waits for an answer of it gets an
+// error in its place.
 #ifndef ROSTER_H
 #define ROSTER_H
 
@@ -76,10 +76,10 @@ class roster {
   static peer* if_process_of(peer* registered, const sender& from) {
     return registered != nullptr && registered->is_process_of(from) ? registered : nullptr;
   }
-  void watch_for(peer& owner, int fd, watch::kind_e kind);
+  bool watch_for(peer& owner, int fd, watch::kind_e kind);
   void flush(peer& to, outlet& way);
   void forget(std::unique_ptr<peer> gone);
-  void answer_queue(peer& gone);
+  void report_lost(peer& gone);
   template <typename Predicate>
   void fail_all(Predicate is_meant, const char* reason);
 

@@ -26,22 +26,13 @@ void router::serve(const sender& from, KXmessage& message) {
   route(*registered, message);
 }
 
-bool router::may_answer_stranger() {
-  const unsigned int interval = get_currentTime() / answers_interval_ms;
-  if (interval != m_interval) m_answers_left = max_answers;
-  m_interval = interval;
-  if (m_answers_left == 0) return false;
-  --m_answers_left;
-  return true;
-}
-
 void router::refuse_stranger(const sender& from, const KXmessage& message) {
   const peer* const registered = m_peers.at_data(from.path);
   const char* const reason = registered == nullptr ? "the sender is not registered"
                                                    : "another process has registered with this socket";
   m_strangers.drop(nullptr, from, reason);
-  if (message.m_header->msg_type != MSG_REQ || !may_answer_stranger()) return;
-  m_strangers.answer(from, registered, failure_of(request_of(message), reason));
+  if (message.m_header->msg_type == MSG_REQ)
+    m_strangers.answer(from, failure_of(request_of(message), reason));
 }
 
 void router::route(peer& from, KXmessage& message) {
@@ -60,66 +51,80 @@ void router::route(peer& from, KXmessage& message) {
 
   peer* const receiver = to->holder();
   if (receiver == nullptr) return miss(from, message, "the service is not offered any more");
-  if (const char* const reason =
-          is_answer(message) ? check_answer(*receiver, way, to->role) : check_id(from, *receiver, way.msg_id);
-      reason != nullptr) {
-    return refuse(from, message, reason);
-  }
+  if (const char* const reason = check(from, message, *to, *receiver)) return refuse(from, message, reason);
   if (message.m_header->msg_type == MSG_REQ) from.open.add(way);
-  forward(from, message, *receiver);
+  fail(from, message, forward(from, message, *receiver));
 }
 
-// Why an answer may not go to a stub or proxy of the receiver; null when it may. It closes the request.
-const char* router::check_answer(peer& receiver, const open_request& way, endpoint::role_e role) {
-  const bool is_awaited = receiver.open.close(way.to, way.from, way.msg_id);
-  if (role == endpoint::STUB) return is_awaited ? nullptr : "it answers no open request";
+// Why a message may not go to a stub or proxy of the receiver; null when it may. An answer closes its
+// request.
+const char* router::check(const peer& from, const KXmessage& message, const endpoint& to,
+                          peer& receiver) const {
+  const open_request way = request_of(message);
+  const bool may_answer = is_answer(message) || to.role == endpoint::PROXY;
+  if (may_answer && receiver.open.close(way.to, way.from, way.msg_id)) return nullptr;
+  if (to.role == endpoint::STUB && is_answer(message)) return "it answers no open request";
+  return is_id_of(receiver, from, way) ? "its message id is one of the receiver's own" : nullptr;
+}
+
+// Whether the receiver was granted the id for something else than what this message comes from.
+bool router::is_id_of(const peer& receiver, const peer& from, const open_request& way) const {
   const mid_ranges::holder asked = m_peers.services().id_holder(way.msg_id);
-  return asked.component != &receiver || asked.siid == way.to ? nullptr : "it answers for another service";
-}
-
-// The same of any other message.
-const char* router::check_id(const peer& from, const peer& receiver, std::uint32_t msg_id) {
-  const bool is_its_own = m_peers.services().id_holder(msg_id).component == &receiver;
-  return is_its_own && &from != &receiver ? "its message id is one of the receiver's own" : nullptr;
+  return asked.component == &receiver && asked.siid != way.to && &from != &receiver;
 }
 
 // What a signal's stub sends to its subscribers: to all of them, or to the one whose request it answers.
 void router::fan_out(peer& from, KXmessage& message, const service& signal) {
   message.m_header->dst_siid = htonl(signal.subscribers_siid);
   const open_request way = request_of(message);
+  const bool is_signal = message.m_header->msg_type == MSG_SIG;
   const mid_ranges::holder asked = m_peers.services().id_holder(way.msg_id);
-  if (is_answer(message) && asked.siid == way.to) {
+  if (asked.siid == way.to && !is_signal) {
     asked.component->open.close(way.to, way.from, way.msg_id);
-    return forward(from, message, *asked.component);
+    return fail(from, message, forward(from, message, *asked.component));
   }
   if (message.m_header->msg_type == MSG_REQ) from.open.add(way);
+  const char* reason = "nobody subscribes to the signal";
+  bool is_taken = false;
   for (const auto& subscriber : signal.subscribers) {
     peer& receiver = *subscriber.first;
-    const bool is_its_own = check_id(from, receiver, way.msg_id) != nullptr;
-    if (is_its_own && is_answer(message)) continue;
+    const bool is_its_own = is_id_of(receiver, from, way) || (asked.siid == way.to && &receiver != &from);
+    if (is_its_own && !is_signal) continue;
     message.m_header->msg_id = htonl(is_its_own ? 0 : way.msg_id);
-    forward(from, message, receiver);
+    reason = forward(from, message, receiver);
+    is_taken = is_taken || reason == nullptr;
   }
+  message.m_header->msg_id = htonl(way.msg_id);
+  if (!is_taken) fail(from, message, reason);
 }
 
-// Everything that one component sends to another passes here.
-void router::forward(peer& from, const KXmessage& message, peer& to) {
-  const outlet::result_e result = m_peers.send(to, to.data, message, &from);
-  if (message.m_header->msg_type != MSG_REQ) return;
-  if (result == outlet::FULL)
-    m_peers.fail(from, request_of(message), "the component does not read, its queue is full");
-  if (result == outlet::GONE) m_peers.fail(from, request_of(message), "the component is gone");
+// Everything that one component sends to another passes here. Why it does not arrive, or null.
+const char* router::forward(peer& from, const KXmessage& message, peer& to) {
+  switch (m_peers.send(to, to.data, message, &from)) {
+    case outlet::FULL:
+      return "the component does not read, its queue is full";
+    case outlet::GONE:
+      return "the component is gone";
+    default:
+      return nullptr;
+  }
 }
 
 // A message that its sender may not send.
 void router::refuse(peer& from, const KXmessage& message, const char* reason) {
   m_report.dropped(from.of_its_own.dropped, from.name.c_str(), reason);
-  if (message.m_header->msg_type == MSG_REQ) m_peers.fail(from, request_of(message), reason);
+  fail(from, message, reason);
 }
 
-// A message that nobody takes.
+// A message that there is nobody for.
 void router::miss(peer& from, const KXmessage& message, const char* reason) {
   if (message.m_header->msg_type != MSG_REQ)
-    return m_report.dropped(from.of_its_own.dropped, from.name.c_str(), reason);
+    m_report.dropped(from.of_its_own.dropped, from.name.c_str(), reason);
+  fail(from, message, reason);
+}
+
+// Answers a request that does not arrive. Of other messages who receives them has taken note.
+void router::fail(peer& from, const KXmessage& message, const char* reason) {
+  if (reason == nullptr || message.m_header->msg_type != MSG_REQ) return;
   m_peers.fail(from, request_of(message), reason);
 }

@@ -3,12 +3,11 @@
 // A message goes by its destination siid; its source siid must be the sender's. A signal that a stub sends to
 // its own siid goes to all its subscribers, once to each component. No component can answer for another:
 //
-// - MSG_RSP and MSG_ERR reach a proxy from its own service only, as many as that sends, and a stub only once,
-// as
-//   the answer to a request of its own.
-// - Any other message whose id lies in a range that was granted to the receiving component could be taken for
-// such
-//   an answer there, and is refused. To subscribers such a message goes with the id 0 instead.
+// - A proxy gets messages from its own service only, as many as that sends.
+// - A stub gets MSG_RSP and MSG_ERR as the answer to a request of its own only, once.
+// - A message whose id lies in a range that was granted to the receiving component for something else could
+// be
+//   taken for an answer there, and is refused. A signal goes to its subscribers with the id 0 instead.
 //
 // A request that cannot be delivered is answered with an error, anything else is dropped.
 #ifndef ROUTER_H
@@ -26,25 +25,19 @@ class router {
   void serve(const sender& from, KXmessage& message);
 
  private:
-  // A flood of strangers' requests gets so many answers in such an interval.
-  static constexpr unsigned int max_answers = 256;
-  static constexpr unsigned int answers_interval_ms = 100;
-
-  bool may_answer_stranger();
   void refuse_stranger(const sender& from, const KXmessage& message);
   void route(peer& from, KXmessage& message);
-  const char* check_answer(peer& receiver, const open_request& way, endpoint::role_e role);
-  const char* check_id(const peer& from, const peer& receiver, std::uint32_t msg_id);
+  const char* check(const peer& from, const KXmessage& message, const endpoint& to, peer& receiver) const;
+  bool is_id_of(const peer& receiver, const peer& from, const open_request& way) const;
   void fan_out(peer& from, KXmessage& message, const service& signal);
-  void forward(peer& from, const KXmessage& message, peer& to);
+  const char* forward(peer& from, const KXmessage& message, peer& to);
   void refuse(peer& from, const KXmessage& message, const char* reason);
   void miss(peer& from, const KXmessage& message, const char* reason);
+  void fail(peer& from, const KXmessage& message, const char* reason);
 
   roster& m_peers;
   strangers& m_strangers;
   reporter& m_report;
-  unsigned int m_interval = 0;  // the number of the present one
-  unsigned int m_answers_left = max_answers;
 };
 
 #endif

@@ -2,23 +2,14 @@
 
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <system_error>
 #include <utility>
 
-#include "socket_address.h"
-
-namespace {
-
-bool is_socket_of(const std::string& path, uid_t uid) {
-  struct stat file = {};
-  return lstat(path.c_str(), &file) == 0 && S_ISSOCK(file.st_mode) && file.st_uid == uid;
-}
-
-}  // namespace
+#include "KXcomponent.h"
 
 bool is_control(unsigned char c) { return c < 0x20 || c == 0x7F; }
 
@@ -28,17 +19,35 @@ strangers::strangers(reporter& report, std::string bus_directory)
 }
 
 bool strangers::is_on_bus(const std::string& path) const {
-  return path.rfind(m_bus_directory, 0) == 0 && path.find("/../") == std::string::npos;
+  if (path.rfind(m_bus_directory, 0) != 0) return false;
+  for (const char* const detour : {"//", "/./", "/../"})
+    if (path.find(detour) != std::string::npos) return false;
+  return true;
 }
 
-void strangers::answer(const sender& to, const peer* registered, const KXmessage& message) {
-  if (!is_on_bus(to.path)) return;
-  if (registered != nullptr && registered->uid != to.uid && !is_socket_of(to.path, to.uid)) return;
-  if (offer(to.path, message) || errno != EAGAIN || !has_much_unread()) return;
+void strangers::answer(const sender& to, const KXmessage& message) {
+  if (!is_on_bus(to.path) || !may_answer()) return;
+  m_spare = unique_fd();
+  const socket_file file(to.path);
+  if (file.exists() && (file.owner() == to.uid || !to.is_known())) send(file, message);
+  m_spare = unique_fd(open_datagram());
+}
+
+bool strangers::may_answer() {
+  const unsigned int interval = get_currentTime() / answers_interval_ms;
+  if (interval != m_interval) m_answers_left = max_answers;
+  m_interval = interval;
+  if (m_answers_left == 0) return false;
+  --m_answers_left;
+  return true;
+}
+
+void strangers::send(const socket_file& to, const KXmessage& message) {
+  if (offer(to, message) || errno != EAGAIN || !has_much_unread()) return;
   unique_fd fresh(open_datagram());
   if (fresh.get() < 0) return;
   m_socket = std::move(fresh);
-  offer(to.path, message);
+  offer(to, message);
 }
 
 // Unread answers count against the send buffer of the socket that sent them: when it is full, another one
@@ -51,8 +60,8 @@ bool strangers::has_much_unread() const {
          getsockopt(m_socket.get(), SOL_SOCKET, SO_SNDBUF, &limit, &size) == 0 && unread > limit / 2;
 }
 
-bool strangers::offer(const std::string& path, const KXmessage& message) const {
-  const sockaddr_un address = socket_address(path);
+bool strangers::offer(const socket_file& to, const KXmessage& message) const {
+  const sockaddr_un address = to.address();
   return sendto(m_socket.get(), message.m_header, static_cast<std::size_t>(message.datagram_size()),
                 MSG_DONTWAIT | MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address),
                 sizeof address) >= 0;

@@ -7,6 +7,7 @@
 #include "inbox.h"
 #include "peer.h"
 #include "reporter.h"
+#include "socket_file.h"
 #include "unique_fd.h"
 
 class strangers {
@@ -14,13 +15,16 @@ class strangers {
   // Throws std::system_error.
   strangers(reporter& report, std::string bus_directory);
 
-  // Whether this is the path of a socket below the bus directory.
+  // Whether this is a plain path below the bus directory.
   bool is_on_bus(const std::string& path) const;
 
   // Sends a stranger an answer, if there is room in its socket; should it never read, that is at nobody's
-  // cost. One whose path is a registered component's gets none, unless it is of the same user or the socket
-  // is its own: what it asks for could be taken for an answer to that component.
-  void answer(const sender& to, const peer* registered, const KXmessage& message);
+  // cost. In such an interval so many are answered, so that a flood of them does not cost the others. The
+  // socket at the path must belong to the user who asks: what somebody else asks for could be taken for an
+  // answer there.
+  static constexpr unsigned int max_answers = 512;
+  static constexpr unsigned int answers_interval_ms = 100;
+  void answer(const sender& to, const KXmessage& message);
 
   // Takes note of a message that is not served. `from` is null when the sender is not registered.
   void drop(peer* from, const sender& origin, const char* reason);
@@ -30,12 +34,17 @@ class strangers {
   static std::string name_of(const peer* from, const sender& origin);
 
  private:
-  bool offer(const std::string& path, const KXmessage& message) const;
+  bool may_answer();
+  void send(const socket_file& to, const KXmessage& message);
+  bool offer(const socket_file& to, const KXmessage& message) const;
   bool has_much_unread() const;
 
   reporter& m_report;
   const std::string m_bus_directory;  // ends in a slash
   unique_fd m_socket;
+  unique_fd m_spare;            // for looking at a file when there are no descriptors left
+  unsigned int m_interval = 0;  // the number of the present one
+  unsigned int m_answers_left = max_answers;
   tally m_tally;
 };
 

@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstddef>
-#include <string>
 #include <utility>
 
 #include "socket_address.h"
@@ -21,6 +20,7 @@ namespace {
 
 constexpr char log_socket[] = "/dev/log";
 constexpr std::size_t longest_line = 1024;
+constexpr std::size_t longest_gap = 64;
 
 class system_log {
  public:
@@ -28,8 +28,9 @@ class system_log {
     char text[longest_line];
     vsnprintf(text, sizeof text, format, arguments);
     if (m_skipped > 0) {
-      const std::string gap = "(" + std::to_string(m_skipped) + " lines were not read in time)";
-      if (!send(LOG_WARNING, gap.c_str())) {
+      char gap[longest_gap];
+      snprintf(gap, sizeof gap, "(%lu lines were not read in time)", m_skipped);
+      if (!send(LOG_WARNING, gap)) {
         ++m_skipped;
         return;
       }
@@ -82,8 +83,12 @@ void syslog(int priority, const char* format, ...) {
   va_end(arguments);
 }
 
+void vsyslog(int priority, const char* format, va_list arguments) {
+  log().write(priority, format, arguments);
+}
+
 // What a library calls that was compiled with _FORTIFY_SOURCE.
-void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
+void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {  // NOLINT(*-reserved-identifier)
   va_list arguments;
   va_start(arguments, format);
   log().write(priority, format, arguments);
