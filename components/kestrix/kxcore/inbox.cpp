@@ -1,9 +1,22 @@
 #include "inbox.h"
 
+#include <sys/stat.h>
+
 #include <cstring>
 
 #include "datagram.h"
 #include "socket_address.h"
+
+namespace {
+
+constexpr uid_t nobody = 65534;  // stands for a user that the system does not know
+
+uid_t owner_of(const std::string& socket) {
+  struct stat file = {};
+  return lstat(socket.c_str(), &file) == 0 && S_ISSOCK(file.st_mode) ? file.st_uid : nobody;
+}
+
+}  // namespace
 
 inbox::inbox() {
   for (unsigned int i = 0; i < batch_size; ++i) {
@@ -40,12 +53,13 @@ bool inbox::is_malformed(unsigned int i) const {
 
 const sender& inbox::sender_of(unsigned int i) {
   m_sender.path = sender_path(m_senders[i], m_headers[i].msg_hdr.msg_namelen).text;
-  ucred process = {0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
+  ucred process = {0, nobody, static_cast<gid_t>(-1)};
   msghdr& header = m_headers[i].msg_hdr;
   for (cmsghdr* part = CMSG_FIRSTHDR(&header); part != nullptr; part = CMSG_NXTHDR(&header, part)) {
     if (part->cmsg_level == SOL_SOCKET && part->cmsg_type == SCM_CREDENTIALS)
       std::memcpy(&process, CMSG_DATA(part), sizeof process);
   }
+  if (process.pid == 0 && process.uid == nobody) process.uid = owner_of(m_sender.path);
   m_sender.pid = process.pid;
   m_sender.uid = process.uid;
   return m_sender;

@@ -27,8 +27,8 @@ class inbox {
   inbox(const inbox&) = delete;
   inbox& operator=(const inbox&) = delete;
 
-  // Has a socket say of each datagram which process of which user sent it. What lies in it already says 0 and
-  // the user of nobody.
+  // Has a socket say of each datagram which process of which user sent it. Of what lies in it already the
+  // process is not known, and the user is that of the sender's socket file.
   static void ask_for_credentials(int fd);
 
   // Receives what is there, up to batch_size datagrams, without waiting; how many.
