@@ -79,8 +79,10 @@ void run(std::function<void()> hook) {
   inside = false;
 }
 
-// Notes a call and runs its hook; whether it is to fail, with errno set.
-bool fails(seam::call_e call) {
+}  // namespace
+
+// It runs the call's hook, too.
+bool seam::fails(call_e call) {
   if (!arms || inside) return false;
   armed_call& entry = armed[call];
   ++entry.count;
@@ -92,6 +94,8 @@ bool fails(seam::call_e call) {
   errno = entry.error;
   return true;
 }
+
+namespace {
 
 // What a call that fails returns.
 int failure() { return errno == 0 ? 0 : -1; }

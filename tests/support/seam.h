@@ -18,14 +18,20 @@ enum call_e {
   BIND,
   CLOCK_GETTIME,
   CLOSE,
+  CONNECT,
+  EPOLL_CTL,
   FCNTL,
+  FLOCK,
   MKDIR,
   OPEN,
+  PIDFD_OPEN,
   POLL,
   READ,
   RECVFROM,
+  RECVMMSG,
   REMOVE,
   SELECT,
+  SEND,
   SENDTO,
   SETSOCKOPT,
   SLEEP,
@@ -73,6 +79,9 @@ long allocated_blocks();
 
 // For operator new: counts an allocation; whether it is to fail.
 bool allocation_fails();
+
+// For the calls that are not in the seam's own source: notes one; whether it is to fail, with errno set.
+bool fails(call_e call);
 
 // Runs before every call of this kind; may make calls itself, which run no hook. A second one replaces the
 // first.

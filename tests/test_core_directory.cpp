@@ -1,0 +1,411 @@
+// What the core keeps in tables: services, siids, message ids, and the requests without an answer.
+#include <map>
+#include <set>
+#include <sstream>
+
+#include "core_probe.h"
+
+std::uint32_t& next_siid(directory& of);
+template <std::uint32_t directory::*member>
+struct opened {
+  friend std::uint32_t& next_siid(directory& of) { return of.*member; }
+};
+template struct opened<&directory::m_next_siid>;
+
+namespace {
+
+using numbers = std::vector<std::uint32_t>;
+
+class services : public seam_test {
+ protected:
+  // All that can be seen of the siids, the message ids and what the components hold.
+  std::string state() const {
+    std::ostringstream text;
+    for (std::uint32_t siid = 0; siid < 60; ++siid)
+      if (const endpoint* found = of.find(siid))
+        text << siid << "=" << found->role << found->of->name << found->of->proxies
+             << found->of->subscribers.size() << found->holder() << found->mid_first << " ";
+    for (std::uint32_t id = 0; id < 40 * mid_ranges::size; id += mid_ranges::size)
+      text << of.id_holder(id).component << "/" << of.id_holder(id).siid << " ";
+    for (const peer* each : {&a, &b, &c})
+      text << each->siids.size() << each->grants << " ";
+    for (const char* const name : {"f", "s"})
+      text << of.find_offered(name).get() << " ";
+    return text.str();
+  }
+
+  directory::grant use(peer& by, const std::string& name) { return of.subscribe(by, of.find_offered(name)); }
+
+  peer a{"a", {"", 0, 0}, ""}, b{"b", {"", 0, 0}, ""}, c{"c", {"", 0, 0}, ""};
+  directory of;
+  const std::uint32_t f = of.offer(a, "f", false);
+  const std::uint32_t s = of.offer(a, "s", true);
+};
+
+}  // namespace
+
+TEST_F(services, tell_by_a_siid_where_its_messages_go) {
+  const directory::grant function = use(b, "f"), again = use(b, "f"), signal = use(b, "s"),
+                         shared = use(c, "s");
+  const struct {
+    std::uint32_t siid;
+    endpoint::role_e role;
+    const peer* holder;
+  } rows[] = {{f, endpoint::STUB, &a},
+              {s, endpoint::STUB, &a},
+              {function.siid, endpoint::PROXY, &b},
+              {again.siid, endpoint::PROXY, &b},
+              {signal.siid, endpoint::SUBSCRIBERS, nullptr}};
+  std::set<std::uint32_t> different;
+  for (const auto& row : rows) {
+    ASSERT_NE(nullptr, of.find(row.siid));
+    EXPECT_EQ(row.role, of.find(row.siid)->role) << row.siid;
+    EXPECT_EQ(row.holder, of.find(row.siid)->holder()) << row.siid;
+    EXPECT_TRUE(different.insert(row.siid).second) << row.siid << " is granted twice";
+  }
+  EXPECT_EQ(signal.siid, shared.siid);
+  EXPECT_EQ((numbers{f, f, s, s}),
+            (numbers{function.service_siid, again.service_siid, signal.service_siid, shared.service_siid}));
+  EXPECT_EQ(nullptr, of.find(shared.siid + 100));
+}
+
+TEST_F(services, take_back_from_the_holder_only_and_as_what_it_was_granted) {
+  const std::uint32_t proxy = use(b, "f").siid, subscribers = use(b, "s").siid;
+  const struct {
+    bool (directory::*take_back)(peer&, std::uint32_t, bool);
+    peer& by;
+    std::uint32_t siid;
+    bool is_signal;
+    bool does;
+  } rows[] = {
+      {&directory::withdraw, b, f, false, false},
+      {&directory::withdraw, a, f, true, false},
+      {&directory::withdraw, a, s, false, false},
+      {&directory::withdraw, b, proxy, false, false},
+      {&directory::withdraw, a, subscribers, true, false},
+      {&directory::withdraw, a, 99, false, false},
+      {&directory::unsubscribe, a, proxy, false, false},
+      {&directory::unsubscribe, c, subscribers, true, false},
+      {&directory::unsubscribe, b, proxy, true, false},
+      {&directory::unsubscribe, b, subscribers, false, false},
+      {&directory::unsubscribe, a, f, false, false},
+      {&directory::unsubscribe, a, s, true, false},
+      {&directory::unsubscribe, b, 99, true, false},
+      {&directory::unsubscribe, b, proxy, false, true},
+      {&directory::unsubscribe, b, subscribers, true, true},
+      {&directory::withdraw, a, f, false, true},
+      {&directory::withdraw, a, s, true, true},
+  };
+  for (const auto& row : rows) {
+    const std::string before = state();
+    EXPECT_EQ(row.does, (of.*row.take_back)(row.by, row.siid, row.is_signal)) << row.siid;
+    EXPECT_EQ(row.does, state() != before) << row.siid;
+  }
+  for (const std::uint32_t siid : {f, s, proxy, subscribers})
+    EXPECT_EQ(nullptr, of.find(siid)) << siid << " is left";
+}
+
+TEST_F(services, count_what_a_component_holds) {
+  const std::uint32_t proxy = use(b, "f").siid, subscribers = use(b, "s").siid;
+  use(b, "s");
+  EXPECT_EQ(2u, a.grants);
+  EXPECT_EQ(3u, b.grants);
+  EXPECT_EQ((std::set<std::uint32_t>{proxy, subscribers}), b.siids);
+  of.unsubscribe(b, subscribers, true);
+  EXPECT_EQ(2u, b.siids.size()) << "one of two subscriptions is left";
+  of.unsubscribe(b, subscribers, true);
+  of.unsubscribe(b, proxy, false);
+  of.withdraw(a, f, false);
+  EXPECT_EQ(0u, b.grants + b.siids.size());
+  EXPECT_EQ(1u, a.grants);
+}
+
+TEST_F(services, come_back_under_their_siids_as_long_as_they_have_users) {
+  const struct {
+    const char* what;
+    bool is_signal;
+    bool is_used;
+    peer& by;
+    bool as_signal;
+    bool has_old_siid;
+  } rows[] = {{"a function of another registration", false, true, b, false, true},
+              {"a function that its own registration withdrew", false, true, a, false, false},
+              {"a function without users", false, false, b, false, false},
+              {"a signal of another registration", true, true, b, true, true},
+              {"a signal that its own registration withdrew", true, true, a, true, true},
+              {"a function in place of a signal", true, true, b, false, false}};
+  int number = 0;
+  for (const auto& row : rows) {
+    const std::string name = std::to_string(++number);
+    const std::uint32_t before = of.offer(a, name, row.is_signal);
+    const std::uint32_t user = row.is_used ? use(c, name).siid : 0;
+    of.withdraw(a, before, row.is_signal);
+    EXPECT_EQ(nullptr, of.find_offered(name)) << row.what;
+    EXPECT_EQ(row.is_used, of.find(before) != nullptr) << row.what;
+    const std::uint32_t after = of.offer(row.by, name, row.as_signal);
+    EXPECT_EQ(row.has_old_siid, before == after) << row.what;
+    EXPECT_EQ(row.has_old_siid ? &row.by : nullptr, of.find(before) ? of.find(before)->holder() : nullptr)
+        << row.what;
+    EXPECT_EQ(row.is_used, of.unsubscribe(c, user, row.is_signal)) << row.what;
+    EXPECT_EQ(row.has_old_siid, of.find(before) != nullptr) << row.what << ", when the last user has left";
+    ASSERT_NE(nullptr, of.find_offered(name)) << row.what;
+    EXPECT_EQ(after, of.find_offered(name)->siid) << row.what;
+  }
+}
+
+TEST_F(services, are_released_by_the_last_of_their_users) {
+  const std::uint32_t first = use(b, "f").siid, second = use(c, "f").siid, subscribers = use(b, "s").siid;
+  use(c, "s");
+  of.forget(a);
+  const struct {
+    peer& by;
+    std::uint32_t siid;
+    bool is_signal;
+    std::uint32_t service;
+    bool stays;
+  } rows[] = {{b, first, false, f, true},
+              {c, second, false, f, false},
+              {b, subscribers, true, s, true},
+              {c, subscribers, true, s, false}};
+  for (const auto& row : rows) {
+    of.unsubscribe(row.by, row.siid, row.is_signal);
+    EXPECT_EQ(row.stays, of.find(row.service) != nullptr) << row.siid;
+  }
+}
+
+TEST_F(services, share_the_ranges_of_a_signal_within_a_component) {
+  const directory::grant first = use(b, "s"), second = use(b, "s"), others = use(c, "s");
+  EXPECT_EQ(3u, (std::set<std::uint32_t>{first.mid_first, second.mid_first, others.mid_first}.size()));
+  for (const directory::grant& each : {first, second}) {
+    EXPECT_EQ(&b, of.id_holder(each.mid_first).component);
+    EXPECT_EQ(first.siid, of.id_holder(each.mid_end - 1).siid);
+  }
+  of.unsubscribe(b, first.siid, true);
+  EXPECT_EQ(first.mid_first, use(b, "s").mid_first) << "the one that was used least recently";
+  of.unsubscribe(b, first.siid, true);
+  of.unsubscribe(b, first.siid, true);
+  for (const directory::grant& each : {first, second})
+    EXPECT_EQ(nullptr, of.id_holder(each.mid_first).component) << each.mid_first << " is not given back";
+  EXPECT_EQ(&c, of.id_holder(others.mid_first).component);
+}
+
+TEST_F(services, forget_all_that_a_component_was_granted_and_nothing_else) {
+  const std::uint32_t before = use(b, "f").siid, offered = of.offer(c, "own", false);
+  const directory::grant function = use(c, "f"), signal = use(c, "s");
+  use(c, "s");
+  of.forget(c);
+  EXPECT_EQ(0u, c.grants + c.siids.size());
+  for (const std::uint32_t siid : {offered, function.siid})
+    EXPECT_EQ(nullptr, of.find(siid)) << siid;
+  for (const std::uint32_t range : {function.mid_first, signal.mid_first})
+    EXPECT_EQ(nullptr, of.id_holder(range).component) << range;
+  EXPECT_TRUE(of.find_offered("s")->subscribers.empty());
+  EXPECT_EQ(&b, of.find(before)->holder());
+  EXPECT_EQ(1u, of.find_offered("f")->proxies);
+}
+
+TEST_F(services, get_each_siid_once_before_the_first_comes_again) {
+  next_siid(of) = 0x7FFFFFFF;
+  const numbers expected = {0x7FFFFFFF, s + 2, s + 3};  // what is held is passed over
+  EXPECT_EQ(expected, (numbers{of.offer(b, "1", false), of.offer(b, "2", false), of.offer(b, "3", false)}));
+}
+
+TEST_F(services, do_not_change_when_memory_fails) {
+  use(b, "s");
+  const struct {
+    const char* what;
+    std::function<void(const std::string&)> act;
+  } rows[] = {
+      {"offer a function", [this](auto& n) { of.offer(b, "a function with a long name " + n, false); }},
+      {"offer a signal", [this](auto& n) { of.offer(b, "a signal with a long name " + n, true); }},
+      {"use a function", [this](auto&) { use(c, "f"); }},
+      {"use a signal", [this](auto&) { use(c, "s"); }},
+      {"use it again", [this](auto&) { use(b, "s"); }}};
+  for (std::size_t i = 0; i < 40 * std::size(rows); ++i) {  // so often that each container has to grow
+    const auto& row = rows[i % std::size(rows)];
+    const std::string before = state();
+    for (int fails_at = 1, done = 0; done == 0; ++fails_at) {
+      seam::fail_allocation(fails_at);
+      try {
+        row.act(std::to_string(i)), done = 1;
+      } catch (const std::bad_alloc&) {
+        EXPECT_EQ(before, state()) << row.what << " at allocation " << fails_at;
+      }
+      ASSERT_LT(fails_at, 50);
+    }
+    seam::fail_allocation(0);
+    EXPECT_NE(before, state()) << row.what;
+  }
+  of.forget(b), of.forget(c);
+  EXPECT_EQ(2u, of.find_offered("f")->siid + of.find_offered("f")->proxies) << "a user is left over";
+}
+
+TEST_F(services, stay_under_a_name_when_an_older_one_of_it_goes_for_want_of_memory) {
+  use(c, "f");
+  of.withdraw(a, f, false);  // kept for c
+  for (int failed = 1; of.find_offered("f") == nullptr; ++failed) {
+    seam::fail_allocation(failed);
+    try {
+      of.offer(b, "f", false);
+    } catch (const std::bad_alloc&) {
+      ASSERT_NE(nullptr, of.find(f));
+    }
+  }
+  EXPECT_EQ(f, of.find_offered("f")->siid);
+}
+
+TEST(ranges_of_message_ids, are_used_again_when_64_others_are_free) {
+  peer a{"a", {"", 0, 0}, ""};
+  mid_ranges ranges;
+  numbers taken;
+  for (std::uint32_t i = 0; i < 65; ++i)
+    taken.push_back(ranges.take({&a, i}));
+  for (std::size_t i = 0; i < 64; ++i)
+    ranges.give_back(taken[i]);
+  const std::uint32_t fresh = ranges.take({&a, 0});
+  EXPECT_GT(fresh, taken.back());
+  ranges.give_back(taken[64]);
+  EXPECT_EQ(taken[0], ranges.take({&a, 0})) << "the one that is free for longest";
+  EXPECT_EQ(fresh + mid_ranges::size, ranges.take({&a, 0}));
+}
+
+TEST(ranges_of_message_ids, belong_to_who_took_them) {
+  peer a{"a", {"", 0, 0}, ""}, b{"b", {"", 0, 0}, ""};
+  mid_ranges ranges;
+  const std::uint32_t first = ranges.take({&a, 5}), second = ranges.take({&b, 6});
+  const struct {
+    std::uint32_t id;
+    const peer* component;
+    std::uint32_t siid;
+  } rows[] = {{0, nullptr, 0},  {first - 1, nullptr, 0},
+              {first, &a, 5},   {first + mid_ranges::size - 1, &a, 5},
+              {second, &b, 6},  {second + mid_ranges::size, nullptr, 0},
+              {~0u, nullptr, 0}};
+  for (const auto& row : rows) {
+    EXPECT_EQ(row.component, ranges.holder_of(row.id).component) << row.id;
+    EXPECT_EQ(row.siid, ranges.holder_of(row.id).siid) << row.id;
+  }
+  ranges.give_back(first);
+  EXPECT_EQ(nullptr, ranges.holder_of(first).component);
+}
+
+TEST(ranges_of_message_ids, are_disjoint_positive_and_come_to_an_end) {
+  mid_ranges ranges;
+  for (std::uint32_t expected = mid_ranges::size; !ranges.exhausted(); expected += mid_ranges::size) {
+    const std::uint32_t first = ranges.take({});
+    ASSERT_EQ(expected, first);
+    ASSERT_LE(first + mid_ranges::size, 0x7FFFF000u);
+  }
+  ranges.give_back(8192);
+  EXPECT_FALSE(ranges.exhausted());
+  EXPECT_EQ(8192u, ranges.take({}));
+  EXPECT_TRUE(ranges.exhausted());
+}
+
+TEST(ranges_of_message_ids, are_given_back_without_memory) {
+  seam::reset();
+  mid_ranges ranges;
+  for (int i = 0; i < 1000; ++i) {
+    const std::uint32_t first = ranges.take({});
+    seam::fail_allocation(1);
+    EXPECT_NO_THROW(ranges.give_back(first));
+    seam::fail_allocation(0);
+  }
+  seam::disarm();
+}
+
+namespace {
+
+class requests : public seam_test {
+ protected:
+  void add(std::uint32_t first, std::uint32_t count = 1) {
+    for (std::uint32_t id = first; id < first + count; ++id)
+      open.add({1, 2, id, static_cast<std::uint8_t>(id)});
+  }
+  // The ids of those that are open, oldest first; closes them.
+  numbers rest() {
+    numbers ids;
+    for (open_request taken; open.take_if([](const open_request&) { return true; }, taken);)
+      ids.push_back(taken.msg_id);
+    return ids;
+  }
+  static numbers from(std::uint32_t first, std::uint32_t count) {
+    numbers ids;
+    for (std::uint32_t id = first; id < first + count; ++id)
+      ids.push_back(id);
+    return ids;
+  }
+
+  open_requests open;
+};
+
+}  // namespace
+
+TEST_F(requests, are_closed_by_their_three_numbers_once) {
+  add(5);
+  for (const open_request& other : {open_request{9, 2, 5, 5}, {1, 9, 5, 5}, {1, 2, 9, 5}})
+    EXPECT_FALSE(open.close(other.from, other.to, other.msg_id));
+  EXPECT_TRUE(open.close(1, 2, 5));
+  EXPECT_FALSE(open.close(1, 2, 5));
+}
+
+TEST_F(requests, are_closed_newest_first) {
+  for (const std::uint8_t cmd : {std::uint8_t{7}, std::uint8_t{8}})
+    open.add({1, 2, 5, cmd});
+  open.close(1, 2, 5);
+  open_request taken = {};
+  open.take_if([](const open_request&) { return true; }, taken);
+  EXPECT_EQ(7, taken.cmd);
+}
+
+TEST_F(requests, are_taken_out_oldest_first_when_they_are_meant) {
+  add(1, 5);
+  open_request taken = {};
+  EXPECT_TRUE(open.take_if([](const open_request& each) { return each.msg_id > 2; }, taken));
+  EXPECT_EQ(3u, taken.msg_id);
+  EXPECT_FALSE(open.take_if([](const open_request& each) { return each.msg_id == 3; }, taken));
+  open.close(1, 2, 4);
+  EXPECT_EQ((numbers{1, 2, 5}), rest());
+}
+
+TEST_F(requests, are_at_most_256_and_the_oldest_goes) {
+  add(1, 256);
+  open.close(1, 2, 2);
+  EXPECT_TRUE(open.close(1, 2, 1)) << "256 have room";
+  add(257, 2);
+  EXPECT_TRUE(open.close(1, 2, 3)) << "those that are closed at the end made room";
+  add(259, 2);
+  EXPECT_EQ(from(5, 256), rest());
+}
+
+TEST_F(requests, keep_their_order_when_the_ring_grows) {
+  add(1, 8);
+  for (std::uint32_t id = 1; id <= 3; ++id)
+    open.close(1, 2, id);
+  add(9, 20);
+  EXPECT_EQ(from(4, 25), rest());
+}
+
+TEST_F(requests, take_no_memory_at_a_steady_rate) {
+  add(1, 8);
+  const long before = seam::allocated_blocks();
+  for (std::uint32_t id = 9; id < 1000; ++id) {
+    open.close(1, 2, id - 8);
+    add(id);
+  }
+  EXPECT_EQ(before, seam::allocated_blocks());
+  open.close(1, 2, 999);  // and of the newest
+  add(1000);
+  EXPECT_EQ(before, seam::allocated_blocks());
+  EXPECT_EQ((numbers{992, 993, 994, 995, 996, 997, 998, 1000}), rest());
+}
+
+TEST_F(requests, without_memory_let_the_oldest_go) {
+  seam::fail_allocation(1);
+  add(1);
+  EXPECT_EQ(numbers{}, rest());
+  add(1, 8);
+  seam::fail_allocation(1);
+  add(9);
+  EXPECT_EQ(from(2, 8), rest());
+}

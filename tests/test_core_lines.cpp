@@ -1,0 +1,236 @@
+// What the core tells: the lines for the person who watches it, and the answers to strangers.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <csignal>
+#include <fstream>
+
+#include "core_probe.h"
+
+namespace {
+
+struct pipe_ends {
+  pipe_ends() { EXPECT_EQ(0, pipe2(fds, O_CLOEXEC)); }
+  ~pipe_ends() { close(fds[0]), close(fds[1]); }
+  std::string read_all() const {
+    std::string text;
+    char part[4096];
+    for (pollfd entry = {fds[0], POLLIN, 0}; poll(&entry, 1, 0) > 0;)
+      text.append(part, static_cast<std::size_t>(read(fds[0], part, sizeof part)));
+    return text;
+  }
+  int fds[2];
+};
+
+// Takes what goes to a descriptor of this process.
+struct capture {
+  explicit capture(int fd) : taken(fd), before(dup(fd)) { dup2(pipe.fds[1], fd); }
+  ~capture() { dup2(before, taken), close(before); }
+  pipe_ends pipe;
+  int taken, before;
+};
+
+struct consoles : seam_test {
+  pipe_ends pipe;
+};
+
+}  // namespace
+
+TEST_F(consoles, write_each_line_behind_the_prefix_and_cut_long_ones) {
+  console lines(pipe.fds[1], "p: ");
+  lines.line("%s %d", "one", 1);
+  EXPECT_EQ("p: one 1\n", pipe.read_all());
+  lines.line("%s", std::string(600, 'x').c_str());
+  EXPECT_EQ("p: " + std::string(507, 'x') + "\n", pipe.read_all());
+}
+
+TEST_F(consoles, skip_lines_for_a_reader_that_does_not_keep_up_and_tell_how_many) {
+  console lines(pipe.fds[1], "p: ");
+  for (int i = 0; i < 400; ++i)
+    lines.line("%s", std::string(400, 'x').c_str());
+  const std::string read = pipe.read_all();
+  const auto skipped = 400 - std::count(read.begin(), read.end(), '\n');
+  lines.line("next");
+  lines.line("last");
+  EXPECT_EQ("p: (" + std::to_string(skipped) + " lines were not read in time)\np: next\np: last\n",
+            pipe.read_all());
+}
+
+TEST_F(consoles, do_not_block_where_others_do) {
+  const console lines(pipe.fds[1], "");
+  EXPECT_EQ(0, fcntl(pipe.fds[1], F_GETFL) & O_NONBLOCK) << "the description belongs to others, too";
+  EXPECT_NE(std::string::npos, seam::given().opened.find("/proc/self/fd/")) << "it has none of its own";
+}
+
+TEST_F(consoles, write_to_what_they_were_given_when_it_cannot_be_opened_anew) {
+  seam::fail(seam::OPEN, EACCES);
+  console(pipe.fds[1], "").line("a");
+  EXPECT_EQ("a\n", pipe.read_all());
+}
+
+TEST_F(consoles, keep_the_position_in_a_file) {
+  char path[] = "/tmp/kxcore/lines-XXXXXX";
+  const unique_fd file(mkstemp(path));
+  EXPECT_EQ(7, write(file.get(), "before\n", 7));
+  console(file.get(), "").line("a");
+  EXPECT_EQ(6, write(file.get(), "after\n", 6));
+  std::ifstream written(path);
+  EXPECT_EQ("before\na\nafter\n", std::string(std::istreambuf_iterator<char>(written), {}));
+  unlink(path);
+}
+
+TEST_F(consoles, count_a_line_that_nobody_can_read_any_more) {
+  const auto before = signal(SIGPIPE, SIG_IGN);
+  console lines(pipe.fds[1], "");
+  const int reader = dup(pipe.fds[0]);
+  close(pipe.fds[0]);
+  lines.line("kept"), close(reader), lines.line("lost");
+  pipe.fds[0] = open(("/proc/self/fd/" + std::to_string(pipe.fds[1])).c_str(), O_RDONLY | O_CLOEXEC);
+  lines.line("next");
+  EXPECT_EQ("kept\n(1 lines were not read in time)\nnext\n", pipe.read_all());
+  signal(SIGPIPE, before);
+}
+
+namespace {
+
+using reports = seam_test;
+
+}  // namespace
+
+TEST_F(reports, go_where_the_verbosity_and_the_level_of_the_log_say) {
+  const struct {
+    bool verbose;
+    int level;
+    std::string out, err, priorities;
+  } rows[] = {{false, 3, "", "", ""},
+              {false, 4, "", "kxcore: a problem\n", "4"},
+              {false, 5, "", "kxcore: a problem\n", "4"},
+              {false, 6, "", "kxcore: a problem\n", "64"},
+              {true, 3, "an event\na problem\n", "", ""},
+              {true, 4, "an event\na problem\n", "", "4"},
+              {true, 6, "an event\na problem\n", "", "64"}};
+  for (const auto& row : rows) {
+    seam::clear_lines();
+    seam::trace_level(row.level);
+    std::string out, err;
+    {
+      const capture standard_output(STDOUT_FILENO), standard_error(STDERR_FILENO);
+      reporter report(row.verbose);
+      report.event("an %s", "event");
+      report.problem("a %s", "problem");
+      out = standard_output.pipe.read_all(), err = standard_error.pipe.read_all();
+    }
+    std::string priorities;
+    for (const seam::log_line& line : seam::lines())
+      priorities += std::to_string(line.priority);
+    EXPECT_EQ(row.out, out) << row.verbose << row.level;
+    EXPECT_EQ(row.err, err) << row.verbose << row.level;
+    EXPECT_EQ(row.priorities, priorities) << row.verbose << row.level;
+  }
+  EXPECT_TRUE(seam::logged("an event"));
+  EXPECT_TRUE(seam::logged("a problem"));
+}
+
+TEST_F(reports, are_thinned_out_after_the_first_eight) {
+  reporter report(false);
+  unsigned long count = 0;
+  for (int i = 0; i < 70; ++i)
+    report.dropped(count, "somebody", "a reason");
+  std::string told;
+  for (const seam::log_line& line : seam::lines()) {
+    const auto begin = line.text.find("dropped a message of somebody (");
+    told += line.text.substr(begin + 31, line.text.find(" so far): a reason") - begin - 30);
+  }
+  EXPECT_EQ("1 2 3 4 5 6 7 8 16 32 64 ", told);
+  EXPECT_EQ(70u, count);
+}
+
+namespace {
+
+class outside : public seam_test {
+ protected:
+  // What a stranger at this socket is answered, when a component of `registered` is there.
+  std::string answered(const raw_socket& at, uid_t claimed, const peer* registered) {
+    outsiders.answer({at.path(), 7, claimed}, registered, make_message(1, 1, MSG_ERR, 1, 5));
+    return raw_component::arrived(at);
+  }
+
+  reporter report{false};
+  strangers outsiders{report, "/tmp/kxcore/"};
+  raw_socket socket{"/tmp/kxcore/stranger"};
+  const uid_t own = geteuid(), foreign = own + 1;
+};
+
+}  // namespace
+
+TEST_F(outside, only_paths_below_the_directory_are_on_the_bus) {
+  const struct {
+    const char* path;
+    bool is_on_bus;
+  } rows[] = {{"/tmp/kxcore/a", true},       {"/tmp/kxcore/sub/a", true},
+              {"/tmp/kxcore/..a", true},     {"/tmp/kxcore/../a", false},
+              {"/tmp/kxcore/b/../a", false}, {"/tmp/kxcorea", false},
+              {"/x/tmp/kxcore/a", false},    {"", false}};
+  for (const auto& row : rows)
+    EXPECT_EQ(row.is_on_bus, outsiders.is_on_bus(row.path)) << row.path;
+}
+
+TEST_F(outside, nobody_is_answered_in_the_name_of_a_component_of_another_user) {
+  peer component("component", {"", 0, own}, "");
+  peer of_another("another", {"", 0, foreign}, "");
+  const struct {
+    uid_t claimed;
+    const peer* registered;
+    const char* answer;
+  } rows[] = {
+      {own, nullptr, "ERR 5"},       {foreign, nullptr, "ERR 5"}, {own, &component, "ERR 5"},
+      {foreign, &component, ""},     {own, &of_another, "ERR 5"},  // it is the owner of the socket's file
+      {foreign + 1, &of_another, ""}};
+  for (const auto& row : rows)
+    EXPECT_EQ(row.answer, answered(socket, row.claimed, row.registered)) << row.claimed;
+  unlink(socket.path().c_str());
+  const raw_socket elsewhere("/tmp/kxcore/elsewhere");
+  EXPECT_EQ(0, symlink(elsewhere.path().c_str(), socket.path().c_str()));
+  outsiders.answer({socket.path(), 7, own}, &of_another, make_message(1, 1, MSG_ERR, 1, 5));
+  EXPECT_EQ("", raw_component::arrived(elsewhere)) << "through a link";
+}
+
+TEST_F(outside, nobody_is_answered_who_is_not_on_the_bus) {
+  const raw_socket off("/tmp/kxcore-" + std::to_string(getpid()));
+  EXPECT_EQ("", answered(off, own, nullptr));
+}
+
+TEST_F(outside, answers_that_nobody_reads_are_at_the_cost_of_nobody) {
+  const long descriptors = open_descriptors();
+  seam::fail(seam::SENDTO, EAGAIN);
+  EXPECT_EQ("ERR 5", answered(socket, own, nullptr)) << "by a fresh socket";
+  seam::fail(seam::SENDTO, EAGAIN, 2);
+  EXPECT_EQ("", answered(socket, own, nullptr));
+  seam::fail(seam::SENDTO, EAGAIN);
+  seam::fail(seam::SOCKET, EMFILE);
+  EXPECT_EQ("", answered(socket, own, nullptr));
+  const int sockets = seam::count(seam::SOCKET);
+  seam::fail(seam::SENDTO, ECONNREFUSED);
+  EXPECT_EQ("", answered(socket, own, nullptr));
+  EXPECT_EQ(sockets, seam::count(seam::SOCKET)) << "a fresh one for another reason";
+  EXPECT_EQ("ERR 5", answered(socket, own, nullptr));
+  EXPECT_EQ(descriptors, open_descriptors());
+}
+
+TEST_F(outside, a_core_without_sockets_does_not_begin) {
+  seam::fail(seam::SOCKET, EMFILE);
+  EXPECT_THROW(strangers(report, "/tmp/kxcore/"), std::system_error);
+  seam::fail(seam::SOCKET, EMFILE);
+  EXPECT_THROW(roster{report}, std::system_error);
+}
+
+TEST_F(outside, drops_are_counted_for_each_component_and_for_all_strangers) {
+  peer component("component", {"", 0, own}, "");
+  for (const char* const path : {"/tmp/kxcore/a\n", "/tmp/kxcore/\x7F"})
+    outsiders.drop(nullptr, {path, 1, own}, "why");
+  outsiders.drop(&component, {"/tmp/kxcore/component", 1, own}, "why");
+  EXPECT_TRUE(seam::logged("dropped a message of [/tmp/kxcore/a?] (1 so far): why"));
+  EXPECT_TRUE(seam::logged("dropped a message of [/tmp/kxcore/?] (2 so far): why"));
+  EXPECT_TRUE(seam::logged("dropped a message of component (1 so far): why"));
+}
