@@ -134,7 +134,7 @@ TEST_F(kxcore, raises_its_limit_of_descriptors) {
 }
 
 TEST_F(running_core, has_queues_longer_than_the_systems) {
-  if (!with_longer_queues([] {}).empty()) GTEST_SKIP() << "the system permits no network namespaces";
+  if (!longer_queues().refusal().empty()) GTEST_SKIP() << "the system permits no network namespaces";
   for (const char* const path : {fake_core::mgmt_path, fake_core::data_path}) {
     const raw_socket flooder("/tmp/kxcore/flooder");
     kill(program->pid(), SIGSTOP);

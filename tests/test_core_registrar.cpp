@@ -3,6 +3,8 @@
 
 #include <thread>
 
+#include <optional>
+
 #include "core_probe.h"
 
 namespace {
@@ -241,7 +243,7 @@ TEST_F(registrations, need_sockets_that_can_be_reached) {
   seam::fail(seam::SOCKET, ENFILE, 9);
   EXPECT_EQ("its sockets cannot be reached: Too many open files in system", ask(half, CMD_REG_COMPONENT));
   seam::fail(seam::SOCKET, 0, 0);
-  EXPECT_EQ(before + 5, open_descriptors()) << "two sockets of the test and three of the component";
+  EXPECT_EQ(before + 6, open_descriptors()) << "two sockets of the test and four of the component";
 }
 
 TEST_F(registrations, that_need_descriptors_take_those_of_the_dead) {
@@ -262,44 +264,65 @@ TEST_F(registrations, that_need_descriptors_take_those_of_the_dead) {
 
 TEST_F(registrations, replace_the_one_before_and_warn_when_that_lives) {
   child_process living([] { pause(); });
-  raw_component twice("twice"), beside("twice-d");
-  const std::string gets = ") has taken a socket of ";
-  const struct {
-    raw_component& by;
-    pid_t pid;
-    std::string warning;  // or none
-  } rows[] = {{twice, living.pid(), ""},
-              {twice, living.pid(), ""},
-              {twice, getpid(), "of twice (pid "},
-              {beside, living.pid(), "their names may not differ by -d alone"},
-              {twice, getppid(), "their names may not differ by -d alone"}};
-  for (const auto& row : rows) {
+  const std::string of_dead = "of twice (pid " + std::to_string(living.pid());
+  std::optional<raw_component> beside, twice("twice");
+  const auto registers_as = [&](raw_component& who, pid_t pid, const char* warning) {
     seam::clear_lines();
-    row.by.pid = row.pid;
-    ASSERT_EQ("", ask(row.by, CMD_REG_COMPONENT));
-    EXPECT_EQ(!row.warning.empty(), seam::logged(gets)) << row.by.name << row.pid;
-    EXPECT_TRUE(seam::logged(row.warning)) << row.by.name << row.pid;
-  }
-  const pid_t dead = living.pid();
-  twice.pid = dead;
-  ask(twice, CMD_REG_COMPONENT);
+    who.pid = pid;
+    EXPECT_EQ("", ask(who, CMD_REG_COMPONENT)) << pid;
+    EXPECT_EQ(*warning != '\0', seam::logged(" has removed a socket of ")) << who.name << pid;
+    EXPECT_TRUE(seam::logged(warning)) << who.name << pid;
+  };
+  registers_as(*twice, living.pid(), "");
+  registers_as(*twice, living.pid(), "");
+  registers_as(*twice, getpid(), of_dead.c_str());
+  beside.emplace("twice-d");
+  registers_as(*beside, living.pid(), "their names may not differ by -d alone");
+  EXPECT_EQ("the sockets at its paths are not its own", ask(*twice, CMD_REG_COMPONENT))
+      << "one is the other's";
+  twice.emplace("twice");
+  registers_as(*twice, getppid(), "their names may not differ by -d alone");
+  registers_as(*twice, living.pid(), "of twice (pid ");
   living.end(SIGKILL);
-  seam::clear_lines();
-  twice.pid = getpid();
-  EXPECT_EQ("", ask(twice, CMD_REG_COMPONENT));
-  EXPECT_FALSE(seam::logged("of twice (pid " + std::to_string(dead))) << "it is dead";
+  registers_as(*twice, getpid(), "");
 }
 
 TEST_F(registrations, of_a_living_process_of_another_user_keep_the_name) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give a socket away";
   child_process living([] { pause(); });
   raw_component name("name");
-  const uid_t own = name.uid;
-  name.pid = living.pid(), name.uid = own + 1;
+  const auto becomes = [&name](uid_t user, pid_t process) {
+    for (const raw_socket* const each : {&name.mgmt, &name.data})
+      EXPECT_EQ(0, chown(each->path().c_str(), user, 0));
+    name.uid = user, name.pid = process;
+  };
+  becomes(1234, living.pid());
   EXPECT_EQ("", ask(name, CMD_REG_COMPONENT));
-  name.pid = getpid(), name.uid = own;
+  becomes(1235, getpid());
   EXPECT_EQ("a process of another user has the name, and lives", ask(name, CMD_REG_COMPONENT));
   living.end(SIGKILL);
   EXPECT_EQ("", ask(name, CMD_REG_COMPONENT));
+}
+
+TEST_F(registrations, need_sockets_of_the_users_own_that_no_other_component_has) {
+  const std::string not_its_own = "the sockets at its paths are not its own";
+  raw_component foreign("foreign"), late("late");
+  foreign.uid += 1;
+  ask(foreign, CMD_REG_COMPONENT);
+  EXPECT_EQ(nullptr, peers.at_mgmt(foreign.mgmt.path()));
+  late.uid = sender::overflow_uid, late.pid = 0;
+  EXPECT_EQ("", ask(late, CMD_REG_COMPONENT)) << "the system did not tell yet whose it is";
+  late.uid = geteuid(), late.pid = getpid();
+  EXPECT_EQ("", ask(late, CMD_SUB_FUNCTION, "get")) << "it is the owner of the file";
+  for (const raw_socket* const stolen : {&server.mgmt, &server.data}) {
+    raw_component thief("thief");
+    unlink(thief.data.path().c_str());
+    EXPECT_EQ(0, link(stolen->path().c_str(), thief.data.path().c_str()));
+    EXPECT_EQ(not_its_own, ask(thief, CMD_REG_COMPONENT)) << stolen->path();
+    unlink(thief.data.path().c_str());
+    EXPECT_EQ(0, symlink(stolen->path().c_str(), thief.data.path().c_str()));
+    EXPECT_EQ("its sockets cannot be reached: Socket operation on non-socket", ask(thief, CMD_REG_COMPONENT));
+  }
 }
 
 TEST_F(registrations, end_with_all_that_was_granted) {
@@ -324,14 +347,18 @@ TEST_F(registrations, end_with_all_that_was_granted) {
 TEST_F(registrations, free_a_service_whose_owner_does_not_exist_any_more) {
   raw_component heir("heir");
   ask(heir, CMD_REG_COMPONENT);
-  pass(client, get, proxy, MSG_REQ, 3, server);
-  EXPECT_EQ("'get' is offered by server", ask(heir, CMD_REG_FUNCTION, "get"));
-  unlink(server.mgmt.path().c_str());
-  seam::clear_lines();
+  notify(server, CMD_UNREG_FUNCTION, get);
+  std::optional<raw_component> mortal("mortal");
+  ask(*mortal, CMD_REG_COMPONENT);
+  offer(*mortal, "get");
+  pass(client, get, proxy, MSG_REQ, 3, *mortal);
+  unlink(mortal->mgmt.path().c_str());
+  EXPECT_EQ("'get' is offered by mortal", ask(heir, CMD_REG_FUNCTION, "get")) << "its socket is still there";
+  mortal.reset();
   EXPECT_EQ(get, offer(heir, "get")) << "with users it has its old siid";
   EXPECT_EQ("ERR 3 (the component is gone)", client.arrived());
   EXPECT_EQ("REQ 4", pass(client, get, proxy, MSG_REQ, 4, heir));
-  EXPECT_EQ(nullptr, peers.at_mgmt(server.mgmt.path()));
+  EXPECT_EQ(nullptr, peers.at_mgmt("/tmp/kxcore/mortal"));
 }
 
 TEST_F(registrations, are_refused_when_the_core_is_stopping) {

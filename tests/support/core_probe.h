@@ -193,9 +193,8 @@ class whole_core : public bus_test {
   }
 
   static std::unique_ptr<core_probe> create() {
-    std::unique_ptr<core_probe> core;
-    with_longer_queues([&core] { core = std::make_unique<core_probe>(); });
-    return core;
+    const longer_queues queues;
+    return std::make_unique<core_probe>();
   }
 
   const std::unique_ptr<core_probe> owned = create();

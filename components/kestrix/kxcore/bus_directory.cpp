@@ -27,7 +27,7 @@ constexpr unsigned int changes = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVE
   throw std::runtime_error("cannot " + what + " " + path + ": " + strerror(error));
 }
 
-file_identity identity_of(const struct stat& file) { return {file.st_dev, file.st_ino}; }
+file_identity identity_of(const struct stat& file) { return {file.st_uid, file.st_dev, file.st_ino}; }
 
 std::string user(uid_t uid) { return "user " + std::to_string(uid); }
 

@@ -9,14 +9,14 @@
 
 #include "socket_file.h"
 
-outlet::outlet(const std::string& path) : m_socket(open_datagram()) {
-  if (m_socket.get() < 0) return;
-  const socket_file file(path);
-  if (!file.exists()) return;
-  const sockaddr_un address = file.address();
-  m_connected = connect(m_socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-  m_owner = file.owner();
-  m_identity = file.identity();
+outlet::outlet(const socket_file& to) {
+  if (!to.exists()) return;
+  unique_fd socket(open_datagram());
+  const sockaddr_un address = to.address();
+  if (socket.get() < 0 ||
+      connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+    return;
+  m_socket = std::move(socket);
 }
 
 outlet::result_e outlet::try_send(const void* bytes, std::size_t size) {

@@ -40,15 +40,10 @@ class outlet {
     GONE     // the receiver's socket does not exist any more
   };
 
-  // Connects to the socket at `path`; connected() says whether that worked, errno why not.
-  explicit outlet(const std::string& path);
+  // Connects to the socket; connected() says whether that worked, errno why not.
+  explicit outlet(const socket_file& to);
 
-  bool connected() const { return m_connected; }
-
-  // Of the file of the receiver's socket.
-  uid_t owner() const { return m_owner; }
-  const file_identity& identity() const { return m_identity; }
-
+  bool connected() const { return m_socket.get() >= 0; }
   int fd() const { return m_socket.get(); }
   bool has_queue() const { return m_queued > 0; }
 
@@ -80,9 +75,6 @@ class outlet {
                std::size_t size);
 
   unique_fd m_socket;
-  bool m_connected = false;
-  uid_t m_owner = 0;
-  file_identity m_identity;
   std::list<waiting> m_turns;  // of the senders, none without messages; the front has the next
   std::size_t m_queued = 0;    // the cost of all
   unsigned long m_lost = 0;

@@ -26,19 +26,25 @@ unsigned long next_serial() {
 }  // namespace
 
 peer::peer(std::string component_name, const sender& from, const std::string& data_socket)
+    : peer(std::move(component_name), from, data_socket, socket_file(from.path), socket_file(data_socket)) {}
+
+peer::peer(std::string component_name, const sender& from, const std::string& data_socket,
+           socket_file mgmt_socket, const socket_file& data_socket_file)
     : serial(next_serial()),
       name(std::move(component_name)),
       mgmt_path(from.path),
       data_path(data_socket),
-      mgmt(mgmt_path),
-      data(data_path),
-      uid(from.is_known() ? from.uid : mgmt.owner()),
+      mgmt_file(std::move(mgmt_socket)),
+      data_file(data_socket_file.identity()),
+      uid(from.is_known() ? from.uid : mgmt_file.identity().owner),
       pid(from.pid),
-      process(open_process(from.pid)) {}
+      process(open_process(from.pid)),
+      mgmt(mgmt_file),
+      data(data_socket_file) {}
 
 bool peer::shares_sockets_with(const peer& other) const {
-  for (const outlet* own : {&mgmt, &data})
-    if (own->identity() == other.mgmt.identity() || own->identity() == other.data.identity()) return true;
+  for (const file_identity& own : {mgmt_file.identity(), data_file})
+    if (own == other.mgmt_file.identity() || own == other.data_file) return true;
   return false;
 }
 

@@ -11,6 +11,7 @@
 #include "inbox.h"
 #include "open_requests.h"
 #include "outlet.h"
+#include "socket_file.h"
 #include "unique_fd.h"
 
 // Messages that were not accepted, by what became of them.
@@ -29,7 +30,7 @@ struct peer {
   bool is_connected() const { return mgmt.connected() && data.connected(); }
 
   // Whether both sockets are its user's.
-  bool has_own_sockets() const { return mgmt.owner() == uid && data.owner() == uid; }
+  bool has_own_sockets() const { return mgmt_file.identity().owner == uid && data_file.owner == uid; }
 
   // Whether one of them is one of the other's.
   bool shares_sockets_with(const peer& other) const;
@@ -44,11 +45,13 @@ struct peer {
   const std::string name;
   const std::string mgmt_path;
   const std::string data_path;
+  const socket_file mgmt_file;
+  const file_identity data_file;
+  const uid_t uid;
+  const pid_t pid;          // 0 when it is not known
+  const unique_fd process;  // pidfd, readable when the process has ended; -1 without
   outlet mgmt;
   outlet data;
-  const uid_t uid;
-  const pid_t pid;                // 0 when it is not known
-  const unique_fd process;        // pidfd, readable when the process has ended; -1 without
   open_requests open;             // that its proxies and stubs have made
   std::set<std::uint32_t> siids;  // that its stubs, proxies and subscriptions hold
   unsigned int grants = 0;        // services and subscriptions
@@ -56,6 +59,10 @@ struct peer {
   bool has_ended = false;         // its process; what it sent before is not served yet
   bool is_gone = false;
   bool is_told_to_end = false;
+
+ private:
+  peer(std::string component_name, const sender& from, const std::string& data_socket,
+       socket_file mgmt_socket, const socket_file& data_socket_file);
 };
 
 #endif

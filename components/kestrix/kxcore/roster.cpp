@@ -115,11 +115,8 @@ void roster::fail_all_to(std::uint32_t siid, const char* reason) {
 
 // --- the end of a component ---
 
-// A living process whose file was removed may still be reached by those that are connected.
 bool roster::is_unreachable(const peer& of) const {
-  const socket_file file(of.mgmt_path);
-  if (!file.exists() || !(file.identity() == of.mgmt.identity())) return !of.is_alive();
-  const sockaddr_un address = file.address();
+  const sockaddr_un address = of.mgmt_file.address();
   return connect(m_probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
          errno == ECONNREFUSED;
 }

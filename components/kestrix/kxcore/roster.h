@@ -58,8 +58,8 @@ class roster {
   // Takes back at once what a component that is given up was granted.
   void release(peer& gone);
 
-  // Whether the component's management socket does not exist any more. A process that ended has none; one
-  // that goes on as a child of the one that registered has.
+  // Whether the component's management socket is closed, whatever stands at its path. A process that ended
+  // has none; one that goes on as a child of the one that registered has.
   bool is_unreachable(const peer& of) const;
 
   // Forgets who was given up; how many they were.

@@ -88,7 +88,7 @@ void router::fan_out(peer& from, KXmessage& message, const service& signal) {
   bool is_taken = false;
   for (const auto& subscriber : signal.subscribers) {
     peer& receiver = *subscriber.first;
-    const bool is_its_own = is_id_of(receiver, from, way) || (asked.siid == way.to && &receiver != &from);
+    const bool is_its_own = asked.component == &receiver && &from != &receiver;
     if (is_its_own && !is_signal) continue;
     message.m_header->msg_id = htonl(is_its_own ? 0 : way.msg_id);
     reason = forward(from, message, receiver);

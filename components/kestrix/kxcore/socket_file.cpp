@@ -8,12 +8,20 @@
 
 #include "socket_address.h"
 
-socket_file::socket_file(const std::string& path)
-    : m_file(path.size() > max_socket_path ? -1 : open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)) {
+namespace {
+
+int open_path(const std::string& path) {
+  if (path.size() <= max_socket_path) return open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+  errno = ENAMETOOLONG;
+  return -1;
+}
+
+}  // namespace
+
+socket_file::socket_file(const std::string& path) : m_file(open_path(path)) {
   struct stat file = {};
   if (!exists() || fstat(m_file.get(), &file) != 0) return;
-  m_owner = file.st_uid;
-  m_identity = {file.st_dev, file.st_ino};
+  m_identity = {file.st_uid, file.st_dev, file.st_ino};
   if (S_ISSOCK(file.st_mode)) return;
   m_file = unique_fd();
   errno = ENOTSOCK;

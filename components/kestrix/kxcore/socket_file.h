@@ -10,8 +10,9 @@
 
 #include "unique_fd.h"
 
-// What distinguishes a file from others that may stand under its path.
+// Who owns a file, and what distinguishes it from others that may stand under its path.
 struct file_identity {
+  uid_t owner = 0;
   dev_t device = 0;
   ino_t inode = 0;
 
@@ -26,7 +27,6 @@ class socket_file {
   // False, with errno after the construction, when there is none.
   bool exists() const { return m_file.get() >= 0; }
 
-  uid_t owner() const { return m_owner; }
   const file_identity& identity() const { return m_identity; }
 
   // The address of this very socket, as long as the object lives.
@@ -34,7 +34,6 @@ class socket_file {
 
  private:
   unique_fd m_file;
-  uid_t m_owner = 0;
   file_identity m_identity;
 };
 

@@ -3,6 +3,7 @@
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -14,7 +15,10 @@
 bool is_control(unsigned char c) { return c < 0x20 || c == 0x7F; }
 
 strangers::strangers(reporter& report, std::string bus_directory)
-    : m_report(report), m_bus_directory(std::move(bus_directory)), m_socket(open_datagram()) {
+    : m_report(report),
+      m_bus_directory(std::move(bus_directory)),
+      m_socket(open_datagram()),
+      m_spare(dup(m_socket.get())) {
   if (m_socket.get() < 0) throw std::system_error(errno, std::generic_category(), "cannot create a socket");
 }
 
@@ -29,8 +33,8 @@ void strangers::answer(const sender& to, const KXmessage& message) {
   if (!is_on_bus(to.path) || !may_answer()) return;
   m_spare = unique_fd();
   const socket_file file(to.path);
-  if (file.exists() && (file.owner() == to.uid || !to.is_known())) send(file, message);
-  m_spare = unique_fd(open_datagram());
+  if (file.exists() && (file.identity().owner == to.uid || !to.is_known())) send(file, message);
+  m_spare = unique_fd(dup(m_socket.get()));
 }
 
 bool strangers::may_answer() {
