@@ -40,10 +40,6 @@ std::string place_of(Arguments... arguments) {
   return made.m_mgmt_socket_name + " " + std::to_string(handled_signals());
 }
 
-std::ptrdiff_t open_descriptors() {
-  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
-
 }  // namespace
 
 using construction = component;
@@ -59,7 +55,7 @@ TEST_F(construction, makes_the_two_sockets_the_first_descriptors) {
 }
 
 TEST_F(construction, makes_sockets_that_do_not_block_and_do_not_outlive_an_exec) {
-  EXPECT_EQ(SOCK_DGRAM, given().socket_type) << "and no flags";
+  EXPECT_EQ("2 2 ", given(SOCKET)) << "SOCK_DGRAM, and no flags";
   for (const int fd : {c.m_mgmt_fd, c.m_data_fd}) {
     EXPECT_EQ((ints{SOCK_DGRAM, 1}), (ints{option_of(fd, SO_TYPE), option_of(fd, SO_REUSEADDR)}));
     EXPECT_EQ((ints{O_NONBLOCK, FD_CLOEXEC}), (ints{fcntl(fd, F_GETFL) & O_NONBLOCK, fcntl(fd, F_GETFD)}));
@@ -80,7 +76,7 @@ TEST_F(construction, takes_its_directory_and_its_signals_from_the_settings) {
   reset();
   fake_clock(100);
   EXPECT_EQ("/tmp/kxcore/media/c 0", place_of<component_probe>(&sub));
-  EXPECT_EQ("/tmp/kxcore/:0777 /tmp/kxcore/media/:0777 ", given().directories);
+  EXPECT_EQ("/tmp/kxcore/ /tmp/kxcore/media/ ", given(MKDIR));
 }
 
 TEST_F(construction, takes_the_place_of_the_files_that_stand_there) {
@@ -125,7 +121,7 @@ TEST_F(construction, refuses_a_path_of_108_bytes_before_anything_is_made) {
   EXPECT_THROW(c.create_socket(exceeds), KXerror::error_e);
   EXPECT_THROW(component_probe(exceeds.substr(12, 94).c_str(), nullptr), KXerror::error_e);
   EXPECT_EQ(2, times_logged("failed - File name too long"));
-  EXPECT_EQ(std::vector<call_e>{}, calls());
+  EXPECT_EQ(0, count_all());
 }
 
 TEST_F(construction, is_undone_by_stop_alone) {
@@ -145,5 +141,5 @@ TEST_F(construction, leaves_talking_to_the_core_to_derived_classes) {
   c.register_component(), c.unregister_component();
   EXPECT_EQ((ints{0, 0, 0}), (ints{c.interconnect_service(nullptr, message), c.send_mgmt_message(message),
                                    c.send_data_message(message)}));
-  EXPECT_EQ(std::vector<call_e>{}, calls());
+  EXPECT_EQ(0, count_all());
 }

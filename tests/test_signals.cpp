@@ -65,7 +65,7 @@ TEST_F(signals, keep_errno_and_ask_for_the_sender_only_when_that_is_shown) {
       EXPECT_EQ(running && level == 6 ? 1 : 0, count(OPEN));
     }
   }
-  EXPECT_EQ("/proc/999999999/cmdline", given().opened);
+  EXPECT_EQ("/proc/999999999/cmdline ", given(OPEN));
   EXPECT_EQ((ints{11, 11, 11}), unread());
 }
 

@@ -100,7 +100,7 @@ TEST_F(beside_the_loop, a_call_that_runs_out_of_memory_wakes_the_loop_too) {
   run_with([&] {
     send(1), send(2);
     before(RECVFROM, [this, earlier = count(RECVFROM)] {
-      if (count(RECVFROM) == earlier + 2) fail_allocation(1);
+      if (count(RECVFROM) == earlier + 2) fail(NEW, ENOMEM);
     });
     on_another_thread([&] { EXPECT_THROW(call(), std::bad_alloc); });
   });
