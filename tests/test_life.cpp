@@ -106,6 +106,7 @@ class life {
     EXPECT_THROW(proxy.subscribe_asynchronous("absent", nullptr), KXerror::error_e);
     idle.connection_process_message(message);
     idle.process_message(message, peer);
+    idle.KXconnection::connection_process_message(message);
     proxy.connection_process_message(message);
     core.data.send(component->m_data_socket_name, hex("1 2 3"));
     core.data.send(component->m_data_socket_name, message);
@@ -194,13 +195,7 @@ const step steps[] = {
 constexpr const step* stop_step = &steps[7];
 
 std::string outcome_of(const step& of, life& subject) {
-  try {
-    return (subject.*of.take)();
-  } catch (KXerror::error_e error) {
-    return "error " + std::to_string(error);
-  } catch (const std::bad_alloc&) {
-    return "out of memory";
-  }
+  return ended([&] { return (subject.*of.take)(); });
 }
 
 std::string expected_outcome(const step& of, call_e failed) {
@@ -270,7 +265,8 @@ TEST_F(a_life, is_told_in_the_log) {
     for (const log_line& line : lines())
       told += masked(line.text);
     for (const failed_assertion& each : failed_assertions())
-      told.append(each.expression).append(" in ").append(each.function) += "\n";
+      told.append(each.expression).append(" in ").append(each.path).append(": ").append(each.function) +=
+          "\n";
     subject.core.serve();
     for (KXmessage& message : subject.core.received) {
       EXPECT_TRUE(ids.insert(ntohl(message.m_header->msg_id)).second) << "reserved, or given twice";

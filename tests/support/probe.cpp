@@ -100,18 +100,18 @@ fake_core::fake_core() : mgmt(mgmt_path), data(data_path) {
 }
 
 void fake_core::reply(msg_type_e type, std::function<void(KXmessage&)> fill) {
-  m_replies.push_back({type, std::move(fill)});
+  replies.push_back({type, std::move(fill)});
 }
 
 void fake_core::serve() {
   for (KXmessage request; mgmt.receive(request);) {
     received.push_back(request);
-    if (request.m_header->msg_type != MSG_REQ || m_replies.empty()) continue;
+    if (request.m_header->msg_type != MSG_REQ || replies.empty()) continue;
     KXmessage answer = request;
     answer.size = 0;
-    answer.m_header->msg_type = m_replies.front().type;
-    if (m_replies.front().fill) m_replies.front().fill(answer);
-    m_replies.pop_front();
+    answer.m_header->msg_type = replies.front().type;
+    if (replies.front().fill) replies.front().fill(answer);
+    replies.pop_front();
     mgmt.send(mgmt.sender(), answer);
   }
 }
@@ -134,11 +134,11 @@ void core_test::answer(msg_type_e type, const std::vector<int>& numbers) {
   });
 }
 
-std::string core_test::asked() {
+std::string core_test::commands() {
   core.serve();
-  std::string bytes;
+  std::string numbers;
   for (const KXmessage& each : core.received)
-    bytes += hex(bytes_of(each)).erase(30, 12);
+    numbers += " " + std::to_string(each.m_header->cmd);
   core.received.clear();
-  return bytes;
+  return numbers;
 }

@@ -277,7 +277,7 @@ int poll(struct pollfd* entries, nfds_t count, int timeout) {
 }
 
 int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, struct timeval* limit) {
-  if (seam::fails(seam::SELECT)) {
+  if (seam::fails(seam::SELECT, limit == nullptr ? "-1" : std::to_string(limit->tv_sec))) {
     if (limit != nullptr) limit->tv_sec -= waited(1000ll * limit->tv_sec) / 1000;
     return -1;
   }

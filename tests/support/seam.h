@@ -43,7 +43,8 @@ void disarm();
 void enlist();
 
 // The calls of one kind since reset: how many there were, and what they were given, separated by spaces: the
-// limits of polls, the types of sockets, and paths; of directories only those that all may use.
+// limits of polls and of selects, the types of sockets, and paths; of directories only those that all may
+// use.
 int count(call_e call);
 int count_all();
 std::string given(call_e call);
