@@ -3,15 +3,56 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <fstream>
 #include <iomanip>
 #include <sstream>
+#include <thread>
 
 #include "datagram.h"
 #include "seam.h"
 #include "socket_address.h"
+
+void on_another_thread(const std::function<void()>& work) {
+  std::thread([&work] {
+    seam::enlist();
+    work();
+  }).join();
+}
+
+bool is_free(pthread_mutex_t& mutex) {
+  bool locked = false;
+  std::thread([&] {
+    locked = pthread_mutex_trylock(&mutex) == 0;
+    if (locked) pthread_mutex_unlock(&mutex);
+  }).join();
+  return locked;
+}
+
+bool sleeps_in(const std::function<void()>& work, const std::function<void()>& release) {
+  std::atomic<long> thread{0};
+  std::atomic<bool> done{false};
+  std::thread other([&] {
+    thread = syscall(SYS_gettid);
+    work();
+    done = true;
+  });
+  std::string state;
+  while (!done && state != "S")  // number, name in parentheses, state
+    std::ifstream("/proc/self/task/" + std::to_string(thread) + "/stat") >> state >> state >> state;
+  release();
+  other.join();
+  return state == "S";
+}
+
+bool waits_for(pthread_mutex_t& mutex, const std::function<void()>& work) {
+  pthread_mutex_lock(&mutex);
+  return sleeps_in(work, [&] { pthread_mutex_unlock(&mutex); });
+}
 
 raw_socket::raw_socket(const std::string& path)
     : m_path(path), m_fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {

@@ -4,6 +4,7 @@
 #define TESTS_PROBE_H
 
 #include <poll.h>
+#include <pthread.h>
 
 #include <deque>
 #include <functional>
@@ -18,7 +19,6 @@
 #include "KXproxy.h"
 #include "KXstub.h"
 #include "management.h"
-#include "other_thread.h"
 #include "seam.h"
 
 // What `work` returns, or the error that it throws.
@@ -34,6 +34,18 @@ std::string ended(const Work& work) {
   }
   return text.str();
 }
+
+// Runs `work` on a thread of its own, to its end. What it calls is armed as if this thread had called it.
+void on_another_thread(const std::function<void()>& work);
+
+// Whether another thread could lock `mutex` now.
+bool is_free(pthread_mutex_t& mutex);
+
+// Whether `work`, on a thread of its own, sleeps before its end; which `release` then lets it come to.
+bool sleeps_in(const std::function<void()>& work, const std::function<void()>& release);
+
+// Whether `work`, on a thread of its own, waits for `mutex`. This thread holds it meanwhile.
+bool waits_for(pthread_mutex_t& mutex, const std::function<void()>& work);
 
 // The base of every test that arms the seam.
 class seam_test : public testing::Test {
