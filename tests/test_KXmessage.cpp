@@ -54,14 +54,6 @@ TEST_F(message, replaces_what_a_target_buffer_holds_even_when_nothing_is_left_to
   }
 }
 
-TEST_F(message, consumes_a_tag_behind_which_nothing_is) {
-  KXmessage cut;
-  cut.size = 1;
-  int value = 5;
-  cut >> value;
-  EXPECT_EQ(1, cut.pos);
-}
-
 TEST_F(message, does_not_compare_tags_and_does_not_read_into_a_constant) {
   KXmessage source;
   short value = 0;

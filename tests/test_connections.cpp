@@ -32,9 +32,9 @@ class connections : public core_test {
     return {std::istream_iterator<int>(words), {}};
   }
 
-  void subscribe(KXconnection::interface_type_e kind, int first = 1000, int end = 1003) {
-    answer(MSG_RSP, {12, 40, first, end});
-    EXPECT_EQ(1, proxy.subscribe_service("get", kind, nullptr));
+  void subscribe() {
+    answer(MSG_RSP, {12, 40, 1000, 1003});
+    EXPECT_EQ(1, proxy.subscribe_synchronous("get"));
   }
 
   proxy_probe proxy{&component};
@@ -60,15 +60,20 @@ TEST_F(connections, proxies_are_what_they_were_asked_for_last_and_have_what_the_
                  {signal, "refused", "error 3 | other 2 -1 -1 0 0 1 | | 8"},
                  {async, "12 40 1000 1003", "1 | get 1 12 40 1000 1003 1000 reply | 12 | 7"},
                  {send, "", "1 | get 1 12 40 1000 1003 1001 reply | 12 |"},
-                 {signal, "refused", "error 3 | other 2 12 40 1000 1003 1001 | 12 | 8"},
-                 {sync, "12 40", "error 1 | get 0 12 40 1000 1003 1001 | 12 | 7"},
-                 {leave, "", "0 | get -1 12 40 1000 1003 1001 | | 9"},
-                 {leave, "", "0 | get -1 12 40 1000 1003 1001 | |"},
-                 {send, "", "0 | get -1 12 40 1000 1003 1001 | |"},
+                 {send, "", "1 | get 1 12 40 1000 1003 1002 reply | 12 |"},
+                 {send, "", "1 | get 1 12 40 1000 1003 1000 reply | 12 |"},
+                 {signal, "refused", "error 3 | other 2 12 40 1000 1003 1000 | 12 | 8"},
+                 {sync, "12 40", "error 1 | get 0 12 40 1000 1003 1000 | 12 | 7"},
+                 {leave, "", "0 | get -1 12 40 1000 1003 1000 | | 9"},
+                 {leave, "", "0 | get -1 12 40 1000 1003 1000 | |"},
+                 {send, "", "0 | get -1 12 40 1000 1003 1000 | |"},
                  {sync, "13", "1 | get 0 13 -1 -1 -1 -1 | 13 | 7"}});
-  EXPECT_EQ(bytes_of(make_message(40, 12, MSG_REQ, 42, 1001)), bytes_of(message)) << "sent last";
+  EXPECT_EQ(bytes_of(make_message(40, 12, MSG_REQ, 42, 1000)), bytes_of(message)) << "sent last";
   component.bind_siid(stub.m_siid = 14, &stub);
-  expect(proxy, {{sync, "14 41 5 6", "error 1 | get 0 14 -1 -1 -1 -1 | 13 14 | 7"}});
+  expect(proxy, {{sync, "14 41 5 6", "error 1 | get 0 14 -1 -1 -1 -1 | 13 14 | 7"},
+                 {signal, "15 41 5 6", "1 | other 2 15 41 5 6 5 | 13 14 15 | 8"},
+                 {send, "", "1 | other 2 15 41 5 6 5 | 13 14 15 |"}});
+  EXPECT_EQ(bytes_of(make_message(41, 15, MSG_SIG, 42, 5)), bytes_of(message)) << "sent last";
   EXPECT_EQ(std::pair(10u, 3u), std::pair(proxy.m_timeout, proxy_probe(&component, 3).m_timeout));
 }
 
@@ -145,24 +150,10 @@ TEST_F(connections, receive_a_datagram_or_nothing_into_an_emptied_message) {
   }
 }
 
-TEST_F(connections, proxies_address_their_messages_and_number_them_within_their_range) {
-  using row = std::tuple<KXconnection::interface_type_e, int, int, msg_type_e, std::vector<unsigned int>>;
-  for (const auto& [kind, first, end, type, ids] :
-       {row{ASYNC, 1000, 1003, MSG_REQ, {1001, 1002, 1000, 1001}}, row{SGNL, 1000, 1003, MSG_SIG, {1001}},
-        row{ASYNC, 5, 6, MSG_REQ, {5, 5}}}) {
-    subscribe(kind, first, end);
-    for (const unsigned int id : ids) {
-      EXPECT_EQ(1, proxy.proxy_send(message));
-      EXPECT_EQ(bytes_of(make_message(40, 12, type, 42, id)), core.data.receive());
-    }
-    proxy.disconnect(true);
-  }
-}
-
 // Each second something arrives: o(ther message), r(esponse), or n bytes of a response (character '0' + n). A
 // comma lets another half a second pass.
 TEST_F(connections, proxies_wait_for_their_response_and_hold_the_mutex_meanwhile) {
-  subscribe(SYNC);
+  subscribe();
   const char* at = nullptr;
   before(SENDTO, [&] { EXPECT_FALSE(is_free(component.m_mutex)); });
   when_idle([&] {
@@ -220,7 +211,7 @@ TEST_F(connections, proxies_wait_for_their_response_and_hold_the_mutex_meanwhile
 }
 
 TEST_F(connections, a_request_takes_four_system_calls_and_no_allocation) {
-  subscribe(SYNC);
+  subscribe();
   bool served = false;
   stub.on_message = [&](KXmessage& request) { served = stub.connection_send(request); };
   component.bind_siid(40, &stub);
