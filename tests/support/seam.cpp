@@ -48,18 +48,15 @@ struct seam_state {
 
 // Lines are taken from signal handlers too, so their storage is fixed.
 struct line_record {
-  std::atomic<bool> complete;
   int priority;
   char text[1200];
 };
 
 seam_state state;
-std::vector<seam::failed_assertion> assertions;
 std::array<line_record, 4096> records;
 std::atomic<std::size_t> record_count{0};
-std::atomic<bool> records_lines{false};  // from the first reset on
-thread_local bool arms = false;          // whether this thread is the one that armed the seam
-thread_local bool inside = false;        // whether it runs a hook
+thread_local bool arms = false;    // whether this thread is the one that armed the seam
+thread_local bool inside = false;  // whether it runs a hook
 
 // The next definition of a function: the C library's, or a sanitizer's.
 template <typename Function>
@@ -96,18 +93,14 @@ int count_ready(const Look& look) {
   return look();
 }
 
-std::size_t recorded() { return std::min(record_count.load(), records.size()); }
-
 }  // namespace
 
 namespace seam {
 
 void reset() {
-  arms = records_lines = true;
+  arms = true;
   inside = false;
   state = {};
-  assertions.clear();
-  assertions.reserve(100);
   clear_lines();
   trace_level(9);
 }
@@ -161,8 +154,8 @@ void when_idle(std::function<void()> hook) { state.idle = std::move(hook); }
 
 std::vector<log_line> lines() {
   std::vector<log_line> result;
-  for (std::size_t i = 0; i < recorded(); ++i)
-    if (records[i].complete) result.push_back({records[i].priority, records[i].text});
+  for (std::size_t i = 0; i < std::min(record_count.load(), records.size()); ++i)
+    result.push_back({records[i].priority, records[i].text});
   return result;
 }
 
@@ -175,35 +168,26 @@ int times_logged(const std::string& text) {
 
 bool logged(const std::string& text) { return times_logged(text) > 0; }
 
-void clear_lines() {
-  for (std::size_t i = 0; i < recorded(); ++i)
-    records[i].complete = false;
-  record_count = 0;
-}
+void clear_lines() { record_count = 0; }
 
 void trace_level(int level) { g_traceObject->level = level; }
-
-const std::vector<failed_assertion>& failed_assertions() { return assertions; }
 
 }  // namespace seam
 
 extern "C" {
 
-void logAssertFailed(const char* expression, const char* path, int /*line*/, const char* function) {
-  assertions.push_back({expression, path, function});
-}
-
 __attribute__((format(printf, 2, 3))) void syslog(int priority, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  if (!records_lines) {
-    vsyslog(priority, format, arguments);
-  } else if (const std::size_t index = record_count++; index < records.size()) {
+  if (const std::size_t index = record_count++; index < records.size()) {
     vsnprintf(records[index].text, sizeof records[index].text, format, arguments);
     records[index].priority = priority;
-    records[index].complete = true;
   }
   va_end(arguments);
+}
+
+void logAssertFailed(const char* expression, const char* path, int line, const char* function) {
+  syslog(LOG_ERR, "[ASSERT] %s:%d (%s) - %s", path, line, function, expression);
 }
 
 // A call that only ever passes or fails.

@@ -83,21 +83,14 @@ struct log_line {
   std::string text;  // as syslog would write it
 };
 
-// Lines written since reset; whether one contains `text`; how many do.
+// Lines written since reset, and expressions that logAssertFailed was called with, with its path and
+// function; whether one contains `text`; how many do.
 std::vector<log_line> lines();
 bool logged(const std::string& text);
 int times_logged(const std::string& text);
 void clear_lines();
 
 void trace_level(int level);
-
-// The expressions that logAssertFailed was called with, and where; literals of the library.
-struct failed_assertion {
-  std::string_view expression;
-  std::string_view path;
-  std::string_view function;
-};
-const std::vector<failed_assertion>& failed_assertions();
 
 }  // namespace seam
 
