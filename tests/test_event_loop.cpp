@@ -271,12 +271,6 @@ TEST_F(event_loop, ends_by_a_stop_from_a_handler_even_when_its_descriptors_are_t
   }
 }
 
-TEST_F(event_loop, looks_at_its_timers_only_when_no_other_thread_holds_the_mutex) {
-  fake_clock(-1);
-  c.sendKillMsgToSelf();
-  EXPECT_TRUE(waits_for(c.m_mutex, [&] { c.wait(true); }));
-}
-
 TEST_F(event_loop, delivers_to_all_that_are_bound_whatever_handlers_unbind_and_destroy) {
   for (int actor = 0; actor < 3; ++actor) {
     for (int target = 0; target < 3; ++target) {

@@ -116,11 +116,26 @@ INSTANTIATE_TEST_SUITE_P(, beside_the_loop, testing::ValuesIn(scripts),
 
 using threads = component;
 
-TEST_F(threads, that_only_send_wait_for_no_call) {
+TEST_F(threads, wait_for_the_mutex_to_change_what_it_guards_and_for_nothing_else) {
+  fake_clock(-1);
   proxy_probe asynchronous(&c);
   asynchronous.m_service_name = "get";
   asynchronous.m_interface_type = KXconnection::ASYNC;
-  EXPECT_FALSE(waits_for(c.m_mutex, [&] { asynchronous.proxy_send(message); }));
+  const std::tuple<const char*, bool, std::function<void()>> rows[] = {
+      {"add_msec_timer", true, [&] { c.add_msec_timer(1, nullptr, ::call, 1); }},
+      {"has_timer", true, [&] { c.has_timer(nullptr, ::call, 1); }},
+      {"del_timer", true, [&] { c.del_timer(nullptr, ::call, 1); }},
+      {"add_socket_descriptor", true, [&] { c.add_socket_descriptor(7, nullptr, ::call); }},
+      {"add_socket_descriptor of none", false, [&] { c.add_socket_descriptor(-1, nullptr, ::call); }},
+      {"remove_socket_descriptor", true, [&] { c.remove_socket_descriptor(7); }},
+      {"add_close_cb", true, [&] { c.add_close_cb(nullptr); }},
+      {"a send without a response", false, [&] { asynchronous.proxy_send(message); }},
+      {"the kill message", false, [&] { c.sendKillMsgToSelf(); }},
+      {"the loop", true, [&] { c.wait(true); }}};
+  for (const auto& [name, waits, operation] : rows) {
+    EXPECT_EQ(waits, waits_for(c.m_mutex, operation)) << name;
+    EXPECT_TRUE(is_free(c.m_mutex)) << name;
+  }
 }
 
 TEST_F(threads, arm_and_remove_while_the_loop_runs) {

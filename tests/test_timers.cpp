@@ -136,23 +136,8 @@ TEST_F(descriptors, are_64_at_most_and_none_negative) {
   clear_lines();
   EXPECT_EQ(-1, c.add_socket_descriptor(2000, nullptr, call));
   EXPECT_TRUE(lines().empty());
-  EXPECT_TRUE(is_free(c.m_mutex));
-  EXPECT_FALSE(waits_for(c.m_mutex, [&] { EXPECT_EQ(-1, c.add_socket_descriptor(-1, nullptr, call)); }));
+  EXPECT_EQ(-1, c.add_socket_descriptor(-1, nullptr, call));
   EXPECT_TRUE(logged("descriptor with value fd = -1: it is < 0"));
   EXPECT_EQ(64, c.m_nfds);
   c.m_nfds = 2;
-}
-
-TEST_F(descriptors, and_timers_are_changed_under_the_mutex) {
-  const std::pair<const char*, std::function<void()>> operations[] = {
-      {"add_msec_timer", [&] { c.add_msec_timer(1, nullptr, call, 1); }},
-      {"has_timer", [&] { c.has_timer(nullptr, call, 1); }},
-      {"del_timer", [&] { c.del_timer(nullptr, call, 1); }},
-      {"add_socket_descriptor", [&] { c.add_socket_descriptor(7, nullptr, call); }},
-      {"remove_socket_descriptor", [&] { c.remove_socket_descriptor(7); }},
-      {"add_close_cb", [&] { c.add_close_cb(nullptr); }}};
-  for (const auto& [name, operation] : operations) {
-    EXPECT_TRUE(waits_for(c.m_mutex, operation)) << name;
-    EXPECT_TRUE(is_free(c.m_mutex)) << name;
-  }
 }
