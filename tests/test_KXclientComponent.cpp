@@ -126,22 +126,27 @@ TEST_F(client_component, is_ended_by_kill_messages_only) {
 }
 
 TEST_F(client_component, hands_data_to_the_connections_of_its_siid_in_their_order_as_one_object) {
-  proxy_probe watchers[3] = {proxy_probe(&component), proxy_probe(&component), proxy_probe(&component)};
+  struct {
+    proxy_probe first;
+    stub_probe second;
+    proxy_probe third;
+  } watchers = {proxy_probe(&component), stub_probe(&component), proxy_probe(&component)};
   std::string handled;
-  for (const int i : {2, 0, 1}) {
-    watchers[i].m_interface_type = KXconnection::SGNL;
-    component.bind_siid(watchers[i].m_siid = 9, &watchers[i]);
-    watchers[i].on_message = [&, i](KXmessage& each) {
-      handled += std::to_string(i) + ":" + std::to_string(each.size) + " ";
-      each << i;
+  const auto watch = [&](auto& watcher, int number) {
+    watcher.m_interface_type = KXconnection::SGNL;
+    component.bind_siid(watcher.m_siid = 9, &watcher);
+    watcher.on_message = [&, number](KXmessage& each) {
+      handled += std::to_string(number) + ":" + std::to_string(each.size) + " ";
+      each << number;
       EXPECT_TRUE(is_free(component.m_mutex));
     };
-  }
+  };
+  watch(watchers.third, 3), watch(watchers.first, 1), watch(watchers.second, 2);
   before(SELECT, [this] { EXPECT_FALSE(is_free(component.m_mutex)); });
   before(RECVFROM, [this] { EXPECT_FALSE(is_free(component.m_mutex)); });
   using row = std::tuple<const char*, const char*, double>;
   for (const auto& [bytes, expected, end] :
-       {row{"0 0 0 9 0 0 0 2 4 3 0 0 0 4", "0:0 1:5 2:10 ", 100.5},
+       {row{"0 0 0 9 0 0 0 2 4 3 0 0 0 4", "1:0 2:5 3:10 ", 100.5},
         row{"0 0 0 8 0 0 0 2 4 3 0 0 0 4", "", 100.5}, row{"", "", 100.5},
         row{"0 0 0 9 0 0 0 2 4 3 0 0 0", "", 100.5}, row{"none", "", 110.5}}) {
     if (*bytes != 'n') arrive(component.m_data_socket_name, bytes);

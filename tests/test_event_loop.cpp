@@ -67,7 +67,7 @@ TEST_F(event_loop, keeps_what_has_a_handler_that_does_not_return_minus_one) {
     c.add_socket_descriptor(ready[i].ends[0], &read_result, call);
   }
   before(POLL, [&] {
-    if (count(POLL) == 6) c.sendKillMsgToSelf();
+    if (count(POLL) == 7) c.sendKillMsgToSelf();
   });
   c.wait(true);
   for (int i = 0; i < 4; ++i)

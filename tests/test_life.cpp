@@ -271,6 +271,7 @@ TEST_F(a_life, is_told_in_the_log) {
         EXPECT_EQ(each.outcome, outcome_of(each, subject));
       }
     }
+    subject.component.reset();
     for (const log_line& line : lines())
       told += masked(line.text);
     subject.core.serve();

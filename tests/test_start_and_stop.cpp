@@ -72,7 +72,7 @@ TEST_F(start_and_stop, stop_takes_the_component_off_the_bus_in_order_and_once) {
   stopping = &subject;
   subject.m_connections = {&first, &first, &second, &first};
   subject.add_close_cb(throw_once);
-  subject.add_close_cb(stop_too);
+  EXPECT_EQ(0, subject.add_close_cb(stop_too));
   subject.m_running = true;
   before(CLOSE, [this] { EXPECT_EQ(-1, count(CLOSE) == 1 ? subject.m_data_fd : subject.m_mgmt_fd); });
   subject.stop();
