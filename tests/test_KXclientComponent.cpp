@@ -18,18 +18,6 @@ TEST_F(client_component, waits_for_the_core_and_counts_the_lines_that_it_writes)
   EXPECT_TRUE(logged("to start [3 sec] [/tmp/kxcore/kxcore]...\n"));
 }
 
-TEST_F(client_component, keeps_its_path_to_the_core_until_it_is_given_another) {
-  const auto enter = [&] { return component.register_component(), component.m_kxcore_data_socket_name; };
-  component.m_kxcore_data_socket_name = "/old";
-  fail(SENDTO, EAGAIN, 3);
-  EXPECT_EQ("/old", ended(enter));
-  answer_path(MSG_ERR, "/new");
-  EXPECT_EQ("error 3", ended(enter));
-  EXPECT_EQ("/old", component.m_kxcore_data_socket_name);
-  answer_path(MSG_RSP, "");
-  EXPECT_EQ("", ended(enter));
-}
-
 // The commands from CMD_NONE on are requests, notices, o(ffers) and s(ubscriptions); all but notices wait,
 // without limit and without the lock.
 TEST_F(client_component, addresses_each_command_and_stores_what_its_reply_grants) {

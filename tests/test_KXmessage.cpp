@@ -62,10 +62,3 @@ TEST_F(message, does_not_compare_tags_and_does_not_read_into_a_constant) {
   source >> value;
   EXPECT_EQ(0x0102, value);
 }
-
-TEST_F(message, names_codes_as_far_as_they_are_known) {
-  EXPECT_STREQ("", msg_type_name(0));
-  EXPECT_STREQ("unknown", msg_type_name(5));
-  EXPECT_STREQ("", mgmt_cmd_name(0));
-  EXPECT_STREQ("unknown", mgmt_cmd_name(12));
-}

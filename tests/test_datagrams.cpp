@@ -194,8 +194,8 @@ TEST_F(datagrams, name_a_peer_by_a_path_that_fits) {
 
 TEST_F(datagrams, are_traced_with_what_their_header_holds) {
   for (const auto& [source, shown] : {std::pair{1u, "X : [INTERCONNECT]->[INTERCONNECT] : unknown : unknown"},
-                                      {7u, "X : [7]->[9] : unknown : 200"}}) {
-    message = make_message(9, source, static_cast<msg_type_e>(5), 200, 6);
+                                      {7u, "X : [7]->[9] : unknown : 12"}}) {
+    message = make_message(9, source, static_cast<msg_type_e>(5), 12, 6);
     send(c.m_data_socket_name), receive(c.m_data_fd);
     EXPECT_EQ(2, times_logged(shown)) << "sent, and received";
   }

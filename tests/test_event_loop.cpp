@@ -35,13 +35,6 @@ TEST_F(event_loop,
   EXPECT_EQ("fired3 queued3 queued4 fired5 queued ", happened);
 }
 
-TEST_F(event_loop, takes_a_deadline_of_zero_for_none) {
-  c.add_msec_timer(250, nullptr, call, 1);
-  c.m_timers.front().ato = 0;
-  run([&] { c.m_timers.clear(); });
-  EXPECT_EQ("-1 ", given(POLL));
-}
-
 TEST_F(event_loop, polls_the_table_itself_as_far_as_it_is_used) {
   const channel behind, changed, quiet(false);
   handler served = noting("served");
@@ -188,16 +181,6 @@ TEST_F(event_loop, serves_no_descriptor_in_a_turn_in_which_another_thread_change
     if (count(POLL) == 2) c.remove_socket_descriptor(quiet.ends[0]);
   });
   EXPECT_EQ("loud3 ", happened);
-}
-
-TEST_F(event_loop, serves_the_other_descriptors_before_a_kill_message_ends_it) {
-  const channel ready;
-  bound_stub stub(*this, "queued");
-  handler served = [&](int) { return c.set_aside(message), note("served"); };
-  c.add_socket_descriptor(ready.ends[0], &served, call);
-  c.sendKillMsgToSelf();
-  c.wait(true);
-  EXPECT_EQ("served1 queued ", happened) << "the stub is disconnected, and handed nothing";
 }
 
 TEST_F(event_loop, holds_the_mutex_for_a_timer_and_for_nothing_else_that_it_calls) {

@@ -6,13 +6,9 @@ class start_and_stop : public component {
   // A component that notes what its hooks are called for.
   struct hooked : probe_of<bare_component> {
     explicit hooked(std::string& noted) : probe_of("hooked", nullptr), happened(noted) {}
-    void register_component() override {
-      happened += "register ";
-      if (refused) throw KXerror::ERR_ERROR_REPLY;
-    }
+    void register_component() override { happened += "register "; }
     void unregister_component() override { happened += m_data_fd < 0 ? "too late " : "unregister "; }
     std::string& happened;
-    bool refused = false;
   };
 
   struct phases : KXinterface {
@@ -57,14 +53,6 @@ TEST_F(start_and_stop, start_loops_or_stops_at_once) {
     EXPECT_EQ(-2, own.m_data_fd + own.m_mgmt_fd) << mode;
     EXPECT_TRUE(logged("(start) - No interfaces to process\n"));
   }
-}
-
-TEST_F(start_and_stop, a_refused_registration_leaves_the_component_as_it_was) {
-  const phases never(subject, 'a');
-  subject.refused = true;
-  EXPECT_THROW(subject.start(KXcomponent::CMP_START_AND_LOOP), KXerror::error_e);
-  EXPECT_EQ("register ", happened);
-  EXPECT_EQ(0, access("/tmp/kxcore/hooked", F_OK));
 }
 
 TEST_F(start_and_stop, stop_takes_the_component_off_the_bus_in_order_and_once) {
