@@ -36,16 +36,6 @@ std::string place_of(Arguments... arguments) {
 
 using construction = component;
 
-TEST_F(construction, makes_the_two_sockets_the_first_descriptors) {
-  EXPECT_EQ((ints{2, c.m_mgmt_fd, c.m_data_fd}), (ints{c.m_nfds, c.m_fda[0].fd, c.m_fda[1].fd}));
-  ints received;
-  c.on_mgmt = [&](int fd) { received.push_back(fd); };
-  c.on_data = [&](int fd) { received.push_back(-fd); };
-  for (const int index : {0, 1})
-    EXPECT_EQ(0, c.m_fd_handlers[index].handler(c.m_fd_handlers[index].context, 5 + index)) << "it would go";
-  EXPECT_EQ((ints{5, -6}), received);
-}
-
 TEST_F(construction, makes_sockets_that_do_not_block_and_do_not_outlive_an_exec) {
   EXPECT_EQ("2 2 ", given(SOCKET)) << "SOCK_DGRAM, and no flags";
   for (const int fd : {c.m_mgmt_fd, c.m_data_fd}) {
@@ -133,9 +123,6 @@ TEST_F(construction, is_undone_by_stop_alone) {
 }
 
 TEST_F(construction, leaves_talking_to_the_core_to_derived_classes) {
-  reset();
-  c.register_component(), c.unregister_component();
   EXPECT_EQ((ints{0, 0, 0}), (ints{c.interconnect_service(nullptr, message), c.send_mgmt_message(message),
                                    c.send_data_message(message)}));
-  EXPECT_EQ(0, count_all());
 }
