@@ -91,6 +91,8 @@ TEST_F(buffer, grows_and_skips_as_far_as_it_can) {
     EXPECT_EQ(row(n, size, pos, warnings),
               row(n, message.size, message.pos, seam::times_logged("[WARNING]")));
   }
+  EXPECT_TRUE(seam::logged("pos(2147483647)/size(10)\n")) << "without an overflow";
+  EXPECT_TRUE(seam::logged("set(2147483647)/max(2034)\n")) << "without an overflow";
 }
 
 TEST_F(buffer, every_byte_but_zero_is_read_as_true) {
