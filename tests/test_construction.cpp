@@ -14,8 +14,8 @@ int handled_signals() {
     struct sigaction action = {};
     sigaction(signal, nullptr, &action);
     constexpr int flags = SA_SIGINFO | SA_RESTART | SA_NODEFER | SA_RESETHAND | SA_ONSTACK | SA_NOCLDSTOP;
-    const bool holds_back = sigismember(&action.sa_mask, SIGINT) + sigismember(&action.sa_mask, SIGTERM) > 0;
-    handled += action.sa_sigaction == sig_handler && (action.sa_flags & flags) == SA_SIGINFO && !holds_back;
+    handled += action.sa_sigaction == sig_handler && (action.sa_flags & flags) == SA_SIGINFO &&
+               sigisemptyset(&action.sa_mask) == 1;
   }
   return handled;
 }
