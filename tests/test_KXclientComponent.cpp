@@ -101,6 +101,7 @@ TEST_F(client_component, is_ended_by_kill_messages_only) {
   }
   EXPECT_EQ(1, times_logged("(get_mgmt_message) - dropped a datagram of 13 bytes")) << "not the empty one";
   EXPECT_EQ(1, times_logged("dropped a datagram"));
+  EXPECT_EQ("-1 -1 -1 -1 -1 -1 ", given(SELECT)) << "without limit";
 }
 
 TEST_F(client_component, hands_data_to_the_connections_of_its_siid_in_their_order_as_one_object) {
