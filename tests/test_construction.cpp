@@ -62,13 +62,6 @@ TEST_F(construction, takes_its_directory_and_its_signals_from_the_settings) {
   EXPECT_EQ("/tmp/kxcore/ /tmp/kxcore/media/ ", given(MKDIR));
 }
 
-TEST_F(construction, takes_the_place_of_the_files_that_stand_there) {
-  component_probe second("comp", nullptr);
-  EXPECT_EQ(14, c.send_message_to(c.m_data_fd, second.m_mgmt_socket_name.c_str(), message));
-  peer_info_t peer;
-  EXPECT_EQ(14, second.rec_message(second.m_mgmt_fd, message, true, peer));
-}
-
 TEST_F(construction, makes_the_last_component_the_one_that_signals_end) {
   auto first = std::make_unique<component_probe>("first", nullptr);
   const component_probe second("second", nullptr);

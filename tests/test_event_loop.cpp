@@ -191,20 +191,6 @@ TEST_F(event_loop, holds_the_mutex_for_a_timer_and_for_nothing_else_that_it_call
   EXPECT_TRUE(is_free(c.m_mutex));
 }
 
-TEST_F(event_loop, dispatches_in_one_step_what_handlers_and_threads_set_aside_meanwhile) {
-  bound_stub stub(*this, "queued");
-  stub.on_message = [&](KXmessage& each) {
-    note(std::to_string(each.m_header->cmd) + "/");
-    c.m_running = false;
-    if (each.m_header->cmd == 2) c.set_aside(make_message(9, 7, MSG_REQ, 3, 6));
-    if (each.m_header->cmd == 3) on_another_thread([&] { c.set_aside(make_message(9, 7, MSG_REQ, 4, 6)); });
-  };
-  c.set_aside(make_message(8, 7, MSG_REQ, 1, 6));  // to nobody
-  c.set_aside(message);
-  run();
-  EXPECT_EQ("2/0 3/0 4/0 queued ", happened);
-}
-
 TEST_F(event_loop, stays_usable_when_a_handler_throws) {
   const channel ready;
   handler fail_to = [&](int) -> int { throw 1; };
