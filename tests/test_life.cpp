@@ -4,7 +4,6 @@
 // the table, nothing is left behind, and the step then succeeds.
 #include <arpa/inet.h>
 
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <optional>

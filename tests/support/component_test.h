@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <thread>
 #include <utility>
 
 #include "probe.h"

@@ -4,7 +4,6 @@
 #ifndef TESTS_SEAM_H
 #define TESTS_SEAM_H
 
-#include <array>
 #include <functional>
 #include <string>
 #include <string_view>
