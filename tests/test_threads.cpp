@@ -4,8 +4,6 @@
 
 #include "component_test.h"
 
-namespace {
-
 // What happens before the loop begins, before each of its polls, when it first serves the management socket
 // (ahead of the data, for which its poll has found something) and when it hands on each message; what is then
 // received, what the calls come to, and how many management messages the loop gets: what wakes it and ends
@@ -84,8 +82,6 @@ class beside_the_loop : public core_test, public testing::WithParamInterface<scr
   KXmessage unread;
   peer_info_t peer;
 };
-
-}  // namespace
 
 TEST_P(beside_the_loop, a_call_leaves_to_it) {
   script parts = GetParam();
