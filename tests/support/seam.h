@@ -18,7 +18,7 @@ enum call_e {
   CLOSE,
   FCNTL,
   MKDIR,
-  NEW,  // operator new, in programs that link allocations.cpp
+  NEW,  // operator new, in programs that link allocations.cpp; noted only while it is to fail
   OPEN,
   POLL,
   READ,
