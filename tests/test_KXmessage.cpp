@@ -54,14 +54,6 @@ TEST_F(message, replaces_what_a_target_buffer_holds_even_when_nothing_is_left_to
   }
 }
 
-TEST_F(message, consumes_a_tag_behind_which_nothing_is) {
-  KXmessage cut;
-  cut.size = 1;
-  int value = 5;
-  cut >> value;
-  EXPECT_EQ(1, cut.pos);
-}
-
 TEST_F(message, does_not_compare_tags_and_does_not_read_into_a_constant) {
   KXmessage source;
   short value = 0;
@@ -69,11 +61,4 @@ TEST_F(message, does_not_compare_tags_and_does_not_read_into_a_constant) {
   source >> std::string("constant");
   source >> value;
   EXPECT_EQ(0x0102, value);
-}
-
-TEST_F(message, names_codes_as_far_as_they_are_known) {
-  EXPECT_STREQ("", msg_type_name(0));
-  EXPECT_STREQ("unknown", msg_type_name(5));
-  EXPECT_STREQ("", mgmt_cmd_name(0));
-  EXPECT_STREQ("unknown", mgmt_cmd_name(12));
 }

@@ -225,7 +225,7 @@ TEST_F(services, do_not_change_when_memory_fails) {
     const auto& row = rows[i % std::size(rows)];
     const std::string before = state();
     for (int fails_at = 1, done = 0; done == 0; ++fails_at) {
-      seam::fail_allocation(fails_at);
+      seam::fail(seam::NEW, ENOMEM, 1, fails_at - 1);
       try {
         row.act(std::to_string(i)), done = 1;
       } catch (const std::bad_alloc&) {
@@ -233,7 +233,7 @@ TEST_F(services, do_not_change_when_memory_fails) {
       }
       ASSERT_LT(fails_at, 50);
     }
-    seam::fail_allocation(0);
+    seam::fail(seam::NEW, 0, 0);
     EXPECT_NE(before, state()) << row.what;
   }
   of.forget(b), of.forget(c);
@@ -244,7 +244,7 @@ TEST_F(services, stay_under_a_name_when_an_older_one_of_it_goes_for_want_of_memo
   use(c, "f");
   of.withdraw(a, f, false);  // kept for c
   for (int failed = 1; of.find_offered("f") == nullptr; ++failed) {
-    seam::fail_allocation(failed);
+    seam::fail(seam::NEW, ENOMEM, 1, failed - 1);
     try {
       of.offer(b, "f", false);
     } catch (const std::bad_alloc&) {
@@ -307,9 +307,9 @@ TEST(ranges_of_message_ids, are_given_back_without_memory) {
   mid_ranges ranges;
   for (int i = 0; i < 1000; ++i) {
     const std::uint32_t first = ranges.take({});
-    seam::fail_allocation(1);
+    seam::fail(seam::NEW, ENOMEM, 1, 1 - 1);
     EXPECT_NO_THROW(ranges.give_back(first));
-    seam::fail_allocation(0);
+    seam::fail(seam::NEW, 0, 0);
   }
   seam::disarm();
 }
@@ -401,11 +401,11 @@ TEST_F(requests, take_no_memory_at_a_steady_rate) {
 }
 
 TEST_F(requests, without_memory_let_the_oldest_go) {
-  seam::fail_allocation(1);
+  seam::fail(seam::NEW, ENOMEM, 1, 1 - 1);
   add(1);
   EXPECT_EQ(numbers{}, rest());
   add(1, 8);
-  seam::fail_allocation(1);
+  seam::fail(seam::NEW, ENOMEM, 1, 1 - 1);
   add(9);
   EXPECT_EQ(from(2, 8), rest());
 }

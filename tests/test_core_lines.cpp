@@ -60,7 +60,7 @@ TEST_F(consoles, skip_lines_for_a_reader_that_does_not_keep_up_and_tell_how_many
 TEST_F(consoles, do_not_block_where_others_do) {
   const console lines(pipe.fds[1], "");
   EXPECT_EQ(0, fcntl(pipe.fds[1], F_GETFL) & O_NONBLOCK) << "the description belongs to others, too";
-  EXPECT_NE(std::string::npos, seam::given().opened.find("/proc/self/fd/")) << "it has none of its own";
+  EXPECT_NE(std::string::npos, seam::given(seam::OPEN).find("/proc/self/fd/")) << "it has none of its own";
 }
 
 TEST_F(consoles, write_to_what_they_were_given_when_it_cannot_be_opened_anew) {

@@ -185,12 +185,12 @@ TEST_F(rooms, answer_a_request_for_which_there_is_no_memory) {
     const KXmessage message = other.make(cmd, "get", 0);
     bool is_refused = false;
     for (int fails_at = 1; fails_at < 40; ++fails_at) {
-      seam::fail_allocation(fails_at);
+      seam::fail(seam::NEW, ENOMEM, 1, fails_at - 1);
       try {
         serve_mgmt(other, message);
       } catch (const std::bad_alloc&) {  // before or after the handler: the core's turn counts it
       }
-      seam::fail_allocation(0);
+      seam::fail(seam::NEW, 0, 0);
       is_refused |= other.arrived(other.mgmt).find("(no memory)") != std::string::npos;
     }
     EXPECT_TRUE(is_refused) << cmd;

@@ -321,7 +321,7 @@ TEST_F(rooms, lose_nothing_and_nobody_when_a_component_is_added_without_memory) 
   for (int fails_at = 1;; ++fails_at) {
     auto added =
         std::make_unique<peer>(late.name, sender{late.mgmt.path(), late.pid, late.uid}, late.data.path());
-    seam::fail_allocation(fails_at);
+    seam::fail(seam::NEW, ENOMEM, 1, fails_at - 1);
     try {
       peers.add(std::move(added));
       break;
@@ -330,6 +330,6 @@ TEST_F(rooms, lose_nothing_and_nobody_when_a_component_is_added_without_memory) 
       EXPECT_EQ(nullptr, peers.at_mgmt(late.mgmt.path())) << fails_at;
     }
   }
-  seam::fail_allocation(0);
+  seam::fail(seam::NEW, 0, 0);
   EXPECT_NE(nullptr, peers.at_mgmt(late.mgmt.path()));
 }

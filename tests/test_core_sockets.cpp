@@ -108,19 +108,19 @@ TEST_F(outlets, give_each_sender_as_much_as_it_leaves_free_and_newcomers_one_mes
 }
 
 TEST_F(outlets, refuse_without_memory_and_go_on) {
-  for (int fails_at = 1; seam::allocation_failed(); ++fails_at) {
+  for (int fails_at = 1; seam::has_failed(seam::NEW); ++fails_at) {
     out.take_queue();
     out.take_lost();
     seam::fail(seam::SEND, EAGAIN);
-    seam::fail_allocation(fails_at);
+    seam::fail(seam::NEW, ENOMEM, 1, fails_at - 1);
     const outlet::result_e result = send("a message");
-    if (!seam::allocation_failed()) break;
+    if (!seam::has_failed(seam::NEW)) break;
     EXPECT_EQ(outlet::FULL, result) << fails_at;
     EXPECT_EQ(1u, out.lost()) << fails_at;
     EXPECT_FALSE(out.has_queue()) << fails_at;
     EXPECT_EQ(0u, out.take_queue().size()) << fails_at;
   }
-  seam::fail_allocation(0);
+  seam::fail(seam::NEW, 0, 0);
   EXPECT_TRUE(out.has_queue());
 }
 

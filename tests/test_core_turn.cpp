@@ -173,9 +173,9 @@ TEST_F(turns, survive_without_memory) {
       from->send(mgmt_path, management);
     for (const raw_socket* const from : {&client.data, &stranger.data})
       from->send(data_path, data);
-    seam::fail_allocation(fails_at);
+    seam::fail(seam::NEW, ENOMEM, 1, fails_at - 1);
     subject.serve();
-    seam::fail_allocation(0);
+    seam::fail(seam::NEW, 0, 0);
     other.arrived(other.mgmt), client.arrived();
   }
   EXPECT_TRUE(seam::logged("no memory: a message is lost (2 so far)"));

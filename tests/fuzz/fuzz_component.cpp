@@ -53,65 +53,46 @@ class world {
     stub_probe& stub = *m_stubs[m_input.below(connections)];
     proxy_probe& proxy = *m_proxies[m_input.below(connections)];
     const auto kind = static_cast<KXconnection::interface_type_e>(m_input.below(3));
+    const std::function<void()> actions[] = {
+        [&] { stub.register_service("service", kind); },
+        [&] {
+          unbind(proxy);  // subscribed again, it would keep what it was bound to
+          proxy.subscribe_service("service", kind, nullptr);
+        },
+        [&] { stub.disconnect(m_input.below(2) == 0); },
+        [&] { proxy.disconnect(m_input.below(2) == 0); },
+        [&] { renew(m_stubs[m_input.below(connections)]); },
+        [&] { renew(m_proxies[m_input.below(connections)]); },
+        [&] { m_component.add_msec_timer(m_input.value<int>(), this, on_timer, 7); },
+        [&] { m_component.del_timer(this, on_timer, 7); },
+        [&] { fail(); },
+        [&] {
+          KXmessage message = near_valid();
+          stub.connection_send(message);
+        },
+        [&] {
+          KXmessage message = near_valid();
+          proxy.proxy_send(message);
+          m_awaited = ntohl(message.m_header->msg_id);
+        },
+        [&] {
+          m_component.remove_socket_descriptor(m_own.fd());
+          m_component.add_socket_descriptor(m_own.fd(), this, on_readable);
+        },
+        [&] { m_component.remove_socket_descriptor(m_own.fd()); },
+        [&] {
+          siginfo_t info = {};
+          info.si_pid = m_input.value<pid_t>();
+          sig_handler(SIGTERM, &info, nullptr);
+        },
+        [&] {
+          if (m_input.below(4) == 3) m_component.stop();
+        }};
     try {
-      act(m_input.below(15), stub, proxy, kind);
+      actions[m_input.below(std::size(actions))]();
     } catch (KXerror::error_e) {
       // The core refuses, or grants a siid that is taken.
     }
-  }
-
-  void act(std::size_t what, stub_probe& stub, proxy_probe& proxy, KXconnection::interface_type_e kind) {
-    switch (what) {
-      case 0:
-        stub.register_service("service", kind);
-        break;
-      case 1:
-        unbind(proxy);  // subscribed again, it would keep what it was bound to
-        proxy.subscribe_service("service", kind, nullptr);
-        break;
-      case 2:
-        return stub.disconnect(m_input.below(2) == 0);
-      case 3:
-        return proxy.disconnect(m_input.below(2) == 0);
-      case 4:
-        return renew(m_stubs[m_input.below(connections)]);
-      case 5:
-        return renew(m_proxies[m_input.below(connections)]);
-      case 6:
-        m_component.add_msec_timer(m_input.value<int>(), this, on_timer, 7);
-        break;
-      case 7:
-        m_component.del_timer(this, on_timer, 7);
-        break;
-      case 8:
-        return fail();
-      case 9:
-        return send(stub);
-      case 10:
-        return call(proxy);
-      case 11:
-        m_component.remove_socket_descriptor(m_own.fd());
-        m_component.add_socket_descriptor(m_own.fd(), this, on_readable);
-        break;
-      case 12:
-        m_component.remove_socket_descriptor(m_own.fd());
-        break;
-      case 13:
-        return signal();
-      default:
-        if (m_input.below(4) == 3) m_component.stop();
-    }
-  }
-
-  void send(stub_probe& stub) {
-    KXmessage message = near_valid();
-    stub.connection_send(message);
-  }
-
-  void call(proxy_probe& proxy) {
-    KXmessage message = near_valid();
-    proxy.proxy_send(message);
-    m_awaited = ntohl(message.m_header->msg_id);
   }
 
   static int on_timer(void* context, int) {
@@ -126,12 +107,6 @@ class world {
     self.m_own.receive();
     self.act();
     return static_cast<int>(self.m_input.below(2)) - 1;
-  }
-
-  void signal() {
-    siginfo_t info = {};
-    info.si_pid = m_input.value<pid_t>();
-    sig_handler(SIGTERM, &info, nullptr);
   }
 
   void fail() {
@@ -254,10 +229,7 @@ class world {
   }
 
   feed& m_input;
-  struct {
-    raw_socket mgmt{fake_core::mgmt_path};
-    raw_socket data{fake_core::data_path};
-  } m_core;
+  fake_core m_core;
   raw_socket m_own{"/tmp/kxcore/own"};
   int m_siid = 1;
   unsigned int m_awaited = 0;

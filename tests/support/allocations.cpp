@@ -12,7 +12,8 @@ static std::atomic<long> blocks{0};
 long seam::allocated_blocks() { return blocks; }
 
 [[gnu::noinline]] void* operator new(std::size_t size) {
-  void* const block = seam::allocation_fails() ? nullptr : std::malloc(size);
+  const bool fails = !seam::has_failed(seam::NEW) && seam::fails(seam::NEW);
+  void* const block = fails ? nullptr : std::malloc(size);
   if (block == nullptr) throw std::bad_alloc();
   ++blocks;
   return std::memset(block, 0x5A, size);  // what a constructor leaves out shows

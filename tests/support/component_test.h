@@ -5,7 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <thread>
+#include <filesystem>
 #include <utility>
 
 #include "probe.h"
@@ -16,6 +16,10 @@ using handler = std::function<int(int)>;
 
 // A handler of timers or descriptors whose context is a `handler`.
 inline int call(void* context, int value) { return (*static_cast<handler*>(context))(value); }
+
+inline std::ptrdiff_t open_descriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
 
 // A pipe with a byte to read, or without.
 struct channel {

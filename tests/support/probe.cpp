@@ -3,15 +3,56 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <fstream>
 #include <iomanip>
 #include <sstream>
+#include <thread>
 
 #include "datagram.h"
 #include "seam.h"
 #include "socket_address.h"
+
+void on_another_thread(const std::function<void()>& work) {
+  std::thread([&work] {
+    seam::enlist();
+    work();
+  }).join();
+}
+
+bool is_free(pthread_mutex_t& mutex) {
+  bool locked = false;
+  std::thread([&] {
+    locked = pthread_mutex_trylock(&mutex) == 0;
+    if (locked) pthread_mutex_unlock(&mutex);
+  }).join();
+  return locked;
+}
+
+bool sleeps_in(const std::function<void()>& work, const std::function<void()>& release) {
+  std::atomic<long> thread{0};
+  std::atomic<bool> done{false};
+  std::thread other([&] {
+    thread = syscall(SYS_gettid);
+    work();
+    done = true;
+  });
+  std::string state;
+  while (!done && state != "S")  // number, name in parentheses, state
+    std::ifstream("/proc/self/task/" + std::to_string(thread) + "/stat") >> state >> state >> state;
+  release();
+  other.join();
+  return state == "S";
+}
+
+bool waits_for(pthread_mutex_t& mutex, const std::function<void()>& work) {
+  pthread_mutex_lock(&mutex);
+  return sleeps_in(work, [&] { pthread_mutex_unlock(&mutex); });
+}
 
 raw_socket::raw_socket(const std::string& path)
     : m_path(path), m_fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
@@ -100,18 +141,18 @@ fake_core::fake_core() : mgmt(mgmt_path), data(data_path) {
 }
 
 void fake_core::reply(msg_type_e type, std::function<void(KXmessage&)> fill) {
-  m_replies.push_back({type, std::move(fill)});
+  replies.push_back({type, std::move(fill)});
 }
 
 void fake_core::serve() {
   for (KXmessage request; mgmt.receive(request);) {
     received.push_back(request);
-    if (request.m_header->msg_type != MSG_REQ || m_replies.empty()) continue;
+    if (request.m_header->msg_type != MSG_REQ || replies.empty()) continue;
     KXmessage answer = request;
     answer.size = 0;
-    answer.m_header->msg_type = m_replies.front().type;
-    if (m_replies.front().fill) m_replies.front().fill(answer);
-    m_replies.pop_front();
+    answer.m_header->msg_type = replies.front().type;
+    if (replies.front().fill) replies.front().fill(answer);
+    replies.pop_front();
     mgmt.send(mgmt.sender(), answer);
   }
 }
@@ -134,11 +175,11 @@ void core_test::answer(msg_type_e type, const std::vector<int>& numbers) {
   });
 }
 
-std::string core_test::asked() {
+std::string core_test::commands() {
   core.serve();
-  std::string bytes;
+  std::string numbers;
   for (const KXmessage& each : core.received)
-    bytes += hex(bytes_of(each)).erase(30, 12);
+    numbers += " " + std::to_string(each.m_header->cmd);
   core.received.clear();
-  return bytes;
+  return numbers;
 }

@@ -4,9 +4,11 @@
 #define TESTS_PROBE_H
 
 #include <poll.h>
+#include <pthread.h>
 
 #include <deque>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -15,8 +17,34 @@
 #include "KXclientComponent.h"
 #include "KXproxy.h"
 #include "KXstub.h"
-#include "other_thread.h"
+#include "management.h"
 #include "seam.h"
+
+// What `work` returns, or the error that it throws.
+template <typename Work>
+std::string ended(const Work& work) {
+  std::ostringstream text;
+  try {
+    text << work();
+  } catch (KXerror::error_e error) {
+    text << "error " << error;
+  } catch (const std::bad_alloc&) {
+    text << "out of memory";
+  }
+  return text.str();
+}
+
+// Runs `work` on a thread of its own, to its end. What it calls is armed as if this thread had called it.
+void on_another_thread(const std::function<void()>& work);
+
+// Whether another thread could lock `mutex` now.
+bool is_free(pthread_mutex_t& mutex);
+
+// Whether `work`, on a thread of its own, sleeps before its end; which `release` then lets it come to.
+bool sleeps_in(const std::function<void()>& work, const std::function<void()>& release);
+
+// Whether `work`, on a thread of its own, waits for `mutex`. This thread holds it meanwhile.
+bool waits_for(pthread_mutex_t& mutex, const std::function<void()>& work);
 
 // The base of every test that arms the seam.
 class seam_test : public testing::Test {
@@ -102,12 +130,12 @@ class proxy_probe : public connection_probe<KXproxy> {
   using KXproxy::m_mid, KXproxy::m_mid_end, KXproxy::m_mid_first, KXproxy::m_reply_interface,
       KXproxy::m_service_siid, KXproxy::m_timeout;
 
-  // And the siid of the service, the range of ids and the last of them.
+  // And the siid of the service, the range of ids and the last of them, and whether replies have a handler.
   std::string state() const {
     std::string text = connection_probe::state();
     for (const unsigned int number : {m_service_siid, m_mid_first, m_mid_end, m_mid})
       text += " " + std::to_string(int(number));
-    return text;
+    return text + (m_reply_interface != nullptr ? " reply" : "");
   }
 };
 
@@ -173,12 +201,11 @@ class fake_core {
   raw_socket data;
   std::vector<KXmessage> received;  // on the management socket, in order
 
- private:
   struct prepared {
     msg_type_e type;
     std::function<void(KXmessage&)> fill;
   };
-  std::deque<prepared> m_replies;
+  std::deque<prepared> replies;
 };
 
 // The base of tests of a component beside a core, at 100.5 seconds.
@@ -190,8 +217,8 @@ class core_test : public seam_test {
   // Lets the core answer the next request with these numbers.
   void answer(msg_type_e type, const std::vector<int>& numbers = {});
 
-  // The bytes of what the core was asked since the last call, without the ids.
-  std::string asked();
+  // The commands that the core was asked since the last call.
+  std::string commands();
 
   fake_core core;
   client_probe component{"c"};

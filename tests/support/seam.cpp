@@ -25,42 +25,41 @@
 
 namespace {
 
+constexpr double real_time = -1;
+
+// Nothing here allocates when a call is noted.
 struct armed_call {
   int count = 0;
   int error = 0;
   int failures = 0;
   int skip = 0;
   std::function<void()> hook;
+  std::array<char, 4000> given = {};
+  std::size_t given_size = 0;
+};
+
+// Everything that a reset brings back to its beginnings.
+struct seam_state {
+  std::array<armed_call, seam::CALLS> calls;
+  std::function<void()> idle;
+  std::string opened_instead;
+  bool in_memory = false;  // the sockets
+  double now = real_time;
+  int timer_fd = -1;  // armed on the fake clock, for timer_end
+  double timer_end = 0;
 };
 
 // Lines are taken from signal handlers too, so their storage is fixed.
 struct line_record {
-  std::atomic<bool> complete;
   int priority;
   char text[1200];
 };
 
-constexpr std::size_t max_lines = 4096;
-
-std::array<armed_call, seam::CALLS> armed;
-std::vector<seam::call_e> made;
-seam::arguments given_last;
-std::string opened_instead;
-double sleep_cut_after = 0;
-int timer_fd = -1;  // armed on the fake clock, for timer_end
-double timer_end = 0;
-int failing_allocation = 0;  // how many there are before it, and itself
-std::array<line_record, max_lines> records;
+seam_state state;
+std::array<line_record, 4096> records;
 std::atomic<std::size_t> record_count{0};
-std::vector<seam::failed_assertion> assertions;
-std::function<void()> idle;
-double fake_now = -1;
-bool in_memory = false;                  // the sockets
-std::atomic<bool> records_lines{false};  // from the first reset on
-thread_local bool arms = false;          // whether this thread is the one that armed the seam
-thread_local bool inside = false;        // whether it runs a hook
-
-constexpr bool is_fake(double clock) { return clock >= 0; }
+thread_local bool arms = false;    // whether this thread is the one that armed the seam
+thread_local bool inside = false;  // whether it runs a hook
 
 // The next definition of a function: the C library's, or a sanitizer's.
 template <typename Function>
@@ -70,7 +69,7 @@ Function real(const char* name, Function) {
 #define REAL(name) real(#name, &::name)
 
 // The same of a call on sockets, which may be in memory.
-#define NEXT(name) (arms && in_memory ? &memory_sockets::name : REAL(name))
+#define NEXT(name) (arms && state.in_memory ? &memory_sockets::name : REAL(name))
 
 void run(std::function<void()> hook) {
   if (!hook || inside) return;
@@ -79,42 +78,24 @@ void run(std::function<void()> hook) {
   inside = false;
 }
 
-}  // namespace
-
-// It runs the call's hook, too.
-bool seam::fails(call_e call) {
-  if (!arms || inside) return false;
-  armed_call& entry = armed[call];
-  ++entry.count;
-  made.push_back(call);
-  run(entry.hook);
-  if (entry.failures == 0 || entry.skip-- > 0) return false;
-  --entry.failures;
-  entry.skip = 0;
-  errno = entry.error;
-  return true;
-}
-
-namespace {
-
 // What a call that fails returns.
 int failure() { return errno == 0 ? 0 : -1; }
+
+bool clock_is_fake() { return arms && state.now >= 0; }
 
 // The milliseconds that an interrupted call has waited, of those it was to.
 int waited(long long limit_ms) {
   constexpr int part_ms = 4000;
-  if (!is_fake(fake_now) || errno != EINTR || limit_ms <= part_ms) return 0;
+  if (!clock_is_fake() || errno != EINTR || limit_ms <= part_ms) return 0;
   seam::advance(part_ms / 1000);
   return part_ms;
 }
-
-bool clock_is_fake() { return arms && is_fake(fake_now); }
 
 template <typename Look>
 int count_ready(const Look& look) {
   int ready = look();
   if (ready != 0) return ready;
-  run(idle);
+  run(state.idle);
   return look();
 }
 
@@ -125,65 +106,67 @@ namespace seam {
 void reset() {
   arms = true;
   inside = false;
-  records_lines = true;
-  for (armed_call& entry : armed)
-    entry = {};
-  made.clear();
-  made.reserve(1 << 16);  // so that notes allocate nothing
-  sleep_cut_after = 0;
-  timer_fd = -1;
-  given_last.poll_timeouts.clear();
-  given_last.poll_timeouts.reserve(1 << 12);
-  given_last.opened.reserve(64);
-  given_last.directories.clear();
-  given_last.directories.reserve(1024);
-  assertions.reserve(1 << 10);
-  failing_allocation = 0;
-  assertions.clear();
-  idle = nullptr;
-  in_memory = false;
-  fake_now = -1;
-  opened_instead.clear();
+  state = {};
   clear_lines();
   trace_level(9);
 }
 
 void disarm() { arms = false; }
 void enlist() { arms = true; }
-void cut_sleep(double after) { sleep_cut_after = after; }
 
-const std::vector<call_e>& calls() { return made; }
-int count(call_e call) { return armed[call].count; }
-const arguments& given() { return given_last; }
-void open_instead(const std::string& path) { opened_instead = path; }
+int count(call_e call) { return state.calls[call].count; }
 
-void fail(call_e call, int error, int times, int skip) {
-  armed[call].error = error;
-  armed[call].failures = times;
-  armed[call].skip = skip;
+int count_all() {
+  int sum = 0;
+  for (int call = 0; call < CALLS; ++call)
+    sum += count(static_cast<call_e>(call));
+  return sum;
 }
 
-void fail_allocation(int n) { failing_allocation = n; }
-bool allocation_failed() { return failing_allocation == 0; }
-bool allocation_fails() { return arms && !inside && failing_allocation > 0 && --failing_allocation == 0; }
+std::string given(call_e call) { return {&state.calls[call].given[0], state.calls[call].given_size}; }
 
-void before(call_e call, std::function<void()> hook) { armed[call].hook = std::move(hook); }
-void fake_clock(double seconds) { fake_now = seconds; }
-void advance(double seconds) { fake_now += seconds; }
-double now() { return fake_now; }
+void fail(call_e call, int error, int times, int skip) {
+  state.calls[call].error = error;
+  state.calls[call].failures = times;
+  state.calls[call].skip = skip;
+}
+
+bool has_failed(call_e call) { return state.calls[call].failures == 0; }
+
+bool fails(call_e call, std::string_view given) {
+  if (!arms || inside) return false;
+  armed_call& entry = state.calls[call];
+  ++entry.count;
+  if (!given.empty() && entry.given_size + given.size() < entry.given.size()) {
+    given.copy(&entry.given[entry.given_size], given.size());
+    entry.given_size += given.size();
+    entry.given[entry.given_size++] = ' ';
+  }
+  run(entry.hook);
+  if (entry.failures == 0 || entry.skip-- > 0) return false;
+  --entry.failures;
+  entry.skip = 0;
+  errno = entry.error;
+  return true;
+}
+
+void before(call_e call, std::function<void()> hook) { state.calls[call].hook = std::move(hook); }
 
 void sockets_in_memory() {
   memory_sockets::clear();
-  in_memory = true;
+  state.in_memory = true;
 }
 
-void when_idle(std::function<void()> hook) { idle = std::move(hook); }
+void open_instead(const std::string& path) { state.opened_instead = path; }
+void fake_clock(double seconds) { state.now = seconds; }
+void advance(double seconds) { state.now += seconds; }
+double now() { return state.now; }
+void when_idle(std::function<void()> hook) { state.idle = std::move(hook); }
 
 std::vector<log_line> lines() {
   std::vector<log_line> result;
-  for (std::size_t i = 0; i < std::min(record_count.load(), max_lines); ++i) {
-    if (records[i].complete) result.push_back({records[i].priority, records[i].text});
-  }
+  for (std::size_t i = 0; i < std::min(record_count.load(), records.size()); ++i)
+    result.push_back({records[i].priority, records[i].text});
   return result;
 }
 
@@ -196,71 +179,55 @@ int times_logged(const std::string& text) {
 
 bool logged(const std::string& text) { return times_logged(text) > 0; }
 
-void clear_lines() {
-  for (std::size_t i = 0; i < std::min(record_count.load(), max_lines); ++i)
-    records[i].complete = false;
-  record_count = 0;
-}
+void clear_lines() { record_count = 0; }
 
 void trace_level(int level) { g_traceObject->level = level; }
-
-const std::vector<failed_assertion>& failed_assertions() { return assertions; }
 
 }  // namespace seam
 
 extern "C" {
 
-void logAssertFailed(const char* expression, const char* path, int /*line*/, const char* function) {
-  assertions.push_back({expression, path, function});
-}
-
 __attribute__((format(printf, 2, 3))) void syslog(int priority, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  const std::size_t index = records_lines ? record_count.fetch_add(1) : max_lines;
-  if (!records_lines) {
-    vsyslog(priority, format, arguments);
-  } else if (index < max_lines) {
+  if (const std::size_t index = record_count++; index < records.size()) {
     vsnprintf(records[index].text, sizeof records[index].text, format, arguments);
     records[index].priority = priority;
-    records[index].complete = true;
   }
   va_end(arguments);
 }
 
-// A call that only ever passes or fails.
-#define PASS_THROUGH(result, name, call, parameters, arguments, exceptions) \
-  result name parameters exceptions { return fails(seam::call) ? failure() : NEXT(name) arguments; }
+void logAssertFailed(const char* expression, const char* path, int line, const char* function) {
+  syslog(LOG_ERR, "[ASSERT] %s:%d (%s) - %s", path, line, function, expression);
+}
 
-PASS_THROUGH(int, access, ACCESS, (const char* path, int mode), (path, mode), noexcept)
-PASS_THROUGH(int, bind, BIND, (int fd, const struct sockaddr* address, socklen_t length),
+// A call that only ever passes or fails.
+#define PASS_THROUGH(result, name, call, given, parameters, arguments, exceptions) \
+  result name parameters exceptions {                                              \
+    return seam::fails(seam::call, given) ? failure() : NEXT(name) arguments;      \
+  }
+
+PASS_THROUGH(int, access, ACCESS, path, (const char* path, int mode), (path, mode), noexcept)
+PASS_THROUGH(int, bind, BIND, "", (int fd, const struct sockaddr* address, socklen_t length),
              (fd, address, length), noexcept)
-PASS_THROUGH(ssize_t, recvfrom, RECVFROM,
+PASS_THROUGH(int, mkdir, MKDIR, mode == 0777 ? path : "", (const char* path, mode_t mode), (path, mode),
+             noexcept)
+PASS_THROUGH(ssize_t, recvfrom, RECVFROM, "",
              (int fd, void* to, size_t size, int flags, struct sockaddr* from, socklen_t* length),
              (fd, to, size, flags, from, length), )
-PASS_THROUGH(int, remove, REMOVE, (const char* path), (path), noexcept)
-PASS_THROUGH(ssize_t, sendto, SENDTO,
+PASS_THROUGH(int, remove, REMOVE, path, (const char* path), (path), noexcept)
+PASS_THROUGH(ssize_t, sendto, SENDTO, "",
              (int fd, const void* from, size_t size, int flags, const struct sockaddr* to, socklen_t length),
              (fd, from, size, flags, to, length), )
-PASS_THROUGH(int, setsockopt, SETSOCKOPT,
+PASS_THROUGH(int, setsockopt, SETSOCKOPT, "",
              (int fd, int level, int option, const void* value, socklen_t length),
              (fd, level, option, value, length), noexcept)
-
-int mkdir(const char* path, mode_t mode) noexcept {
-  if (fails(seam::MKDIR)) return -1;
-  if (arms && !in_memory) given_last.directories.append(path).append(mode == 0777 ? ":0777 " : ":? ");
-  return NEXT(mkdir)(path, mode);
-}
-
-int socket(int domain, int type, int protocol) noexcept {
-  if (fails(seam::SOCKET)) return -1;
-  if (arms) given_last.socket_type = type;
-  return NEXT(socket)(domain, type, protocol);
-}
+PASS_THROUGH(int, socket, SOCKET, std::to_string(type), (int domain, int type, int protocol),
+             (domain, type, protocol), noexcept)
 
 // A descriptor is closed, whatever close reports.
 int close(int fd) {
-  const bool failed = fails(seam::CLOSE);
+  const bool failed = seam::fails(seam::CLOSE);
   const int error = errno;
   const int result = NEXT(close)(fd);
   if (!failed) return result;
@@ -269,10 +236,9 @@ int close(int fd) {
 }
 
 int clock_gettime(clockid_t clock, struct timespec* time) noexcept {
-  if (clock != CLOCK_MONOTONIC) return REAL(clock_gettime)(clock, time);
-  if (fails(seam::CLOCK_GETTIME)) return -1;
-  if (!clock_is_fake()) return REAL(clock_gettime)(clock, time);
-  const auto microseconds = std::llround(fake_now * 1e6);
+  if (clock == CLOCK_MONOTONIC && seam::fails(seam::CLOCK_GETTIME)) return -1;
+  if (clock != CLOCK_MONOTONIC || !clock_is_fake()) return REAL(clock_gettime)(clock, time);
+  const auto microseconds = std::llround(state.now * 1e6);
   time->tv_sec = static_cast<time_t>(microseconds / 1'000'000);
   time->tv_nsec = static_cast<long>(microseconds % 1'000'000 * 1000);
   return 0;
@@ -283,8 +249,7 @@ int fcntl(int fd, int command, ...) {
   va_start(arguments, command);
   void* argument = va_arg(arguments, void*);
   va_end(arguments);
-  if (fails(seam::FCNTL)) return -1;
-  return NEXT(fcntl)(fd, command, argument);
+  return seam::fails(seam::FCNTL) ? -1 : NEXT(fcntl)(fd, command, argument);
 }
 
 int open(const char* path, int flags, ...) {
@@ -292,18 +257,12 @@ int open(const char* path, int flags, ...) {
   va_start(arguments, flags);
   const int mode = va_arg(arguments, int);
   va_end(arguments);
-  if (fails(seam::OPEN)) return -1;
-  if (arms) given_last.opened = path;
-  return NEXT(open)(arms && !opened_instead.empty() ? opened_instead.c_str() : path, flags, mode);
+  if (seam::fails(seam::OPEN, path)) return -1;
+  return NEXT(open)(arms && !state.opened_instead.empty() ? state.opened_instead.c_str() : path, flags, mode);
 }
 
 int poll(struct pollfd* entries, nfds_t count, int timeout) {
-  if (arms && !inside) {
-    given_last.polled = entries;
-    given_last.polled_count = count;
-    given_last.poll_timeouts.push_back(timeout);
-  }
-  if (fails(seam::POLL)) return waited(timeout), -1;
+  if (seam::fails(seam::POLL, std::to_string(timeout))) return waited(timeout), -1;
   if (!clock_is_fake()) return NEXT(poll)(entries, count, timeout);
   const int ready = count_ready([=] { return NEXT(poll)(entries, count, 0); });
   if (ready != 0) return ready;
@@ -313,57 +272,50 @@ int poll(struct pollfd* entries, nfds_t count, int timeout) {
 }
 
 int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, struct timeval* limit) {
-  if (fails(seam::SELECT)) {
+  if (seam::fails(seam::SELECT, limit == nullptr ? "-1" : std::to_string(limit->tv_sec))) {
     if (limit != nullptr) limit->tv_sec -= waited(1000ll * limit->tv_sec) / 1000;
     return -1;
   }
   if (!clock_is_fake()) return NEXT(select)(count, readable, writable, exceptional, limit);
   const fd_set asked = *readable;
-  const int ready = count_ready([=] {
+  const auto look = [=](struct timeval* waiting) {
     *readable = asked;
+    return NEXT(select)(count, readable, writable, exceptional, waiting);
+  };
+  const int ready = count_ready([=] {
     struct timeval none = {0, 0};
-    return NEXT(select)(count, readable, writable, exceptional, &none);
+    return look(&none);
   });
   if (ready != 0) return ready;
-  if (limit == nullptr) {
-    *readable = asked;
-    return NEXT(select)(count, readable, writable, exceptional, nullptr);
-  }
+  if (limit == nullptr) return look(nullptr);
   seam::advance(static_cast<double>(limit->tv_sec) + static_cast<double>(limit->tv_usec) / 1e6);
   *limit = {0, 0};
   return 0;
 }
 
-int unlink(const char* path) noexcept { return NEXT(unlink)(path); }
-
 unsigned int sleep(unsigned int seconds) {
-  if (fails(seam::SLEEP)) return seconds;
+  const double end = state.now + seconds;
+  if (seam::fails(seam::SLEEP)) return static_cast<unsigned int>(end - state.now);
   if (!clock_is_fake()) return REAL(sleep)(seconds);
-  const double cut_after = std::exchange(sleep_cut_after, 0);
-  seam::advance(cut_after > 0 ? cut_after : seconds);
-  if (cut_after <= 0) return 0;
-  errno = EINTR;
-  return static_cast<unsigned int>(seconds - cut_after);
+  state.now = end;
+  return 0;
 }
 
 // There are no timers in memory.
-int timerfd_create(int clock, int flags) noexcept {
-  if (arms) given_last.timer_flags = flags;
-  return arms && in_memory ? -1 : REAL(timerfd_create)(clock, flags);
+int timerfd_create(clockid_t clock, int flags) noexcept {
+  return arms && state.in_memory ? -1 : REAL(timerfd_create)(clock, flags);
 }
 
 int timerfd_settime(int fd, int flags, const struct itimerspec* next, struct itimerspec* former) noexcept {
-  if (clock_is_fake()) {
-    timer_fd = fd;
-    timer_end = fake_now + static_cast<double>(next->it_value.tv_sec);
-  }
-  return fd < 0 ? -1 : REAL(timerfd_settime)(fd, flags, next, former);
+  state.timer_fd = fd;
+  state.timer_end = state.now + static_cast<double>(next->it_value.tv_sec);
+  return REAL(timerfd_settime)(fd, flags, next, former);
 }
 
 ssize_t read(int fd, void* to, size_t size) {
-  if (fails(seam::READ)) return failure();
-  if (!clock_is_fake() || fd != timer_fd) return REAL(read)(fd, to, size);
-  fake_now = std::max(fake_now, timer_end);
+  if (seam::fails(seam::READ)) return failure();
+  if (!clock_is_fake() || fd != state.timer_fd) return REAL(read)(fd, to, size);
+  state.now = std::max(state.now, state.timer_end);
   return sizeof(std::uint64_t);
 }
 
