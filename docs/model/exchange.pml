@@ -1,9 +1,12 @@
-/* The exchange of messages between two components through kxcore, with termination signals at any moment.
+/* The exchange of messages between two components through kxcore, with termination signals, ends of processes and
+ * forged answers at any moment.
  *
  * Each component runs the library's event loop: it dispatches what was set aside, then serves its management
  * socket, its data socket or a timer. Its handlers do what applications do: synchronous calls, one-way messages
  * and management exchanges; while one of them waits for its reply, everything else that arrives is set aside. So
  * it is while a thread beside the loop makes a call.
+ * kxcore remembers each request that it takes on until it has passed on an answer, and answers itself where its
+ * server cannot any more.
  * What is begun is bounded, so every run comes to rest; what is asked of the system is asked at each step (sent,
  * settled) and there (at_rest).
  *
@@ -15,7 +18,10 @@
 #define ACTIONS 1 /* that the timer of each component begins */
 #endif
 #ifndef ACTIONS_0
-#define ACTIONS_0 ACTIONS /* or that of component 0 */
+#define ACTIONS_0 ACTIONS /* or that of component 0, */
+#endif
+#ifndef ACTIONS_1
+#define ACTIONS_1 ACTIONS /* and that of component 1 */
 #endif
 #ifndef NESTED
 #define NESTED 0 /* calls that the stub of each component makes before it answers */
@@ -23,7 +29,18 @@
 #ifndef SUBSCRIPTIONS
 #define SUBSCRIPTIONS 0 /* management exchanges that handlers of notices begin in each component */
 #endif
-/* ONLY_NOTICES: what timers begin are one-way messages. */
+/* ONLY_NOTICES: what timers begin are one-way messages.
+ * ONLY_REQUESTS: requests that nobody waits for. STUBS_ASK: it is stubs that make them, and each is answered twice.
+ * REPLACED: component 1 is started again somewhere else, and goes on itself. */
+#ifndef WITHDRAWALS
+#define WITHDRAWALS 0 /* of its service, by a handler of a request in each component */
+#endif
+#ifndef DEATHS
+#define DEATHS 0 /* processes that end without a word, of both components together */
+#endif
+#ifndef FORGERIES
+#define FORGERIES 0 /* messages of a third component that pose as answers */
+#endif
 #ifndef CALLS_BESIDE
 #define CALLS_BESIDE 0 /* that a thread beside component 0's loop makes */
 #endif
@@ -40,10 +57,15 @@
 #define IDS_LOOP (ACTIONS + NESTED)
 #define IDS_EACH (IDS_LOOP + CALLS_BESIDE)
 #define IDS (2 * IDS_EACH)
+#define asker(which) ((which) / IDS_EACH) /* the component whose id it is */
+#ifndef RECORDS
+#define RECORDS IDS_EACH /* open requests of each component that kxcore remembers */
+#endif
 #define MAX_UNSERVED_KILLS 2 /* as many as a management socket holds */
 
-/* A datagram: what it is, the id of its exchange, and the component that it is for; of SUB and UNREG, from. */
-mtype = { NONE, REQ, RSP, SIG, SUB, GRANT, KILL, WAKE, UNREG };
+/* A datagram: what it is, the id of its exchange, and the component that it is for; of SUB, WITHDRAW and UNREG, from.
+ * RSP stands for ERR, too; FORGED is what a third component sends with the id of another's request. */
+mtype = { NONE, REQ, RSP, SIG, SUB, GRANT, KILL, WAKE, WITHDRAW, UNREG, FORGED };
 
 chan data[2] = [ROOM] of { mtype, byte, byte };
 chan mgmt[2] = [2] of { mtype, byte, byte };
@@ -53,7 +75,10 @@ chan queue[2] = [1] of { mtype, byte, byte };   /* kxcore's, behind a full data 
 chan waiting[2] = [6] of { mtype, byte, byte }; /* m_waiting_queue; never full here */
 
 bool running[2] = true; /* m_running */
-bool known[2] = true;   /* to kxcore */
+bool known[2] = true;   /* to kxcore, */
+bool offered[2] = true; /* and its service, too */
+bool given_up[2];       /* by kxcore, which may not have read all that the component had sent */
+byte deaths = DEATHS;   /* still to come */
 bool at_poll[2], stopped[2], armed[2];
 byte lock_depth[2];     /* m_mutex: how often it is held, */
 byte lock_holder[2];    /* and by the loop's thread (1) or another (2) */
@@ -63,12 +88,17 @@ byte unserved_kills[2]; /* m_unserved_kills */
 byte kills[2];          /* sent, and neither obeyed nor dropped; */
 bool kill_dropped[2];   /* one at least since the loop polled */
 
-/* What became of each message: nothing stays underway, and nothing happens to one twice. */
+/* What became of each message: nothing stays underway, and nothing happens to one twice. A request that is lost has not
+ * reached kxcore. A reply counts as sent when kxcore passes it on, or says that there will be none. */
 #define UNSENT 0
 #define UNDERWAY 1
 #define DELIVERED 2
 #define DROPPED 3
+#define LOST 4
 byte requests[IDS], replies[IDS], notices[IDS];
+
+chan open_requests[2] = [RECORDS] of { byte }; /* of each component, to the other one: the oldest first */
+bool displaced[IDS]; /* from there by a newer one */
 
 inline sent(what, which) {
   d_step {
@@ -97,16 +127,23 @@ inline acquire(c, thread) { atomic { may_hold(c, thread) -> lock_holder[c] = thr
 
 inline release(c) { d_step { assert(lock_depth[c] > 0); lock_depth[c]-- } }
 
-/* send_message_to: the last of its attempts finds room in the core's socket, or the message is dropped; as it is
+/* send_message_to: the last of its attempts finds room in the core's socket, or the message is lost; as it is
  * by a component that has closed its own. */
 inline send(what, which, c) {
   atomic {
     sent(what, which);
     if
     :: nfull(core_data) && !stopped[c] -> core_data!what(which, 1 - c)
-    :: full(core_data) || stopped[c] -> settled(what, which, DROPPED)
+    :: full(core_data) || stopped[c] -> settled(what, which, LOST)
     fi
   }
+}
+
+inline answer(which, c) {
+  if
+  :: atomic { nfull(core_data) && !stopped[c] -> core_data!RSP(which, 1 - c) }
+  :: full(core_data) || stopped[c]
+  fi
 }
 
 /* A wake-up to the component's own management socket, unless the loop has not looked at the waiting queue since
@@ -167,13 +204,13 @@ inline call(c) {
     send(REQ, call_id, c)
   };
   if
-  :: requests[call_id] == DROPPED
-  :: requests[call_id] != DROPPED -> await_response(c)
+  :: requests[call_id] == LOST
+  :: requests[call_id] != LOST -> await_response(c)
   fi;
 #ifdef BROKEN_LOCK_IS_KEPT
   if
-  :: requests[call_id] == DROPPED
-  :: requests[call_id] != DROPPED -> release(c)
+  :: requests[call_id] == LOST
+  :: requests[call_id] != LOST -> release(c)
   fi;
 #else
   release(c);
@@ -212,7 +249,22 @@ inline deliver(c) {
     :: nested > 0 -> nested--; call(c)
     :: nested == 0
     fi;
-    send(RSP, served, c)
+#if WITHDRAWALS
+    if
+    :: withdrawals > 0 -> withdrawals--; core_mgmt!WITHDRAW(0, c)
+    :: true
+    fi;
+#endif
+#if DEATHS
+    if
+    :: atomic { deaths > 0 && empty(waiting[c]) -> deaths--; goto ended }
+    :: true
+    fi;
+#endif
+#ifdef STUBS_ASK
+    answer(served, c);
+#endif
+    answer(served, c)
   :: kind == RSP -> settled(RSP, id, DELIVERED)
   :: kind == SIG ->
     settled(SIG, id, DELIVERED);
@@ -265,7 +317,7 @@ inline abandon(socket) {
 proctype component(byte me; byte actions) {
   mtype kind;
   byte id, to, call_id, served, used;
-  byte nested = NESTED, subscriptions = SUBSCRIPTIONS;
+  byte nested = NESTED, subscriptions = SUBSCRIPTIONS, withdrawals = WITHDRAWALS;
   bool data_ready;
 
   do /* wait */
@@ -286,6 +338,9 @@ proctype component(byte me; byte actions) {
         woken[me] = false
 #endif
       }
+#endif
+#if DEATHS
+    :: atomic { deaths > 0 -> deaths--; goto ended }
 #endif
     :: empty(waiting[me]) ->
 #ifdef BROKEN_WAKE_UP_IS_CLEARED_TOO_LATE
@@ -315,18 +370,28 @@ end_poll:
     :: atomic { empty(mgmt[me]) && empty(data[me]) && actions > 0 -> at_poll[me] = false; actions-- };
       acquire(me, 1); /* fire_earliest_timer */
       if
+#ifdef ONLY_REQUESTS
+      :: atomic { served = me * IDS_EACH + used; used++ }; send(REQ, served, me)
+#else
       :: atomic { served = me * IDS_EACH + used; used++ }; send(SIG, served, me)
 #ifndef ONLY_NOTICES
       :: call(me)
       :: exchange(me)
 #endif
+#endif
       fi;
       release(me)
+#if DEATHS
+    :: atomic { deaths > 0 -> at_poll[me] = false; deaths--; goto ended }
+#endif
     fi;
     get_data_message(me)
   :: !running[me] -> break
   od;
   core_mgmt!UNREG(0, me); /* stop */
+#if DEATHS
+ended:
+#endif
   atomic {
     stopped[me] = true;
     abandon(data[me]);
@@ -356,8 +421,8 @@ proctype caller(byte me; byte calls) {
 #endif
     };
     if
-    :: requests[call_id] == DROPPED
-    :: requests[call_id] != DROPPED ->
+    :: requests[call_id] == LOST
+    :: requests[call_id] != LOST ->
       await_response(me);
 #ifndef BROKEN_LOOP_IS_NOT_WOKEN
       if
@@ -403,62 +468,244 @@ proctype termination_signals(byte to_whom; byte left) {
   od
 }
 
-#define reachable(c) (known[c] && !stopped[c])
+/* A third component sends what could be taken for the answer to a request, be there such a request or not. */
+proctype forger(byte left) {
+  byte which;
 
-/* kxcore's road to a component's data socket (forward). */
+  do
+  :: left > 0 ->
+    select(which : 0 .. IDS - 1);
+    atomic {
+      left--;
+      if
+      :: nfull(core_data) -> core_data!FORGED(which, asker(which))
+      :: full(core_data)
+      fi;
+      which = 0
+    }
+  :: left == 0 -> break
+  od
+}
+
+#define reachable(c) (known[c] && !stopped[c])
+#define serves(c) (known[c] && offered[c])
+
+/* The oldest open request of a component makes room for a new one (open_requests::add). */
+inline remember(which) {
+  if
+  :: full(open_requests[asker(which)]) -> open_requests[asker(which)]?oldest; displaced[oldest] = true; oldest = 0
+  :: nfull(open_requests[asker(which)])
+  fi;
+  open_requests[asker(which)]!which
+}
+
+inline close(which) {
+  if
+  :: open_requests[asker(which)]??[eval(which)] -> open_requests[asker(which)]??eval(which)
+  :: else
+  fi
+}
+
+/* kxcore's road to a component's data socket (roster::send). */
 inline forward(what, which, whom) {
   if
   :: reachable(whom) && empty(queue[whom]) && nfull(data[whom]) -> data[whom]!what(which, whom); refused = false
   :: reachable(whom) && empty(queue[whom]) && full(data[whom]) -> queue[whom]!what(which, whom); refused = false
   :: reachable(whom) && nempty(queue[whom]) -> refused = true
-  :: !reachable(whom) -> refused = true
+  :: !known[whom] -> refused = true
+  :: known[whom] && stopped[whom] -> refused = true; given_up[whom] = true
   fi
 }
 
-/* A request that cannot be delivered is answered with an ERR message, if that can be (answer_undelivered). */
+inline reply(which) {
+  sent(RSP, which);
+  forward(RSP, which, asker(which));
+  if
+  :: refused -> settled(RSP, which, DROPPED)
+  :: !refused
+  fi
+}
+
+/* An ERR in place of whom the request was sent to (roster::fail). */
+inline fail(which) {
+  close(which);
+  reply(which)
+}
+
 inline undelivered() {
   settled(kind, id, DROPPED);
   if
+  :: kind == REQ -> fail(id)
+  :: kind != REQ
+  fi
+}
+
+#if defined STUBS_ASK && !defined BROKEN_STUBS_TAKE_ANY_ANSWER
+#define is_awaited(which) (open_requests[asker(which)]??[eval(which)])
+#else
+#define is_awaited(which) true /* a proxy takes as many as its service sends */
+#endif
+
+#ifdef BROKEN_NO_REQUEST_MAY_BE_DISPLACED
+#define may_be_displaced(which) false
+#else
+#define may_be_displaced(which) displaced[which]
+#endif
+
+inline fail_all_to(c) {
+  do
+  :: open_requests[1 - c]?id -> reply(id)
+  :: empty(open_requests[1 - c]) -> break
+  od
+}
+
+inline withdraw(c) {
+  offered[c] = false;
+#ifndef BROKEN_WITHDRAWAL_IS_NOT_ANSWERED
+  fail_all_to(c)
+#endif
+}
+
+/* Who waits for an answer of a component that is forgotten gets an ERR. A request that waits for room in its socket may
+ * have got one before, when its service was withdrawn. */
+inline forget(c) {
+  known[c] = false;
+  do
+#ifdef BROKEN_QUEUES_ARE_ANSWERED_AGAIN
+  :: queue[c]?kind, id, to -> undelivered()
+#else
+  :: queue[c]?kind, id, to -> settled(kind, id, DROPPED)
+#endif
+  :: empty(queue[c]) -> break
+  od;
+#ifndef BROKEN_DEATH_IS_NOT_ANSWERED
+  fail_all_to(c)
+#endif
+}
+
+inline route_request() {
+  if
+  :: serves(to) ->
+#ifndef BROKEN_RECORD_IS_MADE_AFTER_FORWARDING
+    remember(id);
+#endif
+    forward(REQ, id, to)
+  :: !serves(to) -> refused = true
+  fi;
+  if
+  :: refused -> undelivered()
+  :: !refused
+  fi
+#ifdef BROKEN_RECORD_IS_MADE_AFTER_FORWARDING
+  ;
+  remember(id)
+#endif
+}
+
+/* An answer is refused only when the request has got another one (check_answer). */
+inline route_answer() {
+  if
+#ifdef BROKEN_WITHDRAWN_SERVICES_ANSWER
+  :: is_awaited(id) ->
+#else
+  :: offered[1 - to] && is_awaited(id) ->
+#endif
+#ifndef BROKEN_ANSWER_IS_NOT_CLOSED
+    close(id);
+#endif
+    reply(id)
+  :: else -> assert(replies[id] != UNSENT || may_be_displaced(id))
+  fi
+}
+
+/* The answer goes to the sender's socket itself, without a queue. What is sent before the sender unregisters or ends
+ * becomes a stranger's only where kxcore has met with the closed socket before it read this. */
+inline refuse_stranger() {
+  assert(kind == REQ || given_up[1 - to]);
+  if
   :: kind == REQ ->
+    settled(REQ, id, DROPPED);
     sent(RSP, id);
-    forward(RSP, id, 1 - to);
     if
-    :: refused -> settled(RSP, id, DROPPED)
+    :: nfull(data[1 - to]) && !stopped[1 - to] -> data[1 - to]!RSP(id, 1 - to)
+    :: full(data[1 - to]) || stopped[1 - to] -> settled(RSP, id, DROPPED)
+    fi
+  :: kind == SIG -> settled(SIG, id, DROPPED)
+  :: kind == RSP
+  fi
+}
+
+inline route() {
+  if
+  :: kind == FORGED ->
+#ifdef BROKEN_FORGED_ANSWER_IS_PASSED_ON
+    forward(RSP, id, to)
+#elif defined BROKEN_ANYBODY_CLOSES
+    close(id)
+#else
+    skip
+#endif
+  :: kind != FORGED && !known[1 - to] -> refuse_stranger()
+  :: kind == REQ && known[1 - to] -> route_request()
+  :: kind == RSP && known[1 - to] -> route_answer()
+  :: kind == SIG && known[1 - to] ->
+    forward(SIG, id, to);
+    if
+    :: refused -> settled(SIG, id, DROPPED)
     :: !refused
     fi
-  :: kind != REQ
   fi
 }
 
 inline flush(c) {
   if
-  :: stopped[c] -> undelivered()
-  :: !stopped[c] -> data[c]!kind(id, to)
+  :: stopped[c] -> given_up[c] = true
+  :: !stopped[c] -> queue[c]?kind, id, to; data[c]!kind(id, to)
   fi
 }
 
+/* Management, and the end of a process: the data that came before is served first. */
+#ifdef BROKEN_MANAGEMENT_OVERTAKES_DATA
+#define may_be_served true
+#else
+#define may_be_served empty(core_data)
+#endif
+
+#define has_ended(c) (known[c] && stopped[c] && (given_up[c] || may_be_served))
+
+inline done() { kind = NONE; id = 0; to = 0; refused = false }
+
 proctype core() {
   mtype kind;
-  byte id, to;
+  byte id, to, oldest;
   bool refused;
 
 end:
   do
+  :: atomic { core_data?kind, id, to -> route(); done() }
   :: atomic {
-      core_data?kind, id, to ->
-      forward(kind, id, to);
+      may_be_served && nempty(core_mgmt) ->
+      core_mgmt?kind, _, to;
       if
-      :: refused -> undelivered()
-      :: !refused
+      :: kind == SUB -> mgmt[to]!GRANT(0, to)
+      :: kind == WITHDRAW -> withdraw(to)
+      :: kind == UNREG && known[to] -> forget(to)
+      :: kind == UNREG && !known[to]
       fi;
-      refused = false
+      done()
     }
-  :: atomic { core_mgmt?SUB, _, to -> mgmt[to]!GRANT(0, to) }
-  :: atomic { core_mgmt?UNREG, _, to -> known[to] = false }
-  :: atomic { nempty(queue[0]) && (nfull(data[0]) || stopped[0]) -> queue[0]?kind, id, to; flush(0); refused = false }
-  :: atomic { nempty(queue[1]) && (nfull(data[1]) || stopped[1]) -> queue[1]?kind, id, to; flush(1); refused = false }
+  :: atomic { has_ended(0) -> forget(0); done() }
+  :: atomic { has_ended(1) -> forget(1); done() }
+#ifdef REPLACED
+  :: atomic { may_be_served && known[1] -> given_up[1] = true; forget(1); done() } /* it registered again */
+#endif
+  :: atomic { nempty(queue[0]) && (nfull(data[0]) || stopped[0]) -> flush(0); done() }
+  :: atomic { nempty(queue[1]) && (nfull(data[1]) || stopped[1]) -> flush(1); done() }
   od
 }
+
+#define was_taken_on(which) (requests[which] == DELIVERED || requests[which] == DROPPED)
+#define is_owed_an_error(which) (was_taken_on(which) && !serves(1 - asker(which)))
 
 /* Nothing moves any more: each component has stopped or waits in poll, and every message is accounted for. */
 proctype at_rest() {
@@ -475,7 +722,9 @@ proctype at_rest() {
 #endif
     };
     for (i : 0 .. IDS - 1) {
-      assert(requests[i] != UNDERWAY && replies[i] != UNDERWAY && notices[i] != UNDERWAY)
+      assert(requests[i] != UNDERWAY && replies[i] != UNDERWAY && notices[i] != UNDERWAY);
+      /* Whose server is gone is not left to wait for the limit. */
+      assert(replies[i] != UNSENT || !is_owed_an_error(i) || may_be_displaced(i))
     }
   }
 }
@@ -484,7 +733,10 @@ init {
   atomic {
     run core();
     run component(0, ACTIONS_0);
-    run component(1, ACTIONS);
+    run component(1, ACTIONS_1);
+#if FORGERIES
+    run forger(FORGERIES);
+#endif
 #if CALLS_BESIDE
     run caller(0, CALLS_BESIDE);
 #endif
