@@ -238,5 +238,6 @@ std::string registrar::unsubscribe(const request& received, KXmessage& /*reply*/
   if (!m_peers.services().unsubscribe(*received.from, siid, facts_of(received.cmd()).of_signal))
     return foreign_siid;
   m_report.event("%s ended its subscription with siid %u", received.from->name.c_str(), siid);
+  if (!facts_of(received.cmd()).of_signal) m_peers.fail_all_to(siid, "the subscription has ended");
   return {};
 }
