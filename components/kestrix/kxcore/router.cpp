@@ -56,8 +56,10 @@ void router::route(peer& from, KXmessage& message) {
       reason != nullptr) {
     return refuse(from, message, reason);
   }
-  if (message.m_header->msg_type == MSG_REQ) from.open.add(way);
-  forward(from, message, *receiver);
+  const bool is_request = message.m_header->msg_type == MSG_REQ;
+  if (is_request) from.open.add(way);
+  const char* const reason = forward(from, message, *receiver);
+  if (is_request && reason != nullptr) m_peers.fail(from, way, reason);
 }
 
 // Why an answer may not go to a stub or proxy of the receiver; null when it may. It closes the request.
@@ -74,32 +76,35 @@ const char* router::check_id(const peer& from, const peer& receiver, std::uint32
   return is_its_own && &from != &receiver ? "its message id is one of the receiver's own" : nullptr;
 }
 
-// What a signal's stub sends to its subscribers: to all of them, or to the one whose request it answers.
+// What a signal's stub sends to its subscribers: to all of them, or to the one whose request it answers. A
+// request fails when it goes to none.
 void router::fan_out(peer& from, KXmessage& message, const service& signal) {
   message.m_header->dst_siid = htonl(signal.subscribers_siid);
   const open_request way = request_of(message);
   const mid_ranges::holder asked = m_peers.services().id_holder(way.msg_id);
   if (is_answer(message) && asked.siid == way.to) {
     asked.component->open.close(way.to, way.from, way.msg_id);
-    return forward(from, message, *asked.component);
+    forward(from, message, *asked.component);
+    return;
   }
   if (message.m_header->msg_type == MSG_REQ) from.open.add(way);
+  const char* failure = "nobody has subscribed";
   for (const auto& subscriber : signal.subscribers) {
     peer& receiver = *subscriber.first;
     const bool is_its_own = check_id(from, receiver, way.msg_id) != nullptr;
     if (is_its_own && is_answer(message)) continue;
     message.m_header->msg_id = htonl(is_its_own ? 0 : way.msg_id);
-    forward(from, message, receiver);
+    const char* const reason = forward(from, message, receiver);
+    if (failure != nullptr) failure = reason;
   }
+  if (message.m_header->msg_type == MSG_REQ && failure != nullptr) m_peers.fail(from, way, failure);
 }
 
-// Everything that one component sends to another passes here.
-void router::forward(peer& from, const KXmessage& message, peer& to) {
+// Everything that one component sends to another passes here. Returns why it does not go, or null.
+const char* router::forward(peer& from, const KXmessage& message, peer& to) {
   const outlet::result_e result = m_peers.send(to, to.data, message, &from);
-  if (message.m_header->msg_type != MSG_REQ) return;
-  if (result == outlet::FULL)
-    m_peers.fail(from, request_of(message), "the component does not read, its queue is full");
-  if (result == outlet::GONE) m_peers.fail(from, request_of(message), "the component is gone");
+  if (result == outlet::FULL) return "the component does not read, its queue is full";
+  return result == outlet::GONE ? "the component is gone" : nullptr;
 }
 
 // A message that its sender may not send.

@@ -37,7 +37,7 @@ class router {
   const char* check_answer(peer& receiver, const open_request& way, endpoint::role_e role);
   const char* check_id(const peer& from, const peer& receiver, std::uint32_t msg_id);
   void fan_out(peer& from, KXmessage& message, const service& signal);
-  void forward(peer& from, const KXmessage& message, peer& to);
+  const char* forward(peer& from, const KXmessage& message, peer& to);
   void refuse(peer& from, const KXmessage& message, const char* reason);
   void miss(peer& from, const KXmessage& message, const char* reason);
 
