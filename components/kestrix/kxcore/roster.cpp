@@ -162,19 +162,22 @@ unsigned int roster::forget_gone() {
 
 void roster::forget(std::unique_ptr<peer> gone) {
   m_by_data_path.erase(gone->data_path);
-  answer_queue(*gone);
   release(*gone);
 }
 
-// Who waits for an answer of the component gets an error. What goes to all subscribers of a signal may be
-// answered by another one.
+// Who waits for an answer of the component gets an error.
 void roster::release(peer& gone) {
-  const auto is_asked = [this, &gone](const open_request& request) {
-    const endpoint* asked = gone.siids.count(request.to) == 0 ? nullptr : m_services.find(request.to);
-    return asked != nullptr && asked->role != endpoint::SUBSCRIBERS;
-  };
-  fail_all(is_asked, "the component is gone");
+  answer_queue(gone);
+  fail_all([this, &gone](const open_request& request) { return is_asked(gone, request); },
+           "the component is gone");
   m_services.forget(gone);
+}
+
+// Whether only this component could answer: what goes to all subscribers of a signal may be answered by
+// another one, and what it withdrew is answered.
+bool roster::is_asked(const peer& gone, const open_request& request) const {
+  const endpoint* asked = gone.siids.count(request.to) == 0 ? nullptr : m_services.find(request.to);
+  return asked != nullptr && asked->role != endpoint::SUBSCRIBERS;
 }
 
 // What the component has not even read.
@@ -186,8 +189,8 @@ void roster::answer_queue(peer& gone) {
     lost += each.messages.size();
     for (const datagram& bytes : each.messages) {
       const KXmessage message = message_of(bytes.data(), bytes.size());
-      if (message.m_header->msg_type != MSG_REQ) continue;
       const open_request request = request_of(message);
+      if (message.m_header->msg_type != MSG_REQ || !is_asked(gone, request)) continue;
       const endpoint* asking = m_services.find(request.from);
       peer* const requester = asking == nullptr ? nullptr : asking->holder();
       if (requester != nullptr) fail(*requester, request, "the component is gone");

@@ -79,6 +79,7 @@ class roster {
   void watch_for(peer& owner, int fd, watch::kind_e kind);
   void flush(peer& to, outlet& way);
   void forget(std::unique_ptr<peer> gone);
+  bool is_asked(const peer& gone, const open_request& request) const;
   void answer_queue(peer& gone);
   template <typename Predicate>
   void fail_all(Predicate is_meant, const char* reason);
