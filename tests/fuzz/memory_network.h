@@ -1,0 +1,171 @@
+// The system calls of the core's rooms, on sockets and processes in memory. To be included once: it defines
+// these calls for the whole program, and leaves to the system what is not of this network.
+#ifndef TESTS_FUZZ_MEMORY_NETWORK_H
+#define TESTS_FUZZ_MEMORY_NETWORK_H
+
+#include <dlfcn.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <bitset>
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <utility>
+
+#include "feed.h"
+
+namespace network {
+
+constexpr int first_descriptor = 1 << 16;
+constexpr std::size_t max_unread = 3;
+
+struct unread_datagram {
+  std::size_t size;
+  unsigned char bytes[2048];
+};
+
+// A component's socket, or the file that it has left.
+struct receiver {
+  const char* path;
+  uid_t owner = 0;
+  bool is_open = false;
+  unsigned int life = 0;  // each time that it is bound it is another socket
+  std::size_t first = 0;
+  std::size_t count = 0;
+  unread_datagram unread[max_unread] = {};
+
+  const unread_datagram* take() {
+    if (count == 0) return nullptr;
+    --count;
+    return &unread[std::exchange(first, (first + 1) % max_unread)];
+  }
+};
+
+struct descriptor {
+  enum kind_e { FREE, SOCKET, PROCESS, EPOLL } kind;
+  pid_t pid;
+  receiver* peer;
+  unsigned int life;  // that the peer had when it was connected
+  epoll_event watched;
+};
+
+receiver receivers[] = {{"/bus/a"}, {"/bus/a-d"}, {"/bus/b"}, {"/bus/b-d"}, {"/bus/s/a"}, {"/bus/s/a-d"}};
+descriptor descriptors[24];
+std::bitset<1024> ended;  // the processes
+
+bool is_free(const descriptor& each) { return each.kind == descriptor::FREE; }
+
+descriptor& at(int fd) {
+  descriptor& found = descriptors[fd - first_descriptor];
+  REQUIRE(!is_free(found));
+  return found;
+}
+
+int open(descriptor::kind_e kind, pid_t pid = 0) {
+  descriptor* const made = std::find_if(std::begin(descriptors), std::end(descriptors), is_free);
+  *made = {kind, pid, nullptr, 0, {}};
+  return first_descriptor + static_cast<int>(made - descriptors);
+}
+
+receiver* find(const char* path) {
+  for (receiver& each : receivers)
+    if (std::strcmp(each.path, path) == 0) return &each;
+  return nullptr;
+}
+
+receiver* find(const sockaddr* address) {
+  return find(reinterpret_cast<const sockaddr_un*>(address)->sun_path);
+}
+
+int refuse(int error) {
+  errno = error;
+  return -1;
+}
+
+ssize_t deliver(receiver* to, unsigned int life, const void* bytes, std::size_t size) {
+  if (to == nullptr || !to->is_open || to->life != life) return refuse(ECONNREFUSED);
+  if (to->count == max_unread) return refuse(EAGAIN);
+  unread_datagram& last = to->unread[(to->first + to->count++) % max_unread];
+  last.size = size;
+  std::memcpy(last.bytes, bytes, size);
+  return static_cast<ssize_t>(size);
+}
+
+bool is_ready(const descriptor& of) {
+  if (of.kind == descriptor::PROCESS) return ended[static_cast<std::size_t>(of.pid)];
+  return !of.peer->is_open || of.peer->life != of.life || of.peer->count < max_unread;
+}
+
+}  // namespace network
+
+extern "C" {
+
+int socket(int, int, int) noexcept { return network::open(network::descriptor::SOCKET); }
+int epoll_create1(int) noexcept { return network::open(network::descriptor::EPOLL); }
+
+int connect(int fd, const sockaddr* address, socklen_t) {
+  network::receiver* const to = network::find(address);
+  if (to == nullptr || !to->is_open) return network::refuse(ECONNREFUSED);
+  network::at(fd).peer = to;
+  network::at(fd).life = to->life;
+  return 0;
+}
+
+ssize_t send(int fd, const void* bytes, size_t size, int) {
+  return network::deliver(network::at(fd).peer, network::at(fd).life, bytes, size);
+}
+
+ssize_t sendto(int, const void* bytes, size_t size, int, const sockaddr* address, socklen_t) {
+  network::receiver* const to = network::find(address);
+  return network::deliver(to, to == nullptr ? 0 : to->life, bytes, size);
+}
+
+int close(int fd) {
+  static const auto system_close = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "close"));
+  if (fd < network::first_descriptor) return system_close(fd);
+  network::at(fd).kind = network::descriptor::FREE;
+  return 0;
+}
+
+int epoll_ctl(int, int operation, int fd, epoll_event* event) noexcept {
+  network::at(fd).watched = operation == EPOLL_CTL_ADD ? *event : epoll_event{};
+  return 0;
+}
+
+int epoll_wait(int, epoll_event* events, int, int) {
+  int count = 0;
+  for (const network::descriptor& each : network::descriptors) {
+    if (!network::is_free(each) && each.watched.events != 0 && network::is_ready(each))
+      events[count++] = each.watched;
+  }
+  return count;
+}
+
+// By its own name the compiler takes it to write only to its entry.
+int poll_one(pollfd* entry, nfds_t, int) __asm__("poll");
+int poll_one(pollfd* entry, nfds_t, int) { return network::is_ready(network::at(entry->fd)) ? 1 : 0; }
+
+// The core makes one call so: it opens a process.
+long syscall(long number, ...) noexcept {
+  va_list arguments;
+  va_start(arguments, number);
+  const int descriptor = network::open(network::descriptor::PROCESS, va_arg(arguments, pid_t));
+  va_end(arguments);
+  return descriptor;
+}
+
+int lstat(const char* path, struct stat* status) noexcept {
+  status->st_mode = S_IFSOCK;
+  status->st_uid = network::find(path)->owner;
+  return 0;
+}
+
+}  // extern "C"
+
+#endif
