@@ -181,9 +181,9 @@ TEST_F(outside, nobody_is_answered_in_the_name_of_a_component_of_another_user) {
     const peer* registered;
     const char* answer;
   } rows[] = {
-      {own, nullptr, "ERR 5"},       {foreign, nullptr, "ERR 5"}, {own, &component, "ERR 5"},
-      {foreign, &component, ""},     {own, &of_another, "ERR 5"},  // it is the owner of the socket's file
-      {foreign + 1, &of_another, ""}};
+      {own, nullptr, "ERR 5"},         {foreign, nullptr, "ERR 5"},   {own, &component, "ERR 5"},
+      {foreign, &component, ""},       {own, &of_another, "ERR 5"},  // it is the owner of the socket's file
+      {foreign, &of_another, "ERR 5"}, {foreign + 1, &of_another, ""}};
   for (const auto& row : rows)
     EXPECT_EQ(row.answer, answered(socket, row.claimed, row.registered)) << row.claimed;
   unlink(socket.path().c_str());

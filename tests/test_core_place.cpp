@@ -226,19 +226,16 @@ TEST_F(places, that_it_cannot_have_again_end_the_core_and_are_left_alone) {
     std::function<void()> act;
     std::string reason;
     bool is_left;
-  } rows[] = {
-      {mgmt, [&] { leave_dead_socket(mgmt.c_str()); }, mgmt + " is another process's: ", true},
-      {data, [&] { leave_dead_socket(data.c_str()); }, data + " is another process's: ", true},
-      {mgmt, [] { unlink("/tmp/kxcore/.kxcore.lock"), write_file("/tmp/kxcore/.kxcore.lock", 0644); },
-       "/tmp/kxcore/.kxcore.lock is not the lock", false},
-      {data, [] { limit_descriptors(unique_fd(dup(0)).get()); }, "cannot bind " + data + " again: ", false}};
+  } rows[] = {{mgmt, [&] { leave_dead_socket(mgmt.c_str()); }, mgmt + " is another process's: ", true},
+              {data, [&] { leave_dead_socket(data.c_str()); }, data + " is another process's: ", true},
+              {mgmt, [] { unlink("/tmp/kxcore/.kxcore.lock"), write_file("/tmp/kxcore/.kxcore.lock", 0644); },
+               "/tmp/kxcore/.kxcore.lock is not the lock", false}};
   for (const auto& row : rows) {
     core_probe subject;
     subject.m_running = true;
     unlink(row.lost.c_str());
     row.act();
     subject.serve();
-    limit_descriptors(1024);
     EXPECT_TRUE(seam::logged("the files of its sockets are gone, it ends: " + row.reason)) << row.lost;
     EXPECT_FALSE(subject.m_running) << row.lost;
     EXPECT_TRUE(subject.has_failed()) << row.lost;

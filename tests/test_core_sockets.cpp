@@ -245,27 +245,15 @@ TEST_F(inboxes, take_no_descriptors) {
 }
 
 TEST(payloads, are_taken_only_when_tag_and_value_are_there) {
-  const char* const rows[] = {"07 02 00 61 00=a",
-                              "07 01 00 00=",
-                              "07 02 00 61 00 07=a",
-                              "07 02 00 61",
-                              "07 02 00",
-                              "07 00 00",
-                              "07 00 00 00 00",
-                              "",
-                              "07",
-                              "08 02 00 61 00",
-                              "07 03 00 00 61 00",
-                              "07 01 01 61 00",
-                              "06 00 00 01 02#258",
-                              "06 00 00 01 02 07#258",
-                              "06 00 00 01",
-                              "05 00 00 01 02",
-                              "06"};
-  for (const std::string row : rows) {
+  std::istringstream rows(
+      "07 02 00 61 00=a|07 01 00 00=|07 02 00 61 00 07=a|07 02 00 61|07 02 00|07 00 00|07 00 00 00 00||07|08 "
+      "02 00 "
+      "61 00|07 03 00 00 61 00|07 01 01 61 00|06 00 00 01 02#258|06 00 00 01 02 07#258|06 00 00 01|05 00 00 "
+      "01 02|06");
+  for (std::string row; std::getline(rows, row, '|');) {
     const auto bytes = hex(row.substr(0, row.find_first_of("=#")));
     KXmessage message;
-    memcpy(message.data + message.offset, bytes.data(), bytes.size());
+    std::copy(bytes.begin(), bytes.end(), message.data + message.offset);
     message.incr_size(static_cast<int>(bytes.size()));
     std::string taken, text;
     unsigned int number = 0;

@@ -119,6 +119,15 @@ TEST_F(turns, leave_a_component_to_the_children_of_its_process) {
   play("other uses get");
 }
 
+TEST_F(turns, answer_at_once_in_place_of_a_component_whose_socket_goes) {
+  for (int sent = 0; sent < 700; ++sent)  // more than its socket holds
+    play("client SIG get client.get 1");
+  play("client REQ get client.get 5");
+  remove("server");
+  subject.serve();
+  play("client > client = ERR 5 (the component is gone)");
+}
+
 TEST_F(turns, take_nothing_from_another_process_in_a_components_place) {
   raw_component& client = at("client");
   const auto request = make_message(unsigned(number("get")), unsigned(number("client.get")), MSG_REQ, 5, 3);
@@ -134,6 +143,7 @@ TEST_F(turns, take_nothing_from_another_process_in_a_components_place) {
 TEST_F(turns, do_not_end_by_the_word_of_others) {
   subject.m_running = true;
   ask(at("client"), CMD_KILL_COMPONENT, "", 0, MSG_SIG);
+  EXPECT_EQ(MSG_NONE, reply.m_header->msg_type) << "it tells the components to end";
   elsewhere([this] { subject.sendKillMsgToSelf(); });
   subject.serve();
   EXPECT_TRUE(subject.m_running);
