@@ -61,9 +61,6 @@ TEST_F(consoles, do_not_block_where_others_do) {
   const console lines(pipe.fds[1], "");
   EXPECT_EQ(0, fcntl(pipe.fds[1], F_GETFL) & O_NONBLOCK) << "the description belongs to others, too";
   EXPECT_NE(std::string::npos, seam::given(seam::OPEN).find("/proc/self/fd/")) << "it has none of its own";
-}
-
-TEST_F(consoles, write_to_what_they_were_given_when_it_cannot_be_opened_anew) {
   seam::fail(seam::OPEN, EACCES);
   console(pipe.fds[1], "").line("a");
   EXPECT_EQ("a\n", pipe.read_all());

@@ -1,378 +1,354 @@
 // Management: who may register, offer, use and withdraw what, and how a refusal reads.
 #include <sys/stat.h>
 
-#include <thread>
-
-#include <optional>
+#include <csignal>
 
 #include "core_probe.h"
 
-namespace {
+using registrations = rooms;
 
-constexpr mgmt_cmd_e commands[] = {CMD_REG_COMPONENT,  CMD_UNREG_COMPONENT, CMD_REG_FUNCTION, CMD_REG_SIGNAL,
-                                   CMD_UNREG_FUNCTION, CMD_UNREG_SIGNAL,    CMD_SUB_FUNCTION, CMD_SUB_SIGNAL,
-                                   CMD_UNSUB_FUNCTION, CMD_UNSUB_SIGNAL};
-
-class registrations : public rooms {
- protected:
-  // Registers this name and data path from that socket.
-  std::string registers(raw_component& from, const std::string& name, const std::string& data) {
-    KXmessage message = make_message(1, 1, MSG_REQ, CMD_REG_COMPONENT, 1);
-    message << name, message << data;
-    return tell(from, message);
-  }
-};
-
-}  // namespace
-
-TEST_F(rooms, grant_what_is_asked_for_with_the_numbers_of_the_request) {
-  const struct {
-    mgmt_cmd_e cmd;
-    const char* service;
-    std::size_t numbers;
-  } rows[] = {{CMD_REG_FUNCTION, "new", 1}, {CMD_SUB_FUNCTION, "get", 4}, {CMD_SUB_SIGNAL, "tick", 4}};
-  for (const auto& row : rows) {
-    EXPECT_EQ(row.numbers, grant(other, row.cmd, row.service).size()) << row.cmd;
-    reply.size = 0;
-    EXPECT_EQ(hex(bytes_of(make_message(1, 1, MSG_RSP, row.cmd, other.last_id))), hex(bytes_of(reply)));
-  }
-  const ints granted = grant(other, CMD_SUB_FUNCTION, "get");
-  EXPECT_EQ(get, granted.at(1));
-  EXPECT_EQ(granted.at(2) + 4096, granted.at(3));
-  std::string data_path;
-  ask(other, CMD_REG_COMPONENT);
-  reply >> data_path;
-  EXPECT_EQ(fake_core::data_path, data_path);
+TEST_F(rooms, answer_requests_with_their_numbers_and_what_is_granted) {
+  play("client uses get; get is client.get~");
+  int end = 0;
+  reply >> end;
+  EXPECT_EQ(number("client.get#") + 4096, end);
+  reply.size = 0;
+  EXPECT_EQ(hex(bytes_of(make_message(1, 1, MSG_RSP, CMD_SUB_FUNCTION, at("client").last_id))),
+            hex(bytes_of(reply)));
 }
 
 TEST_F(rooms, refuse_a_payload_that_does_not_parse) {
-  const struct {
-    mgmt_cmd_e cmd;
-    int values;  // that its payload has
-  } rows[] = {{CMD_REG_COMPONENT, 2},  {CMD_UNREG_COMPONENT, 1}, {CMD_REG_FUNCTION, 5}, {CMD_REG_SIGNAL, 5},
-              {CMD_UNREG_FUNCTION, 1}, {CMD_UNREG_SIGNAL, 1},    {CMD_SUB_FUNCTION, 1}, {CMD_SUB_SIGNAL, 1},
-              {CMD_UNSUB_FUNCTION, 1}, {CMD_UNSUB_SIGNAL, 1}};
-  for (const auto& row : rows) {
-    for (int values = 0; values < row.values; ++values) {
-      KXmessage message = make_message(1, 1, MSG_REQ, row.cmd, 5);
-      for (int i = 0; i < values; ++i)
+  const int values[] = {0, 2, 1, 5, 5, 1, 1, 1, 1, 1, 1};  // of each command
+  for (std::uint8_t cmd = CMD_REG_COMPONENT; cmd <= CMD_UNSUB_SIGNAL; ++cmd) {
+    for (int given = 0; given < values[cmd]; ++given) {
+      KXmessage message = make_message(1, 1, MSG_REQ, cmd, 5);
+      for (int i = 0; i < given; ++i)
         message << "other";
-      EXPECT_EQ("the payload does not parse", tell(other, message)) << row.cmd << " " << values;
-      EXPECT_EQ(MSG_ERR, reply.m_header->msg_type);
-      EXPECT_EQ(5u, ntohl(reply.m_header->msg_id));
+      EXPECT_EQ("the payload does not parse", tell(at("other"), message)) << int{cmd} << given;
+      reply.size = 0;
+      EXPECT_EQ(hex(bytes_of(make_message(1, 1, MSG_ERR, cmd, 5))), hex(bytes_of(reply)));
     }
   }
   for (const mgmt_cmd_e cmd : {CMD_REG_FUNCTION, CMD_REG_SIGNAL})
     for (const int type : {-1, 0, 1, 2, 3})
-      EXPECT_EQ(
-          type < 0 || type > 2 || (type == 2) != (cmd == CMD_REG_SIGNAL),
-          ask(other, cmd, std::to_string(cmd) + std::to_string(type), type) == "the payload does not parse")
-          << cmd << " " << type;
+      EXPECT_EQ(type < 0 || type > 2 || (type == 2) != (cmd == CMD_REG_SIGNAL),
+                !ask(at("other"), cmd, std::to_string(10 * cmd + type), type).empty());
 }
 
 TEST_F(rooms, refuse_who_is_not_registered_and_what_is_no_request) {
-  raw_component stranger("stranger");
-  for (const mgmt_cmd_e cmd : commands) {
-    const bool awaits = awaits_reply(cmd);
-    EXPECT_EQ(cmd == CMD_REG_COMPONENT ? "" : "the sender is not registered", ask(stranger, cmd, "get"))
-        << cmd;
-    notify(stranger, CMD_UNREG_COMPONENT);
-    ask(other, CMD_REG_COMPONENT);
+  for (std::uint8_t each = CMD_UNREG_COMPONENT; each <= CMD_KILL_COMPONENT; ++each) {
+    const auto cmd = static_cast<mgmt_cmd_e>(each);
+    EXPECT_EQ("the sender is not registered", ask(at("stranger"), cmd, "get")) << cmd;
+    play("other registers");
     seam::clear_lines();
-    notify(other, cmd);
+    ask(at("other"), cmd, "get", 0, MSG_SIG);
     EXPECT_EQ(MSG_NONE, reply.m_header->msg_type) << cmd << " answers a notice";
-    EXPECT_EQ(awaits, seam::logged("it is not a request")) << cmd;
+    EXPECT_EQ(awaits_reply(cmd), seam::logged("it is not a request")) << cmd;
   }
   for (const int cmd : {0, 11, 12, 255})
-    EXPECT_EQ("the core does not serve this command", ask(server, static_cast<mgmt_cmd_e>(cmd), "get"))
-        << cmd;
+    EXPECT_EQ("the core does not serve this command", ask(at("server"), mgmt_cmd_e(cmd))) << cmd;
   for (const msg_type_e type : {MSG_NONE, MSG_RSP, MSG_ERR, msg_type_e{5}}) {
     seam::clear_lines();
-    ask(server, CMD_SUB_FUNCTION, "get", 0, type);
-    EXPECT_EQ(MSG_NONE, reply.m_header->msg_type) << type;
+    ask(at("server"), CMD_SUB_FUNCTION, "get", 0, type);
     EXPECT_TRUE(seam::logged("it is neither a request nor a notice")) << type;
   }
 }
 
 TEST_F(rooms, refuse_a_process_that_uses_the_socket_of_another) {
-  const struct {
-    pid_t pid;
-    uid_t uid;
-    const char* reason;
-  } rows[] = {{client.pid + 1, client.uid, "the sender is not registered"},
-              {0, client.uid, "the sender is not registered"},
-              {client.pid, client.uid + 1, ""},  // and is not even answered
-              {client.pid, client.uid, "nobody offers 'x'"}};
-  for (const auto& row : rows) {
-    client.pid = row.pid, client.uid = row.uid;
-    EXPECT_EQ(row.reason, ask(client, CMD_SUB_FUNCTION, "x")) << row.pid;
-  }
+  raw_component& client = at("client");
   client.pid += 1;
-  notify(client, CMD_UNREG_COMPONENT);
-  EXPECT_NE(nullptr, peers.at_mgmt(client.mgmt.path())) << "it is unregistered by another process";
+  play("client leaves = the sender is not registered");
+  client.pid = 0;
+  play("client leaves = the sender is not registered");
+  client.pid = getpid(), client.uid += 1;
+  play("client leaves");  // and is not even answered
+  EXPECT_TRUE(is_registered("client")) << "another process has unregistered it";
 }
 
 TEST_F(rooms, name_the_service_in_a_refusal) {
-  const std::string too_long(256, 'x'),
-      unsuitable = "the name is empty, longer than 255 bytes or has control characters";
-  const struct {
-    raw_component& by;
-    mgmt_cmd_e cmd;
-    std::string service;
-    int number;
-    std::string reason;
-  } rows[] = {{other, CMD_REG_FUNCTION, "get", 1, "'get' is offered by server"},
-              {server, CMD_REG_SIGNAL, "get", 2, "'get' is offered by server"},
-              {other, CMD_REG_FUNCTION, "kxcore.x", 0, "'kxcore.x' is a name of the core's"},
-              {other, CMD_REG_FUNCTION, "kxcorex", 0, ""},
-              {other, CMD_REG_FUNCTION, "", 0, unsuitable},
-              {other, CMD_REG_FUNCTION, too_long, 0, unsuitable},
-              {other, CMD_REG_FUNCTION, too_long.substr(1), 0, ""},
-              {other, CMD_REG_FUNCTION, "a\n", 0, unsuitable},
-              {other, CMD_REG_FUNCTION, "a\x7F", 0, unsuitable},
-              {other, CMD_REG_FUNCTION, "\xC3\xA4 b", 0, ""},
-              {other, CMD_SUB_FUNCTION, "absent", 0, "nobody offers 'absent'"},
-              {other, CMD_SUB_FUNCTION, "tick", 0, "'tick' is a signal"},
-              {other, CMD_SUB_SIGNAL, "get", 0, "'get' is a function"},
-              {other, CMD_SUB_FUNCTION, "\t", 0, unsuitable},
-              {other, CMD_UNREG_FUNCTION, "", get, "the siid is not the sender's"},
-              {other, CMD_UNREG_SIGNAL, "", tick, "the siid is not the sender's"},
-              {server, CMD_UNREG_SIGNAL, "", get, "the siid is not the sender's"},
-              {other, CMD_UNSUB_FUNCTION, "", proxy, "the siid is not the sender's"},
-              {client, CMD_UNSUB_SIGNAL, "", proxy, "the siid is not the sender's"},
-              {client, CMD_UNSUB_FUNCTION, "", proxy, ""},
-              {server, CMD_UNREG_FUNCTION, "", get, ""},
-              {other, CMD_SUB_FUNCTION, "get", 0, "nobody offers 'get'"}};
-  for (const auto& row : rows)
-    EXPECT_EQ(row.reason, ask(row.by, row.cmd, row.service, row.number)) << row.cmd << " " << row.service;
+  play(
+      "other offers get = 'get' is offered by server; server signals get = 'get' is offered by server; "
+      "other offers kxcore.x = 'kxcore.x' is a name of the core's; other offers kxcorex; "
+      "other uses absent = nobody offers 'absent'; other uses tick = 'tick' is a signal; "
+      "other hears get = 'get' is a function; other withdraws get = the siid is not the sender's; "
+      "server retires get = the siid is not the sender's; other releases client.get = the siid is not the "
+      "sender's; client ignores client.get = the siid is not the sender's; client releases client.get; "
+      "server withdraws get; other uses get = nobody offers 'get'");
+  const std::string longest(255, 'x');
+  for (const std::string& name : {std::string(), longest + "x", std::string("a\n"), std::string("a\x7F")})
+    for (const mgmt_cmd_e cmd : {CMD_REG_FUNCTION, CMD_SUB_FUNCTION})
+      EXPECT_EQ("the name is empty, longer than 255 bytes or has control characters",
+                ask(at("other"), cmd, name));
+  play("other offers " + longest + "; other offers \xC3\xA4");
 }
 
 TEST_F(rooms, count_and_thin_out_the_refusals_of_each_component_and_of_strangers) {
-  raw_component stranger("stranger");
   for (int i = 0; i < 17; ++i)
-    ask(client, CMD_SUB_FUNCTION, "x"), ask(stranger, CMD_SUB_FUNCTION, "x");
+    play("client uses x = nobody offers 'x'; stranger uses x = the sender is not registered");
   for (const char* const who : {"client", "[/tmp/kxcore/stranger]"})
     EXPECT_EQ(9, seam::times_logged("refused SUB-FUNCTION of " + std::string(who) + " (")) << who;
   EXPECT_TRUE(seam::logged("refused SUB-FUNCTION of client (16 so far): nobody offers 'x'"));
-  pass(client, 999, proxy, MSG_SIG, 1, client);
+  play("client SIG 999 client.get 1");
   EXPECT_TRUE(seam::logged("dropped a message of client (1 so far)")) << "counted with the refusals";
 }
 
 TEST_F(rooms, let_a_component_hold_1024_services_and_subscriptions) {
-  const std::string limit = ": it holds 1024 services and subscriptions, which is the limit";
   for (int i = 0; i < 1022; ++i)
-    ASSERT_EQ("", ask(other, CMD_SUB_SIGNAL, "tick"));
-  offer(other, "own");
-  const int last = grant(other, CMD_SUB_FUNCTION, "get").at(0);
-  EXPECT_EQ("no 'more'" + limit, ask(other, CMD_REG_FUNCTION, "more"));
-  EXPECT_EQ("no 'tick'" + limit, ask(other, CMD_SUB_SIGNAL, "tick"));
-  notify(other, CMD_UNSUB_FUNCTION, last);
-  EXPECT_EQ("", ask(other, CMD_REG_FUNCTION, "more"));
+    play("other hears tick");
+  const std::string limit = ": it holds 1024 services and subscriptions, which is the limit; ";
+  play("other offers own; other uses get; other offers more = no 'more'" + limit +
+       "other hears tick = no 'tick'" + limit +
+       "other releases other.get; other offers more; other ignores other.tick; other uses get");
 }
 
 TEST_F(rooms, say_when_no_message_ids_are_left) {
   peer greedy{"greedy", {"", 0, 0}, ""};
-  const auto signal = peers.services().find_offered("tick");
   while (peers.services().has_message_ids())
-    peers.services().subscribe(greedy, signal);
-  EXPECT_EQ("all message ids are in use, none are left for 'get'", ask(other, CMD_SUB_FUNCTION, "get"));
+    peers.services().subscribe(greedy, peers.services().find_offered("tick"));
+  play("other uses get = all message ids are in use, none are left for 'get'");
   peers.services().forget(greedy);
-  EXPECT_EQ("", ask(other, CMD_SUB_FUNCTION, "get"));
+  play("other uses get");
 }
 
 TEST_F(rooms, answer_a_request_for_which_there_is_no_memory) {
-  for (const mgmt_cmd_e cmd : {CMD_SUB_FUNCTION, CMD_REG_COMPONENT}) {
-    const KXmessage message = other.make(cmd, "get", 0);
-    bool is_refused = false;
-    for (int fails_at = 1; fails_at < 40; ++fails_at) {
-      seam::fail(seam::NEW, ENOMEM, 1, fails_at - 1);
-      try {
-        serve_mgmt(other, message);
-      } catch (const std::bad_alloc&) {  // before or after the handler: the core's turn counts it
-      }
-      seam::fail(seam::NEW, 0, 0);
-      is_refused |= other.arrived(other.mgmt).find("(no memory)") != std::string::npos;
+  const KXmessage message = at("other").make(CMD_SUB_FUNCTION, "get", 0);
+  bool is_refused = false;
+  for (int fails_at = 1; fails_at < 40; ++fails_at) {
+    seam::fail(seam::NEW, ENOMEM, 1, fails_at - 1);
+    try {
+      serve_mgmt(at("other"), message);
+    } catch (const std::bad_alloc&) {  // before or after the handler: the core's turn counts it
     }
-    EXPECT_TRUE(is_refused) << cmd;
-    EXPECT_EQ("", tell(other, message)) << cmd;
+    seam::fail(seam::NEW, 0, 0);
+    is_refused |= raw_component::arrived(at("other").mgmt).find("(no memory)") != std::string::npos;
+  }
+  EXPECT_TRUE(is_refused);
+}
+
+TEST_F(rooms, lose_nobody_when_a_component_is_added_without_memory) {
+  raw_component& late = at("late with a name that takes memory");
+  for (int fails_at = 1; !is_registered(late.name); ++fails_at) {
+    auto added = std::make_unique<peer>(late.name, sender{late.mgmt.path(), 0, late.uid}, late.data.path());
+    seam::fail(seam::NEW, ENOMEM, 1, fails_at - 1);
+    try {
+      peers.add(std::move(added));
+    } catch (const std::bad_alloc&) {
+      EXPECT_EQ(nullptr, peers.at_data(late.data.path())) << fails_at;
+    }
+    seam::fail(seam::NEW, 0, 0);
   }
 }
 
 TEST_F(registrations, are_of_a_name_and_sockets_that_belong_together) {
   mkdir("/tmp/kxcore/sub", 0777);
-  raw_component good("good"), below("sub/good"), odd("od\nd"), off("../kxcore-off-bus");
   const std::string control = "the name is empty, longer than 255 bytes or has control characters",
-                    not_its_name = "the name is not that of its management socket",
-                    not_beside = "the data socket is not the one beside its management socket";
+                    its_name = "the name is not that of its management socket", bus = "/tmp/kxcore/",
+                    beside = "the data socket is not the one beside its management socket",
+                    core = "these are the core's own sockets";
   const struct {
-    raw_component& from;
-    std::string name, data, reason;
-  } rows[] = {{good, "good", good.data.path(), ""},
-              {good, "good", good.data.path(), ""},
-              {good, "ood", good.data.path(), not_its_name},
-              {good, "agood", good.data.path(), not_its_name},
-              {good, "", good.data.path(), control},
-              {good, "good", below.data.path(), not_beside},
-              {good, "good", good.mgmt.path(), not_beside},
-              {good, "good", "", not_beside},
-              {odd, "od\nd", odd.data.path(), control},
-              {odd, "d", odd.data.path(), "its management socket is not on the bus"},
-              {off, "kxcore-off-bus", off.data.path(), ""},  // it gets no answer
-              {below, "good", below.data.path(), ""},
-              {below, "sub/good", below.data.path(), ""}};
-  for (const auto& row : rows)
-    EXPECT_EQ(row.reason, registers(row.from, row.name, row.data)) << row.name << " " << row.data;
-  EXPECT_EQ(nullptr, peers.at_mgmt(off.mgmt.path()));
-  EXPECT_NE(nullptr, peers.at_mgmt(good.mgmt.path())) << "the same name in another directory evicts it";
-}
-
-TEST_F(registrations, are_never_of_the_cores_own_sockets) {
-  raw_component core("kxcore"), beside("kxcore-d");
-  EXPECT_EQ("these are the core's own sockets", registers(core, "kxcore", core.data.path()));
-  EXPECT_EQ("these are the core's own sockets", registers(beside, "kxcore-d", beside.data.path()));
-}
-
-TEST_F(registrations, need_sockets_that_can_be_reached) {
-  raw_component half("half");
-  unlink(half.data.path().c_str());
-  EXPECT_EQ("its sockets cannot be reached: No such file or directory", ask(half, CMD_REG_COMPONENT));
-  const long before = open_descriptors();
-  raw_component more("more");
-  seam::fail(seam::SOCKET, EMFILE);
-  EXPECT_EQ("", ask(more, CMD_REG_COMPONENT)) << "there is a descriptor when it tries again";
-  seam::fail(seam::SOCKET, ENFILE, 9);
-  EXPECT_EQ("its sockets cannot be reached: Too many open files in system", ask(half, CMD_REG_COMPONENT));
-  seam::fail(seam::SOCKET, 0, 0);
-  EXPECT_EQ(before + 6, open_descriptors()) << "two sockets of the test and four of the component";
-}
-
-TEST_F(registrations, that_need_descriptors_take_those_of_the_dead) {
-  {
-    raw_component mortal("mortal");
-    ask(mortal, CMD_REG_COMPONENT);
-    for (const int faults : {1, 2}) {
-      seam::fail(seam::SOCKET, EMFILE, faults);
-      ask(other, CMD_REG_COMPONENT);
-    }
-    EXPECT_NE(nullptr, peers.at_mgmt(mortal.mgmt.path())) << "it lives";
+    std::string socket, name, data, reason;
+  } rows[] = {{"good", "good", "good-d", ""},
+              {"good", "ood", "good-d", its_name},
+              {"good", "", "good-d", control},
+              {"good", "good", "sub/good-d", beside},
+              {"good", "good", "good", beside},
+              {"od\nd", "od\nd", "od\nd-d", control},
+              {"sub/good", "good", "sub/good-d", ""},
+              {"o\td", "d", "o\td-d", "its management socket is not on the bus"},
+              {"../off-bus", "off-bus", "../off-bus-d", ""},  // it gets no answer
+              {"kxcore", "kxcore", "kxcore-d", core},
+              {"kxcore-d", "kxcore-d", "kxcore-d-d", core}};
+  for (const auto& row : rows) {
+    KXmessage message = make_message(1, 1, MSG_REQ, CMD_REG_COMPONENT, 1);
+    message << row.name, message << bus + row.data;
+    EXPECT_EQ(row.reason, tell(at(row.socket), message)) << row.name << " " << row.data;
+    remove(row.socket == "good" ? "" : row.socket);
   }
+  EXPECT_FALSE(is_registered("../off-bus"));
+  EXPECT_TRUE(is_registered("good")) << "one of the same name in another directory evicts it";
+}
+
+TEST_F(registrations, need_sockets_that_can_be_reached_and_descriptors) {
+  unlink(at("half").data.path().c_str());
+  play("half registers = its sockets cannot be reached: No such file or directory; mortal registers");
+  at("more");
+  for (const int error : {EMFILE, ENFILE}) {
+    seam::fail(seam::SOCKET, error);
+    play("more registers");
+    EXPECT_TRUE(is_registered("mortal")) << "it lives";
+  }
+  const long before = open_descriptors();
+  seam::fail(seam::SOCKET, EMFILE, 9);
+  play("other registers = its sockets cannot be reached: Too many open files");
+  seam::fail(seam::SOCKET, 0, 0);
+  EXPECT_EQ(before, open_descriptors());
+  remove("mortal");
   seam::fail(seam::SOCKET, EMFILE);
-  EXPECT_EQ("", ask(other, CMD_REG_COMPONENT));
-  EXPECT_EQ(nullptr, peers.at_mgmt("/tmp/kxcore/mortal"));
-  EXPECT_NE(nullptr, peers.at_mgmt(server.mgmt.path()));
+  play("other registers");
+  EXPECT_FALSE(is_registered("mortal")) << "a dead one has kept its descriptors";
+  EXPECT_TRUE(is_registered("server"));
 }
 
 TEST_F(registrations, replace_the_one_before_and_warn_when_that_lives) {
   child_process living([] { pause(); });
-  const std::string of_dead = "of twice (pid " + std::to_string(living.pid());
-  std::optional<raw_component> beside, twice("twice");
-  const auto registers_as = [&](raw_component& who, pid_t pid, const char* warning) {
+  const pid_t child = living.pid();
+  const struct {
+    std::string renewed, name;  // whose sockets are bound again; who registers
+    pid_t pid;
+    std::string warning;  // or none
+  } rows[] = {{"", "twice", child, ""},
+              {"", "twice", child, ""},
+              {"", "twice", getpid(), "of twice (pid " + std::to_string(child) + "), which lives"},
+              {"", "twice-d", child, "their names may not differ by -d alone"},
+              {"twice", "twice", getppid(), "their names may not differ by -d alone"}};
+  for (const auto& row : rows) {
+    remove(row.renewed);
     seam::clear_lines();
-    who.pid = pid;
-    EXPECT_EQ("", ask(who, CMD_REG_COMPONENT)) << pid;
-    EXPECT_EQ(*warning != '\0', seam::logged(" has removed a socket of ")) << who.name << pid;
-    EXPECT_TRUE(seam::logged(warning)) << who.name << pid;
-  };
-  registers_as(*twice, living.pid(), "");
-  registers_as(*twice, living.pid(), "");
-  registers_as(*twice, getpid(), of_dead.c_str());
-  beside.emplace("twice-d");
-  registers_as(*beside, living.pid(), "their names may not differ by -d alone");
-  EXPECT_EQ("the sockets at its paths are not its own", ask(*twice, CMD_REG_COMPONENT))
-      << "one is the other's";
-  twice.emplace("twice");
-  registers_as(*twice, getppid(), "their names may not differ by -d alone");
-  registers_as(*twice, living.pid(), "of twice (pid ");
-  living.end(SIGKILL);
-  registers_as(*twice, getpid(), "");
+    at(row.name).pid = row.pid;
+    play(row.name + " registers");
+    EXPECT_EQ(!row.warning.empty(), seam::logged(") has removed a socket of ")) << row.name << row.pid;
+    EXPECT_TRUE(seam::logged(row.warning)) << row.name << row.pid;
+  }
 }
 
 TEST_F(registrations, of_a_living_process_of_another_user_keep_the_name) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can give a socket away";
   child_process living([] { pause(); });
-  raw_component name("name");
-  const auto becomes = [&name](uid_t user, pid_t process) {
+  const auto becomes = [this](uid_t user, pid_t process) {
+    raw_component& name = at("name");
     for (const raw_socket* const each : {&name.mgmt, &name.data})
       EXPECT_EQ(0, chown(each->path().c_str(), user, 0));
     name.uid = user, name.pid = process;
   };
   becomes(1234, living.pid());
-  EXPECT_EQ("", ask(name, CMD_REG_COMPONENT));
+  play("name registers");
   becomes(1235, getpid());
-  EXPECT_EQ("a process of another user has the name, and lives", ask(name, CMD_REG_COMPONENT));
+  play("name registers = a process of another user has the name, and lives");
   living.end(SIGKILL);
-  EXPECT_EQ("", ask(name, CMD_REG_COMPONENT));
+  seam::clear_lines();
+  play("name registers");
+  EXPECT_FALSE(seam::logged("has removed a socket of")) << "from who is dead";
 }
 
 TEST_F(registrations, need_sockets_of_the_users_own_that_no_other_component_has) {
-  const std::string not_its_own = "the sockets at its paths are not its own";
-  raw_component foreign("foreign"), late("late");
-  foreign.uid += 1;
-  ask(foreign, CMD_REG_COMPONENT);
-  EXPECT_EQ(nullptr, peers.at_mgmt(foreign.mgmt.path()));
+  at("foreign").uid += 1;
+  play("foreign registers");
+  EXPECT_FALSE(is_registered("foreign"));
+  raw_component& late = at("late");
   late.uid = sender::overflow_uid, late.pid = 0;
-  EXPECT_EQ("", ask(late, CMD_REG_COMPONENT)) << "the system did not tell yet whose it is";
+  play("late registers");  // the system did not tell yet whose it is
   late.uid = geteuid(), late.pid = getpid();
-  EXPECT_EQ("", ask(late, CMD_SUB_FUNCTION, "get")) << "it is the owner of the file";
-  for (const raw_socket* const stolen : {&server.mgmt, &server.data}) {
-    raw_component thief("thief");
-    unlink(thief.data.path().c_str());
-    EXPECT_EQ(0, link(stolen->path().c_str(), thief.data.path().c_str()));
-    EXPECT_EQ(not_its_own, ask(thief, CMD_REG_COMPONENT)) << stolen->path();
-    unlink(thief.data.path().c_str());
-    EXPECT_EQ(0, symlink(stolen->path().c_str(), thief.data.path().c_str()));
-    EXPECT_EQ("its sockets cannot be reached: Socket operation on non-socket", ask(thief, CMD_REG_COMPONENT));
+  play("late uses get");  // it is the owner of the file
+  for (const raw_socket* const stolen : {&at("server").mgmt, &at("server").data}) {
+    const std::string taken = at("thief").data.path();
+    unlink(taken.c_str());
+    EXPECT_EQ(0, link(stolen->path().c_str(), taken.c_str()));
+    play("thief registers = the sockets at its paths are not its own");
+    unlink(taken.c_str());
+    EXPECT_EQ(0, symlink(stolen->path().c_str(), taken.c_str()));
+    play("thief registers = its sockets cannot be reached: Socket operation on non-socket");
+    remove("thief");
   }
 }
 
 TEST_F(registrations, end_with_all_that_was_granted) {
-  const std::size_t size = peers.size();
   const long descriptors = open_descriptors();
   for (int i = 0; i < 3; ++i) {
-    raw_component mortal("mortal");
-    ask(mortal, CMD_REG_COMPONENT);
-    offer(mortal, "of a mortal");
+    play("mortal registers; mortal offers its");
     KXmessage foreign_name = make_message(1, 1, MSG_REQ, CMD_UNREG_COMPONENT, 5);
     foreign_name << "server";
-    EXPECT_EQ("the name is not the sender's", tell(mortal, foreign_name));
-    notify(mortal, CMD_UNREG_COMPONENT);
-    EXPECT_EQ("nobody offers 'of a mortal'", ask(client, CMD_SUB_FUNCTION, "of a mortal"));
-    EXPECT_EQ(nullptr, peers.at_data(mortal.data.path()));
-    EXPECT_EQ("the sender is not registered", ask(mortal, CMD_SUB_FUNCTION, "get"));
+    EXPECT_EQ("the name is not the sender's", tell(at("mortal"), foreign_name));
+    play(
+        "mortal leaves; client uses its = nobody offers 'its'; mortal uses get = the sender is not "
+        "registered");
+    EXPECT_EQ(nullptr, peers.at_data("/tmp/kxcore/mortal-d"));
+    remove("mortal");
   }
-  EXPECT_EQ(size, peers.size());
+  EXPECT_EQ(3u, peers.size());
   EXPECT_EQ(descriptors, open_descriptors());
 }
 
 TEST_F(registrations, free_a_service_whose_owner_does_not_exist_any_more) {
-  raw_component heir("heir");
-  ask(heir, CMD_REG_COMPONENT);
-  notify(server, CMD_UNREG_FUNCTION, get);
-  std::optional<raw_component> mortal("mortal");
-  ask(*mortal, CMD_REG_COMPONENT);
-  offer(*mortal, "get");
-  pass(client, get, proxy, MSG_REQ, 3, *mortal);
-  unlink(mortal->mgmt.path().c_str());
-  EXPECT_EQ("'get' is offered by mortal", ask(heir, CMD_REG_FUNCTION, "get")) << "its socket is still there";
-  mortal.reset();
-  EXPECT_EQ(get, offer(heir, "get")) << "with users it has its old siid";
-  EXPECT_EQ("ERR 3 (the component is gone)", client.arrived());
-  EXPECT_EQ("REQ 4", pass(client, get, proxy, MSG_REQ, 4, heir));
-  EXPECT_EQ(nullptr, peers.at_mgmt("/tmp/kxcore/mortal"));
+  play(
+      "server withdraws get; mortal registers; mortal offers get; client REQ get client.get 3 > mortal = REQ "
+      "3; "
+      "get as old; heir registers");
+  unlink("/tmp/kxcore/mortal");
+  play("heir offers get = 'get' is offered by mortal");  // its socket is still there
+  remove("mortal");
+  play(
+      "heir offers get; get is old; client > client = ERR 3 (the component is gone); "
+      "client REQ get client.get 4 > heir = REQ 4");
+  EXPECT_FALSE(is_registered("mortal"));
 }
 
 TEST_F(registrations, are_refused_when_the_core_is_stopping) {
   management.close();
-  EXPECT_EQ("the core is stopping", ask(other, CMD_REG_COMPONENT));
-  EXPECT_EQ("", ask(other, CMD_SUB_FUNCTION, "get"));
+  play("other registers = the core is stopping; other uses get");
 }
 
-TEST_F(registrations, work_where_the_system_gives_no_descriptor_of_a_process) {
-  seam::fail(seam::PIDFD_OPEN, ENOSYS, 9);
-  for (int times = 0; times < 2; ++times)
-    EXPECT_EQ("", ask(other, CMD_REG_COMPONENT));
-  seam::fail(seam::PIDFD_OPEN, 0, 0);
+TEST_F(registrations, work_where_the_system_does_not_tell_the_ends_of_processes) {
+  seam::fail(seam::PIDFD_OPEN, ENOSYS, 3);
+  child_process living([] { pause(); });
+  at("late").pid = living.pid();
+  play("late registers");
+  at("late").pid = getpid();
+  play("late uses get = the sender is not registered; late registers");
+  EXPECT_TRUE(seam::logged("of late (pid " + std::to_string(living.pid()) + "), which lives"));
+  at("late").pid = living.pid();
+  play("late registers");
+  living.end(SIGKILL);
+  at("late").pid = getpid();
+  play("late uses get");
   seam::fail(seam::EPOLL_CTL, ENOSPC);
-  EXPECT_EQ("", ask(other, CMD_REG_COMPONENT));
+  play("other registers; other uses get");
   EXPECT_TRUE(seam::logged("cannot watch a descriptor of other: No space left on device"));
+}
+
+// --- the services of the directory, as their users see them ---
+
+TEST_F(rooms, keep_a_service_under_its_siid_as_long_as_it_has_users) {
+  const struct {
+    const char *what, *first, *use, *end, *then, *same;
+  } rows[] = {
+      {"a function of another registration", "offers", "uses", "withdraws", "client offers f", "f is old"},
+      {"one that its own registration withdrew", "offers", "uses", "withdraws", "other offers f",
+       "f is old = no"},
+      {"a function without users", "offers", nullptr, "withdraws", "client offers f", "f is old = no"},
+      {"a signal", "signals", "hears", "retires", "client signals f", "f is old"},
+      {"one that its own registration withdrew", "signals", "hears", "retires", "other signals f",
+       "f is old"},
+      {"another kind", "signals", "hears", "retires", "client offers f", "f is old = no"}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    play(std::string("client registers; other registers; server registers; other ") + row.first +
+         " f; f as old");
+    if (row.use != nullptr) play(std::string("server ") + row.use + " f");
+    play(std::string("other ") + row.end + " f; client uses f = nobody offers 'f'; " + row.then + "; " +
+         row.same);
+  }
+}
+
+TEST_F(rooms, release_a_service_with_the_last_of_its_users) {
+  play(
+      "other uses get; get as old; server withdraws get; other releases other.get; client SIG get client.get "
+      "5; "
+      "server offers get; client releases client.get; other uses get; server leaves; server registers; other "
+      "offers "
+      "get; get is old = no; server uses get");
+  EXPECT_EQ(nullptr, peers.services().find(static_cast<std::uint32_t>(number("old"))));
+}
+
+TEST_F(rooms, share_the_ranges_of_a_signal_within_a_component) {
+  play(
+      "client hears tick; client.tick# as first; client hears tick; client.tick# is first = no; other hears "
+      "tick; "
+      "client.tick is other.tick; client.tick# is other.tick# = no; client ignores client.tick; client hears "
+      "tick; "
+      "client.tick# is first; client ignores client.tick; client ignores client.tick; "
+      "client ignores client.tick = the siid is not the sender's");
+  play("client releases client.get");
+  for (const char* const given_back : {"first", "client.get#"})
+    EXPECT_EQ(nullptr, peers.services().id_holder(std::uint32_t(number(given_back))).component) << given_back;
+  EXPECT_NE(nullptr, peers.services().id_holder(std::uint32_t(number("other.tick#"))).component);
 }

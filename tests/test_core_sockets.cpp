@@ -93,7 +93,6 @@ TEST_F(outlets, give_each_sender_as_much_as_it_leaves_free_and_newcomers_one_mes
   while (last < 9999 && send(message, ++last, 1) == outlet::QUEUED) {
   }
   EXPECT_EQ(outlet::FULL, send(message, 9999, 2)) << "beyond what all users may hold";
-  EXPECT_EQ(7u, out.lost());
   EXPECT_EQ(7u, out.take_lost());
   EXPECT_EQ(0u, out.take_lost());
   unblock();
@@ -249,27 +248,15 @@ TEST_F(inboxes, take_no_descriptors) {
 }
 
 TEST(payloads, are_taken_only_when_tag_and_value_are_there) {
-  const char* const rows[] = {"07 02 00 61 00=a",
-                              "07 01 00 00=",
-                              "07 02 00 61 00 07=a",
-                              "07 02 00 61",
-                              "07 02 00",
-                              "07 00 00",
-                              "07 00 00 00 00",
-                              "",
-                              "07",
-                              "08 02 00 61 00",
-                              "07 03 00 00 61 00",
-                              "07 01 01 61 00",
-                              "06 00 00 01 02#258",
-                              "06 00 00 01 02 07#258",
-                              "06 00 00 01",
-                              "05 00 00 01 02",
-                              "06"};
-  for (const std::string row : rows) {
+  std::istringstream rows(
+      "07 02 00 61 00=a|07 01 00 00=|07 02 00 61 00 07=a|07 02 00 61|07 02 00|07 00 00|07 00 00 00 00||07|08 "
+      "02 00 "
+      "61 00|07 03 00 00 61 00|07 01 01 61 00|06 00 00 01 02#258|06 00 00 01 02 07#258|06 00 00 01|05 00 00 "
+      "01 02|06");
+  for (std::string row; std::getline(rows, row, '|');) {
     const auto bytes = hex(row.substr(0, row.find_first_of("=#")));
     KXmessage message;
-    memcpy(message.data + message.offset, bytes.data(), bytes.size());
+    std::copy(bytes.begin(), bytes.end(), message.data + message.offset);
     message.incr_size(static_cast<int>(bytes.size()));
     std::string taken, text;
     unsigned int number = 0;

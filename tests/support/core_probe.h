@@ -8,7 +8,10 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <iterator>
+#include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 
 #include "KXcore.h"
@@ -100,7 +103,13 @@ inline void leave_dead_socket(const char* path) {
 // The base of tests of the bus; what comes to the core is carried there by `serve_mgmt` and `serve_data`.
 class bus_test : public seam_test {
  protected:
-  using ints = std::vector<int>;
+  // The component of this name, which is there from now on.
+  raw_component& at(const std::string& name) {
+    auto& entry = m_components[name];
+    if (entry == nullptr) entry = std::make_unique<raw_component>(name);
+    return *entry;
+  }
+  void remove(const std::string& name) { m_components.erase(name); }
 
   // Sends a management message; the reason why it was refused, empty without an answer or when it was
   // granted. The answer is then in `reply`.
@@ -115,49 +124,88 @@ class bus_test : public seam_test {
                   msg_type_e type = MSG_REQ) {
     return tell(from, from.make(cmd, service, number, type));
   }
-  void notify(raw_component& from, mgmt_cmd_e cmd, int siid = 0) { ask(from, cmd, "", siid, MSG_SIG); }
 
-  // The numbers that the core grants, none when it refuses.
-  ints grant(raw_component& from, mgmt_cmd_e cmd, const std::string& service, int number = 0) {
-    ints values;
-    if (!ask(from, cmd, service, number).empty()) return values;
-    for (int value; reply.pos < reply.size; values.push_back(value))
-      reply >> value;
-    return values;
-  }
-  int offer(raw_component& from, const std::string& name) {
-    return grant(from, CMD_REG_FUNCTION, name).at(0);
+  // Takes steps, separated by semicolons, each with the outcome that it is to have behind " = ", or none:
+  //
+  // - "client REQ get client.get 5 > server = REQ 5": data, of a type, to a siid, from a siid, with an id;
+  // who
+  //   gets what. Without the type: who gets what that was sent before.
+  // - "client uses get = nobody offers 'get'": a request, and why it is refused. What is granted is a number
+  //   from then on: the siid "get" of a service; "client.get" and "client.get#" are the siid and the first
+  //   message id of its user.
+  // - "get as old", "get is old": gives a number another name; whether two are the same.
+  void play(const std::string& steps) {
+    std::istringstream text(steps);
+    for (std::string step; std::getline(text >> std::ws, step, ';');) {
+      const std::size_t end = step.find(" = ");
+      std::istringstream action(step.substr(0, end));
+      const std::vector<std::string> words{std::istream_iterator<std::string>(action), {}};
+      std::string outcome = end == std::string::npos ? "" : step.substr(end + 3);
+      if (const auto name = outcome.substr(outcome.find(' ') + 1);
+          m_numbers.count(name.substr(0, name.find('+'))))
+        outcome.replace(outcome.size() - name.size(), name.size(), std::to_string(number(name)));
+      EXPECT_EQ(outcome, take(words)) << step;
+    }
   }
 
-  // Sends data through the core; what is then there at `to`.
-  std::string pass(raw_component& from, int dst, int src, msg_type_e type, int msg_id,
-                   const raw_component& to) {
-    return serve_data(from, make_message(dst, src, type, 5, msg_id)), to.arrived();
-  }
-
-  // Who the tests are about: `get` and `tick` are the services of `server`, `proxy` one of `client`.
-  void begin() {
-    for (raw_component* each : {&server, &client, &other})
-      EXPECT_EQ("", ask(*each, CMD_REG_COMPONENT));
-    get = offer(server, "get");
-    tick = grant(server, CMD_REG_SIGNAL, "tick", KXconnection::SGNL).at(0);
-    const ints granted = grant(client, CMD_SUB_FUNCTION, "get");
-    proxy = granted.at(0), id = granted.at(2);
+  int number(const std::string& text) const {
+    const auto entry = m_numbers.find(text.substr(0, text.find('+')));
+    if (entry == m_numbers.end()) return std::stoi(text);
+    return entry->second + (text.find('+') < text.size() ? std::stoi(text.substr(text.find('+'))) : 0);
   }
 
   virtual void serve_mgmt(raw_component& from, const KXmessage& message) = 0;
   virtual void serve_data(raw_component& from, const KXmessage& message) = 0;
 
-  raw_component server{"server"}, client{"client"}, other{"other"};
+  static constexpr char everybody[] =
+      "server registers; client registers; other registers; server offers get; server signals tick; client "
+      "uses get";
   KXmessage reply;
-  int get, tick, proxy;
-  int id;  // the first of the message ids of `proxy`
+
+ private:
+  std::string take(const std::vector<std::string>& words) {
+    static const std::map<std::string, msg_type_e> types = {
+        {"REQ", MSG_REQ}, {"RSP", MSG_RSP}, {"ERR", MSG_ERR}, {"SIG", MSG_SIG}};
+    static const std::vector<std::string> verbs = {"",        "registers", "leaves",  "offers",
+                                                   "signals", "withdraws", "retires", "uses",
+                                                   "hears",   "releases",  "ignores"};
+    const std::string& verb = words.at(1);
+    if (verb == "as") return m_numbers[words.at(2)] = number(words[0]), "";
+    if (verb == "is") return number(words[0]) == number(words.at(2)) ? "" : "no";
+    if (verb == ">") return at(words.at(2)).arrived();
+    if (types.count(verb) != 0) {
+      serve_data(at(words[0]), make_message(static_cast<unsigned int>(number(words.at(2))),
+                                            static_cast<unsigned int>(number(words.at(3))), types.at(verb), 5,
+                                            static_cast<unsigned int>(number(words.at(4)))));
+      return words.size() > 6 ? at(words[6]).arrived() : "";
+    }
+    return request(at(words[0]), words.size() > 2 ? words[2] : "",
+                   std::find(verbs.begin(), verbs.end(), verb) - verbs.begin());
+  }
+
+  std::string request(raw_component& by, const std::string& service, long row) {
+    const auto cmd = static_cast<mgmt_cmd_e>(row);
+    const command_kind_e kind = facts_of(cmd).kind;
+    const bool is_number = kind == WITHDRAWAL && cmd != CMD_UNREG_COMPONENT;
+    const std::string reason = ask(by, cmd, service,
+                                   is_number               ? number(service)
+                                   : cmd == CMD_REG_SIGNAL ? KXconnection::SGNL
+                                                           : 0);
+    if (!reason.empty() || (kind != OFFER && kind != SUBSCRIPTION)) return reason;
+    const std::string granted = kind == OFFER ? service : by.name + "." + service;
+    for (const std::string end : {"", "~", "#"})  // a siid, and for a user that of the service, and the ids
+      if (reply.pos < reply.size) reply >> m_numbers[granted + end];
+    return "";
+  }
+
+  std::map<std::string, std::unique_ptr<raw_component>> m_components;
+  std::map<std::string, int> m_numbers;
 };
 
 // The rooms between inbox and outlets, which believe what a component claims of its process.
 class rooms : public bus_test {
  protected:
-  void SetUp() override { begin(); }
+  void SetUp() override { play(everybody); }
 
   void serve_mgmt(raw_component& from, const KXmessage& message) override {
     management.serve({from.mgmt.path(), from.pid, from.uid}, KXmessage(message));
@@ -169,9 +217,11 @@ class rooms : public bus_test {
     peers.forget_gone();
   }
 
-  // Lets `to` not read: what comes to it is queued.
+  // Lets nobody read: what is sent is queued.
   void block() { seam::fail(seam::SEND, EAGAIN, 9999); }
   void unblock() { seam::fail(seam::SEND, 0, 0), peers.serve(false), peers.forget_gone(); }
+
+  bool is_registered(const std::string& name) { return peers.at_mgmt("/tmp/kxcore/" + name) != nullptr; }
 
   reporter report{false};
   strangers outsiders{report, "/tmp/kxcore/"};
@@ -183,7 +233,7 @@ class rooms : public bus_test {
 // The whole core, reached by its sockets.
 class whole_core : public bus_test {
  protected:
-  void SetUp() override { begin(); }
+  void SetUp() override { play(everybody); }
 
   void serve_mgmt(raw_component& from, const KXmessage& message) override {
     from.mgmt.send(fake_core::mgmt_path, message), subject.serve();
