@@ -39,7 +39,7 @@ void print_usage(FILE* to) {
       bus_path);
 }
 
-// Each component takes three descriptors.
+// Each component takes four descriptors.
 void raise_descriptor_limit() {
   rlimit limit = {};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
