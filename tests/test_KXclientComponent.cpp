@@ -18,6 +18,24 @@ TEST_F(client_component, waits_for_the_core_and_counts_the_lines_that_it_writes)
   EXPECT_TRUE(logged("to start [3 sec] [/tmp/kxcore/kxcore]...\n"));
 }
 
+TEST_F(client_component, keeps_why_the_core_refused_until_the_next_request) {
+  const auto subscribe = [this] {
+    proxy_probe proxy(&component);
+    ended([&] { return proxy.subscribe_synchronous("get"); });
+    return component.last_refusal();
+  };
+  core.reply(MSG_ERR, [](KXmessage& reply) { reply << "nobody offers 'get'"; });
+  EXPECT_EQ("nobody offers 'get'", subscribe());
+  core.reply(MSG_ERR, [](KXmessage& reply) { reply << 7; });
+  clear_lines();
+  EXPECT_EQ("", subscribe()) << "no text";
+  EXPECT_EQ(0, times_logged("not enough data")) << "a line of its own";
+  core.reply(MSG_ERR, [](KXmessage& reply) { reply << "why"; });
+  EXPECT_EQ("why", subscribe());
+  answer(MSG_RSP, {12, 40, 1000, 2000});
+  EXPECT_EQ("", subscribe());
+}
+
 // The commands from CMD_NONE on are requests, notices, o(ffers) and s(ubscriptions); all but notices wait,
 // without limit and without the lock.
 TEST_F(client_component, addresses_each_command_and_stores_what_its_reply_grants) {

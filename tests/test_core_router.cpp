@@ -167,6 +167,7 @@ TEST_F(messages, to_who_does_not_read_wait_are_answered_when_they_ask_and_are_co
   play("client SIG get client.get 1; client uses x");
   unblock();
   play("server > server = SIG 1");
+  EXPECT_EQ(1, seam::times_logged("server reads again")) << "what was lost is told twice";
   EXPECT_EQ("ERR 103 (nobody offers 'x')", raw_component::arrived(at("client").mgmt));
 }
 

@@ -211,9 +211,9 @@ TEST_F(inboxes, tell_the_senders_path_process_and_user_anew_for_each_datagram) {
     const raw_socket& to;
     std::string path;
     pid_t pid;
-  } rows[] = {{nameless, core, "", getpid()},
-              {afterwards, late, peer.path(), 0},
+  } rows[] = {{afterwards, late, peer.path(), 0},
               {[&] { peer.send(silent.path(), header, 14); }, silent, peer.path(), 0},
+              {nameless, core, "", getpid()},
               {[&] { peer.send(core.path(), header, 14); }, core, peer.path(), getpid()}};
   for (const auto& row : rows) {
     row.send();

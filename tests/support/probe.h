@@ -91,7 +91,7 @@ using component_probe = probe_of<bare_component>;
 
 class client_probe : public probe_of<KXclientComponent> {
  public:
-  using KXclientComponent::m_kxcore_data_socket_name;
+  using KXclientComponent::last_refusal, KXclientComponent::m_kxcore_data_socket_name;
   using probe_of::probe_of;
 
   void get_mgmt_message(int fd) override {
