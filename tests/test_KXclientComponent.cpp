@@ -22,6 +22,7 @@ TEST_F(client_component, keeps_why_the_core_refused_until_the_next_request) {
   const auto subscribe = [this] {
     proxy_probe proxy(&component);
     ended([&] { return proxy.subscribe_synchronous("get"); });
+    component.remove_connection(&proxy);
     return component.last_refusal();
   };
   core.reply(MSG_ERR, [](KXmessage& reply) { reply << "nobody offers 'get'"; });
