@@ -47,12 +47,6 @@ void raise_descriptor_limit() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// The messages of all components pass through the core: while others flood it, it has to be the faster one.
-void raise_priority() {
-  constexpr int wanted = -10;
-  if (getpriority(PRIO_PROCESS, 0) > wanted) setpriority(PRIO_PROCESS, 0, wanted);
-}
-
 std::unique_ptr<KXcore> create_core(bus_directory& place, reporter& report) {
   const longer_queues queues;
   if (!queues.refusal().empty())
@@ -74,7 +68,6 @@ void prepare_signals() {
 int run(bool verbose) {
   prepare_signals();
   raise_descriptor_limit();
-  raise_priority();
   try {
     reporter report(verbose);
     bus_directory place(bus_path);
