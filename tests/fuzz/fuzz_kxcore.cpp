@@ -18,11 +18,12 @@ namespace {
 
 constexpr const char* services[] = {"f", "g", "s", "kxcore.s"};
 constexpr std::size_t reserved_name = 3;
-constexpr pid_t other = 512;                      // added to a pid, another process
-constexpr std::uint32_t ids_each = 4096;          // in a range
-constexpr unsigned int remembered = 256;          // requests of a member
-constexpr unsigned int max_answers = 512;         // to strangers, in an interval
-constexpr std::size_t sure_backlog = 120 * 1024;  // behind less than this there is room in the core's queue
+constexpr pid_t other = 512;                       // added to a pid, another process
+constexpr std::uint32_t ids_each = 4096;           // in a range
+constexpr std::uint32_t nobodys_ids = 0x7F000000;  // from here on
+constexpr unsigned int remembered = 256;           // requests of a member
+constexpr unsigned int max_answers = 512;          // to strangers, in an interval
+constexpr std::size_t sure_backlog = 120 * 1024;   // behind less than this there is room in the core's queue
 
 enum verdict_e { NO, YES, UNKNOWN };
 
@@ -95,14 +96,7 @@ struct sent {
   bool must_fail;
   unsigned int number;    // among the requests of the registration
   unsigned int failures;  // that have arrived
-
-  bool is_answer() const { return type == MSG_RSP || type == MSG_ERR; }
 };
-
-reporter& silent() {
-  static reporter quiet(false);
-  return quiet;
-}
 
 class world {
  public:
@@ -296,9 +290,9 @@ class world {
     REQUIRE(outcome != MSG_RSP || expected != NO);
     REQUIRE(outcome != MSG_ERR || expected != YES);
     if (expected == YES || outcome == MSG_RSP) note(who, from, cmd, asked, reply);
-    const bool is_request = asked.type == MSG_REQ;
-    if (who.state == member::LOST && is_request) return pass_time();
-    REQUIRE((outcome != MSG_NONE) == (is_request && (who.is(from) || is_answered(who.mgmt, from))));
+    if (asked.type == MSG_REQ && who.state == member::LOST) return pass_time();
+    const bool is_due = asked.type == MSG_REQ && (who.is(from) || is_answered(who.mgmt, from));
+    REQUIRE((outcome != MSG_NONE) == is_due);
   }
 
   // Whether the core must carry a message out.
@@ -426,12 +420,19 @@ class world {
     return of.holdings[choice % of.holdings.size()].siid;
   }
 
+  // The siid of a service, or of one who uses it.
+  std::uint32_t opposite(const holding& of) {
+    const holding* const user =
+        any_member().find([&of](const holding& each) { return each.service == of.service; });
+    return of.role == endpoint::STUB && user != nullptr ? user->siid : of.service;
+  }
+
   // In somebody's range, in one that may have been, or in nobody's; and no other request's.
   std::uint32_t any_id() {
     const auto& all = any_member().holdings;
     const auto index = static_cast<std::uint32_t>(m_sent.size());
     const std::uint32_t choice = m_input.value<std::uint8_t>();
-    if (choice > 230) return 0x7F000000 + index;
+    if (choice > 230) return nobodys_ids + index;
     if (choice > 200 || all.empty()) return choice % 32 * ids_each + index;
     return all[choice % all.size()].first_id + index;
   }
@@ -444,7 +445,10 @@ class world {
     message.registration = who.registration;
     message.cmd = static_cast<std::uint8_t>(m_input.below(4));
     if (how == 0 && index > 0) {  // an answer
-      const sent& asked = m_sent[index - 1 - m_input.below(std::min(index, std::size_t{255}))];
+      std::size_t at = index - 1 - m_input.below(std::min(index, std::size_t{255}));
+      while (at > 0 && who.find_siid(m_sent[at].to) == nullptr)
+        --at;
+      const sent& asked = m_sent[at];
       message.from = asked.to;
       message.to = asked.from;
       message.id = asked.id;
@@ -452,7 +456,7 @@ class world {
     } else {
       message.from = any_siid(how == 1 ? any_member() : who);
       const holding* const held = who.find_siid(message.from);
-      message.to = how < 5 && held != nullptr ? held->service : any_siid(any_member());
+      message.to = how < 5 && held != nullptr ? opposite(*held) : any_siid(any_member());
       message.id = any_id();
       message.type = static_cast<msg_type_e>(m_input.below(5));
     }
@@ -488,7 +492,6 @@ class world {
     if (message.may_reach == 0 && !may_be_lost) return fail(message);
     if (message.must_reach == 0) message.state = sent::UNSURE;
     if (message.must_reach != 0 && is_asked(message)) message.state = sent::CLOSED;
-    if (message.subscribers != 0 && may_be_lost) message.state = sent::UNSURE;
   }
 
   // Whether the rules let it reach a member; to its sender it may go, as well.
@@ -501,16 +504,15 @@ class world {
     if (target == nullptr) return false;
     if (target->role != endpoint::STUB && target->service != source.siid) return false;
     const holding* const range = to.find_id(message.id);
-    const bool could_mislead =
-        range != nullptr && message.by != to.index && (to_all || range->siid != target->siid);
     if (target->role == endpoint::SUBSCRIBERS) {
       message.subscribers = target->siid;
       return reaches_subscriber(message, to, range);
     }
-    const bool is_answer_to_stub = target->role == endpoint::STUB && message.is_answer();
-    const bool may_answer = target->role == endpoint::PROXY || is_answer_to_stub;
-    const verdict_e is_awaited = may_answer ? close(message, to) : NO;
-    if (!is_answer_to_stub && !could_mislead) return true;
+    const bool is_answer = message.type == MSG_RSP || message.type == MSG_ERR;
+    const bool is_at_proxy = target->role == endpoint::PROXY;
+    const verdict_e is_awaited = is_answer || is_at_proxy ? close(message, to) : NO;
+    const bool could_mislead = range != nullptr && message.by != to.index && range->siid != target->siid;
+    if ((!is_answer || is_at_proxy) && !could_mislead) return true;
     m_is_sure = m_is_sure && is_awaited == YES;
     return is_awaited != NO;
   }
@@ -524,7 +526,7 @@ class world {
     }
     if (range != nullptr && range->siid == message.subscribers) return close(message, to), true;
     if (is_asked(message)) return false;
-    m_is_sure = m_is_sure && !one_is_lost();  // in whose range it may lie
+    m_is_sure = m_is_sure && (message.id >= nobodys_ids || !one_is_lost());  // in whose range it may lie
     return !is_from_another;
   }
 
@@ -617,10 +619,11 @@ class world {
   std::uint32_t m_last_siid = 0;
   unsigned int m_answers = 0;  // to strangers, in this interval
   bool m_is_sure = true;       // whether a message that may reach a member must
-  strangers m_strangers{silent(), "/bus/"};
-  roster m_peers{silent()};
-  registrar m_registrar{m_peers, m_strangers, silent(), "/bus/kxcore-d"};
-  router m_router{m_peers, m_strangers, silent()};
+  inline static reporter m_silent{false};
+  strangers m_strangers{m_silent, "/bus/"};
+  roster m_peers{m_silent};
+  registrar m_registrar{m_peers, m_strangers, m_silent, "/bus/kxcore-d"};
+  router m_router{m_peers, m_strangers, m_silent};
 };
 
 }  // namespace
