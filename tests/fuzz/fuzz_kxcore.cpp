@@ -87,6 +87,7 @@ struct sent {
   std::uint32_t id;
   msg_type_e type;
   std::uint8_t cmd;
+  int size;                   // of what follows its index
   std::uint32_t subscribers;  // the siid by which it reaches them, else 0
   unsigned int may_reach;
   unsigned int must_reach;
@@ -139,8 +140,9 @@ class world {
     const auto cmd = static_cast<mgmt_cmd_e>(is_management ? m_input.below(12) : 0);
     if (who.state == member::LOST && from.uid == who.registered.uid && cmd != CMD_REG_COMPONENT) return;
     const demand asked = is_management ? any_demand(who) : demand{};
-    for (std::size_t i = 0; i < times; ++i)
-      is_management ? manage(who, from, cmd, asked) : send(who, from);
+    sent message = is_management ? sent{} : any_message(who);
+    for (std::size_t i = 0; i < times; ++i, ++message.id)
+      is_management ? manage(who, from, cmd, asked) : send(who, from, message);
   }
 
   // A bus on which something is offered and used.
@@ -437,16 +439,17 @@ class world {
     return all[choice % all.size()].first_id + index;
   }
 
-  void send(member& who, const sender& from) {
+  // That it is sent again and again, with the next id each time, does not make two requests the same.
+  sent any_message(member& by) {
     const std::size_t index = m_sent.size();
     const std::size_t how = m_input.below(8);
     sent message = {};
-    message.by = who.index;
-    message.registration = who.registration;
+    message.by = by.index;
     message.cmd = static_cast<std::uint8_t>(m_input.below(4));
+    message.size = how == 7 ? 2000 : 0;
     if (how == 0 && index > 0) {  // an answer
       std::size_t at = index - 1 - m_input.below(std::min(index, std::size_t{255}));
-      while (at > 0 && who.find_siid(m_sent[at].to) == nullptr)
+      while (at > 0 && by.find_siid(m_sent[at].to) == nullptr)
         --at;
       const sent& asked = m_sent[at];
       message.from = asked.to;
@@ -454,17 +457,22 @@ class world {
       message.id = asked.id;
       message.type = m_input.below(4) == 0 ? MSG_ERR : MSG_RSP;
     } else {
-      message.from = any_siid(how == 1 ? any_member() : who);
-      const holding* const held = who.find_siid(message.from);
+      message.from = any_siid(how == 1 ? any_member() : by);
+      const holding* const held = by.find_siid(message.from);
       message.to = how < 5 && held != nullptr ? opposite(*held) : any_siid(any_member());
       message.id = any_id();
       message.type = static_cast<msg_type_e>(m_input.below(5));
     }
+    return message;
+  }
+
+  void send(member& who, const sender& from, const sent& message) {
     KXmessage bytes;
     *bytes.m_header = {htonl(message.to), htonl(message.from), message.type, message.cmd, htonl(message.id)};
-    bytes << static_cast<unsigned int>(index);
-    if (how == 7) bytes.incr_size(2000);
+    bytes << static_cast<unsigned int>(m_sent.size());
+    bytes.incr_size(message.size);
     m_sent.push_back(message);
+    m_sent.back().registration = who.registration;
     predict(m_sent.back(), who, from, static_cast<std::size_t>(bytes.datagram_size()) + 128);
     m_router.serve(from, bytes);
     if (m_input.below(2) == 0) m_peers.forget_gone();
