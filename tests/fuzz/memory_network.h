@@ -4,12 +4,12 @@
 #define TESTS_FUZZ_MEMORY_NETWORK_H
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <bitset>
@@ -18,6 +18,7 @@
 #include <cstring>
 #include <utility>
 
+#include "KXcomponent.h"
 #include "feed.h"
 
 namespace network {
@@ -30,10 +31,11 @@ struct unread_datagram {
   unsigned char bytes[2048];
 };
 
-// A component's socket, or the file that it has left.
+// A component's socket, and the file at its path, which may be another's.
 struct receiver {
   const char* path;
   uid_t owner = 0;
+  ino_t inode = 0;
   bool is_open = false;
   unsigned int life = 0;  // each time that it is bound it is another socket
   std::size_t first = 0;
@@ -48,16 +50,19 @@ struct receiver {
 };
 
 struct descriptor {
-  enum kind_e { FREE, SOCKET, PROCESS, EPOLL } kind;
+  enum kind_e { FREE, SOCKET, SOCKET_FILE, PROCESS, EPOLL } kind;
   pid_t pid;
-  receiver* peer;
-  unsigned int life;  // that the peer had when it was connected
+  receiver* peer;     // the one that it is connected to, or whose file it is
+  unsigned int life;  // of the peer, when this was made
   epoll_event watched;
+
+  bool reaches() const { return peer->is_open && peer->life == life; }
 };
 
 receiver receivers[] = {{"/bus/a"}, {"/bus/a-d"}, {"/bus/b"}, {"/bus/b-d"}, {"/bus/s/a"}, {"/bus/s/a-d"}};
-descriptor descriptors[24];
+descriptor descriptors[32];
 std::bitset<1024> ended;  // the processes
+unsigned int now = 0;     // ms
 
 bool is_free(const descriptor& each) { return each.kind == descriptor::FREE; }
 
@@ -67,20 +72,16 @@ descriptor& at(int fd) {
   return found;
 }
 
-int open(descriptor::kind_e kind, pid_t pid = 0) {
+// The descriptor that the address "/proc/self/fd/N" is of.
+const descriptor& at(const sockaddr* address) {
+  return at(std::atoi(std::strrchr(reinterpret_cast<const sockaddr_un*>(address)->sun_path, '/') + 1));
+}
+
+int open(descriptor::kind_e kind, pid_t pid = 0, receiver* peer = nullptr) {
   descriptor* const made = std::find_if(std::begin(descriptors), std::end(descriptors), is_free);
-  *made = {kind, pid, nullptr, 0, {}};
+  REQUIRE(made != std::end(descriptors));
+  *made = {kind, pid, peer, peer == nullptr ? 0 : peer->life, {}};
   return first_descriptor + static_cast<int>(made - descriptors);
-}
-
-receiver* find(const char* path) {
-  for (receiver& each : receivers)
-    if (std::strcmp(each.path, path) == 0) return &each;
-  return nullptr;
-}
-
-receiver* find(const sockaddr* address) {
-  return find(reinterpret_cast<const sockaddr_un*>(address)->sun_path);
 }
 
 int refuse(int error) {
@@ -88,10 +89,10 @@ int refuse(int error) {
   return -1;
 }
 
-ssize_t deliver(receiver* to, unsigned int life, const void* bytes, std::size_t size) {
-  if (to == nullptr || !to->is_open || to->life != life) return refuse(ECONNREFUSED);
-  if (to->count == max_unread) return refuse(EAGAIN);
-  unread_datagram& last = to->unread[(to->first + to->count++) % max_unread];
+ssize_t deliver(const descriptor& to, const void* bytes, std::size_t size) {
+  if (!to.reaches()) return refuse(ECONNREFUSED);
+  if (to.peer->count == max_unread) return refuse(EAGAIN);
+  unread_datagram& last = to.peer->unread[(to.peer->first + to.peer->count++) % max_unread];
   last.size = size;
   std::memcpy(last.bytes, bytes, size);
   return static_cast<ssize_t>(size);
@@ -99,31 +100,58 @@ ssize_t deliver(receiver* to, unsigned int life, const void* bytes, std::size_t 
 
 bool is_ready(const descriptor& of) {
   if (of.kind == descriptor::PROCESS) return ended[static_cast<std::size_t>(of.pid)];
-  return !of.peer->is_open || of.peer->life != of.life || of.peer->count < max_unread;
+  return !of.reaches() || of.peer->count < max_unread;
 }
 
 }  // namespace network
 
+unsigned int get_currentTime() { return network::now; }
+
 extern "C" {
 
 int socket(int, int, int) noexcept { return network::open(network::descriptor::SOCKET); }
+int dup(int) noexcept { return network::open(network::descriptor::SOCKET); }
 int epoll_create1(int) noexcept { return network::open(network::descriptor::EPOLL); }
 
+// The core makes one call so: it opens a process.
+long syscall(long number, ...) noexcept {
+  va_list arguments;
+  va_start(arguments, number);
+  const int descriptor = network::open(network::descriptor::PROCESS, va_arg(arguments, pid_t));
+  va_end(arguments);
+  return descriptor;
+}
+
+// By their own names the compiler takes poll to write only to its entry, and open to be another function.
+int open_file(const char* path, int flags, mode_t mode) __asm__("open");
+int open_file(const char* path, int flags, mode_t mode) {
+  for (network::receiver& each : network::receivers)
+    if (std::strcmp(each.path, path) == 0) return network::open(network::descriptor::SOCKET_FILE, 0, &each);
+  return openat(AT_FDCWD, path, flags, mode);
+}
+
+int fstat(int fd, struct stat* status) noexcept {
+  if (fd < network::first_descriptor) return fstatat(fd, "", status, AT_EMPTY_PATH);
+  status->st_mode = S_IFSOCK;
+  status->st_uid = network::at(fd).peer->owner;
+  status->st_ino = network::at(fd).peer->inode;
+  return 0;
+}
+
 int connect(int fd, const sockaddr* address, socklen_t) {
-  network::receiver* const to = network::find(address);
-  if (to == nullptr || !to->is_open) return network::refuse(ECONNREFUSED);
-  network::at(fd).peer = to;
-  network::at(fd).life = to->life;
+  const network::descriptor& file = network::at(address);
+  if (!file.reaches()) return network::refuse(ECONNREFUSED);
+  network::at(fd).peer = file.peer;
+  network::at(fd).life = file.life;
   return 0;
 }
 
 ssize_t send(int fd, const void* bytes, size_t size, int) {
-  return network::deliver(network::at(fd).peer, network::at(fd).life, bytes, size);
+  return network::deliver(network::at(fd), bytes, size);
 }
 
 ssize_t sendto(int, const void* bytes, size_t size, int, const sockaddr* address, socklen_t) {
-  network::receiver* const to = network::find(address);
-  return network::deliver(to, to == nullptr ? 0 : to->life, bytes, size);
+  return network::deliver(network::at(address), bytes, size);
 }
 
 int close(int fd) {
@@ -140,31 +168,14 @@ int epoll_ctl(int, int operation, int fd, epoll_event* event) noexcept {
 
 int epoll_wait(int, epoll_event* events, int, int) {
   int count = 0;
-  for (const network::descriptor& each : network::descriptors) {
+  for (const network::descriptor& each : network::descriptors)
     if (!network::is_free(each) && each.watched.events != 0 && network::is_ready(each))
       events[count++] = each.watched;
-  }
   return count;
 }
 
-// By its own name the compiler takes it to write only to its entry.
 int poll_one(pollfd* entry, nfds_t, int) __asm__("poll");
 int poll_one(pollfd* entry, nfds_t, int) { return network::is_ready(network::at(entry->fd)) ? 1 : 0; }
-
-// The core makes one call so: it opens a process.
-long syscall(long number, ...) noexcept {
-  va_list arguments;
-  va_start(arguments, number);
-  const int descriptor = network::open(network::descriptor::PROCESS, va_arg(arguments, pid_t));
-  va_end(arguments);
-  return descriptor;
-}
-
-int lstat(const char* path, struct stat* status) noexcept {
-  status->st_mode = S_IFSOCK;
-  status->st_uid = network::find(path)->owner;
-  return 0;
-}
 
 }  // extern "C"
 
