@@ -293,6 +293,8 @@ int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, s
   return 0;
 }
 
+int unlink(const char* path) noexcept { return NEXT(unlink)(path); }
+
 unsigned int sleep(unsigned int seconds) {
   const double end = state.now + seconds;
   if (seam::fails(seam::SLEEP)) return static_cast<unsigned int>(end - state.now);
