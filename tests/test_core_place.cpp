@@ -72,10 +72,10 @@ TEST_F(places, that_others_may_have_made_are_refused_and_left_as_they_are) {
     std::string reason;
   } rows[] = {{"link", place, " is a symbolic link, not a directory: remove it"},
               {"file", place, " is not a directory: remove it"},
-              {"file", lock_file, " is not the lock of a kxcore of user "},
-              {"fifo", lock_file, " is not the lock of a kxcore of user "},
-              {"link", lock_file, "cannot open the lock "},
-              {"directory", lock_file, "cannot open the lock "}};
+              {"file", lock_file, " is not the lock of a kxcore, "},
+              {"fifo", lock_file, " is not the lock of a kxcore, "},
+              {"link", lock_file, "cannot make the lock "},
+              {"directory", lock_file, "cannot make the lock "}};
   for (const auto& row : rows) {
     if (row.where != place) fs::create_directory(place);
     put(row.what, row.where);
@@ -100,8 +100,16 @@ TEST_F(places, of_another_user_are_refused_unless_it_is_root) {
   EXPECT_EQ(0, chown(place.c_str(), 0, 0));
   write_file(lock_file, 0600);
   EXPECT_EQ(0, chown(lock_file.c_str(), 12345, 0));
-  EXPECT_EQ(lock_file + " is not the lock of a kxcore of user 0: remove it", enter());
+  EXPECT_EQ(
+      lock_file + " is the lock of user 12345, whose kxcore runs, or was killed: end it, or remove the file",
+      enter());
   fs::remove(lock_file);
+  child_process stranger([] {
+    const bool is_plain =
+        setuid(12345) == 0 && enter() == "cannot make the lock " + lock_file + ": Permission denied";
+    _exit(is_plain ? 7 : 1);
+  });
+  EXPECT_EQ(7, stranger.end(0)) << "the reason is another one's";
   EXPECT_EQ(0, chmod(place.c_str(), 0777));
   child_process user([] { _exit(setuid(12345) == 0 && enter().empty() ? 7 : 1); });
   EXPECT_EQ(7, user.end(0)) << "root's directory serves all";
@@ -226,10 +234,11 @@ TEST_F(places, that_it_cannot_have_again_end_the_core_and_are_left_alone) {
     std::function<void()> act;
     std::string reason;
     bool is_left;
-  } rows[] = {{mgmt, [&] { leave_dead_socket(mgmt.c_str()); }, mgmt + " is another process's: ", true},
-              {data, [&] { leave_dead_socket(data.c_str()); }, data + " is another process's: ", true},
-              {mgmt, [] { unlink("/tmp/kxcore/.kxcore.lock"), write_file("/tmp/kxcore/.kxcore.lock", 0644); },
-               "/tmp/kxcore/.kxcore.lock is not the lock", false}};
+  } rows[] = {
+      {mgmt, [&] { leave_dead_socket(mgmt.c_str()); }, mgmt + " is not the core's own any more: ", true},
+      {data, [&] { leave_dead_socket(data.c_str()); }, data + " is not the core's own any more: ", true},
+      {mgmt, [] { unlink("/tmp/kxcore/.kxcore.lock"), write_file("/tmp/kxcore/.kxcore.lock", 0644); },
+       "/tmp/kxcore/.kxcore.lock is not the lock", false}};
   for (const auto& row : rows) {
     core_probe subject;
     subject.m_running = true;

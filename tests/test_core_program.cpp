@@ -126,6 +126,19 @@ TEST_F(kxcore, goes_on_when_nobody_can_read_its_lines) {
     EXPECT_NE("", ask(client, CMD_REG_COMPONENT));
 }
 
+TEST_F(kxcore, writes_no_lines_to_its_own_files_when_it_has_no_streams) {
+  start([] {}, "--verbose >&- 2>&- <&-");
+  raw_component client("client");
+  client.manage(CMD_REG_COMPONENT, "", 0);
+  for (int tries = 0; client.mgmt.receive().empty() && tries < patience_ms; ++tries)
+    usleep(1000);
+  EXPECT_EQ("", read_file("/tmp/kxcore/.kxcore.lock"));
+  for (const char* const stream : {"0", "1", "2"})
+    EXPECT_EQ("/dev/null",
+              std::filesystem::read_symlink("/proc/" + std::to_string(program->pid()) + "/fd/" + stream))
+        << stream;
+}
+
 TEST_F(kxcore, raises_its_limit_of_descriptors) {
   start([] { limit_descriptors(20); }, "");
   std::vector<std::unique_ptr<raw_component>> many;

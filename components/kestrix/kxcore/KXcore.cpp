@@ -254,7 +254,8 @@ void KXcore::drain() {
 void KXcore::reclaim(int fd, own_file& file) {
   if (file.state() == own_file::OWN) return;
   if (file.state() == own_file::FOREIGN)
-    throw std::runtime_error(file.path() + " is another process's: may a component be named kxcore?");
+    throw std::runtime_error(
+        file.path() + " is not the core's own any more: remove it, and let no component be named kxcore");
   const unique_fd fresh = bind_fresh(file.path());
   if (dup3(fresh.get(), fd, O_CLOEXEC) < 0)
     throw std::system_error(errno, std::generic_category(), "cannot replace a socket");

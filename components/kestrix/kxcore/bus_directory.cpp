@@ -83,15 +83,16 @@ void bus_directory::lock() {
 
 unique_fd bus_directory::open_lock() const {
   unique_fd file(open(m_lock_path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
-  if (file.get() < 0 && errno == EACCES && access(m_lock_path.c_str(), F_OK) == 0)
-    refuse(m_lock_path,
-           "is the lock of another user's kxcore, which runs, or was killed: end it, or remove the file");
-  if (file.get() < 0) fail("open the lock", m_lock_path, errno);
+  const int error = errno;
+  struct stat standing = {};
+  if (lstat(m_lock_path.c_str(), &standing) == 0 && standing.st_uid != geteuid())
+    refuse(m_lock_path, "is the lock of " + user(standing.st_uid) +
+                            ", whose kxcore runs, or was killed: end it, or remove the file");
+  if (file.get() < 0) fail("make the lock", m_lock_path, error);
   struct stat opened = {};
-  if (fstat(file.get(), &opened) != 0) fail("open the lock", m_lock_path, errno);
-  const bool is_private = S_ISREG(opened.st_mode) && (opened.st_mode & 077) == 0;
-  if (!is_private || opened.st_uid != geteuid())
-    refuse(m_lock_path, "is not the lock of a kxcore of " + user(geteuid()) + ": remove it");
+  if (fstat(file.get(), &opened) != 0) fail("make the lock", m_lock_path, errno);
+  if (!S_ISREG(opened.st_mode) || (opened.st_mode & 077) != 0)
+    refuse(m_lock_path, "is not the lock of a kxcore, others can open it: remove it");
   return file;
 }
 

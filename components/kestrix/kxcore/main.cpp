@@ -1,7 +1,9 @@
 // kxcore: the core daemon of the bus, for development machines and tests.
+#include <fcntl.h>
 #include <getopt.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -55,6 +57,15 @@ std::unique_ptr<KXcore> create_core(bus_directory& place, reporter& report) {
   return std::make_unique<KXcore>(place, report);
 }
 
+// Closed standard streams would be the numbers of the core's own descriptors, and its lines go there.
+void open_standard_streams() {
+  for (int fd = open("/dev/null", O_RDWR); fd >= 0; fd = open("/dev/null", O_RDWR)) {
+    if (fd <= STDERR_FILENO) continue;
+    close(fd);
+    return;
+  }
+}
+
 // The core reads the signals that end it from a descriptor; what it writes to closed pipes is lost.
 void prepare_signals() {
   sigset_t termination;
@@ -89,6 +100,7 @@ int run(bool verbose) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  open_standard_streams();
   static const option options[] = {{"help", no_argument, nullptr, 'h'},
                                    {"verbose", no_argument, nullptr, 'v'},
                                    {"version", no_argument, nullptr, 'V'},

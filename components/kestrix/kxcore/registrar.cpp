@@ -159,7 +159,7 @@ void registrar::take_place(const peer& added) {
                      added.pid, before->name.c_str(), before->pid, consequence);
   };
   constexpr char clash[] = "no new sender reaches that, their names may not differ by -d alone";
-  warn(m_peers.at_mgmt(added.mgmt_path), "that gets nothing any more, end one of the two");
+  warn(m_peers.at_mgmt(added.mgmt_path), "that gets nothing any more, end it with SIGKILL");
   warn(m_peers.at_mgmt(added.data_path), clash);
   warn(m_peers.at_data(added.mgmt_path), clash);
   if (peer* const before = m_peers.at_mgmt(added.mgmt_path)) m_peers.give_up(*before, "it registered again");
