@@ -49,12 +49,16 @@ class turns : public whole_core {
 }  // namespace
 
 TEST_F(turns, take_data_before_the_management_that_followed_it) {
-  for (const int sent : {0, 1, 16, 17, 256, 257}) {
-    play("client registers; client uses get");
+  for (const int sent : {0, 1, 16, 17, 256, 257, 512}) {
+    play("client registers; client uses get; other uses get");
     raw_component& client = at("client");
-    const auto message = make_message(unsigned(number("get")), unsigned(number("client.get")), MSG_SIG, 5, 1);
+    const auto send = [this](const std::string& name) {
+      const auto proxy = unsigned(number(name + ".get"));
+      return at(name).data.send(fake_core::data_path,
+                                make_message(unsigned(number("get")), proxy, MSG_SIG, 5, 1));
+    };
     int room = 0;
-    while (room < sent && client.data.send(fake_core::data_path, message))
+    while (room < sent && (send("client") || send("other")))
       ++room;
     seam::clear_lines();
     client.manage(CMD_UNREG_COMPONENT, "", 0, MSG_SIG);
@@ -93,6 +97,36 @@ TEST_F(turns, take_the_data_of_a_process_before_its_end) {
   EXPECT_TRUE(seam::logged("is gone: its process ended"));
 }
 
+TEST_F(turns, take_the_management_of_a_process_before_its_end) {
+  child_process mortal([] {
+    raw_component me("mortal");
+    me.manage(CMD_REG_COMPONENT, "", 0);
+    while (me.mgmt.receive().empty())
+      usleep(1000);
+    bool has_room = true;
+    for (int sent = 0; sent < 40; ++sent)
+      has_room = has_room && me.mgmt.send(fake_core::mgmt_path, me.make(CMD_UNSUB_FUNCTION, "", 0, MSG_SIG));
+    me.manage(CMD_UNREG_COMPONENT, "", 0, MSG_SIG);
+    _exit(has_room ? 0 : 1);
+  });
+  serve_until("mortal (pid");
+  if (mortal.end(0) != 0) GTEST_SKIP() << "the system gives the core no queue that is longer than a batch";
+  serve_until(") is gone: ");
+  EXPECT_TRUE(seam::logged("is gone: it unregistered"));
+}
+
+TEST_F(turns, notice_the_end_of_one_process_after_that_of_another) {
+  for (const std::string name : {"first", "second"}) {
+    raw_component& mortal = at(name);
+    child_process process([&mortal] { mortal.manage(CMD_REG_COMPONENT, "", 0), pause(); });
+    serve_until(name + " (pid");
+    remove(name);
+    const std::string its = name + " (pid " + std::to_string(process.pid());
+    process.end(SIGKILL);
+    serve_until(its + ") is gone: its process ended");
+  }
+}
+
 TEST_F(turns, wait_before_the_end_of_a_process_for_no_more_data_than_a_full_queue) {
   child_process mortal([] {
     raw_component me("mortal");
@@ -126,6 +160,12 @@ TEST_F(turns, answer_at_once_in_place_of_a_component_whose_socket_goes) {
   remove("server");
   subject.serve();
   play("client > client = ERR 5 (the component is gone)");
+}
+
+TEST_F(turns, of_data_end_with_the_ends_that_they_found) {
+  play("client REQ get client.get 5 > server = REQ 5");
+  remove("server");
+  play("client SIG get client.get 6 > client = ERR 5 (the component is gone)");
 }
 
 TEST_F(turns, take_nothing_from_another_process_in_a_components_place) {
