@@ -245,6 +245,7 @@ TEST_F(registrations, need_sockets_of_the_users_own_that_no_other_component_has)
   late.uid = geteuid(), late.pid = getpid();
   play("late uses get");  // it is the owner of the file
   for (const raw_socket* const stolen : {&at("server").mgmt, &at("server").data}) {
+    play("thief registers");
     const std::string taken = at("thief").data.path();
     unlink(taken.c_str());
     EXPECT_EQ(0, link(stolen->path().c_str(), taken.c_str()));
@@ -252,6 +253,7 @@ TEST_F(registrations, need_sockets_of_the_users_own_that_no_other_component_has)
     unlink(taken.c_str());
     EXPECT_EQ(0, symlink(stolen->path().c_str(), taken.c_str()));
     play("thief registers = its sockets cannot be reached: Socket operation on non-socket");
+    EXPECT_TRUE(is_registered("thief")) << "what is refused takes the registration before away";
     remove("thief");
   }
 }
