@@ -250,6 +250,16 @@ TEST_F(messages, to_a_socket_that_goes_while_they_wait_are_its_end) {
   EXPECT_FALSE(is_registered("server"));
 }
 
+TEST_F(messages, of_another_component_find_room_in_a_queue) {
+  play("other uses get");
+  block();
+  for (int sent = 0; sent < 1000; ++sent)
+    play("client SIG get client.get 1");
+  play("other SIG get other.get 1");
+  EXPECT_TRUE(seam::logged("is full for client"));
+  EXPECT_FALSE(seam::logged("is full for other"));
+}
+
 TEST_F(messages, of_another_user_find_room_in_a_queue) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can give a socket away";
   raw_component& other = at("other");
