@@ -138,6 +138,25 @@ TEST_F(turns, wait_before_the_end_of_a_process_for_no_more_data_than_a_full_queu
   EXPECT_EQ(bound, batches_until([] { return seam::logged("is gone: its process ended"); }));
 }
 
+TEST_F(turns, wait_before_the_end_of_a_process_for_no_more_management_than_it_may_have_sent) {
+  raw_component& mortal = at("mortal");
+  child_process process([&mortal] { mortal.manage(CMD_REG_COMPONENT, "", 0), pause(); });
+  serve_until("mortal (pid");
+  remove("mortal");
+  process.end(SIGKILL);
+  const raw_socket& stranger = at("stranger").mgmt;
+  constexpr int enough = 20'000;
+  int sent = 0;
+  bool is_gone = false;
+  seam::before(seam::RECVMMSG, [&] {
+    is_gone = is_gone || seam::logged("is gone: its process ended");
+    for (int i = 0; i < 17 && sent < enough && !is_gone; ++i)
+      sent += stranger.send(fake_core::mgmt_path, std::vector<unsigned char>(1)) ? 1 : 0;
+  });
+  subject.serve();
+  EXPECT_LT(sent, enough);
+}
+
 TEST_F(turns, leave_a_component_to_the_children_of_its_process) {
   raw_component& shared = at("shared");
   child_process first([&] { shared.manage(CMD_REG_COMPONENT, "", 0), pause(); });
