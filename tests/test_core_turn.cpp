@@ -74,6 +74,19 @@ TEST_F(turns, of_management_wait_for_no_more_data_than_a_full_queue) {
   }
 }
 
+TEST_F(turns, keep_the_management_that_waits_when_more_comes) {
+  at("client").manage(CMD_SUB_FUNCTION, "x", 0);
+  int batches = 0;
+  seam::before(seam::RECVMMSG, [&] {
+    if (++batches == 40) at("server").manage(CMD_SUB_FUNCTION, "x", 0);
+    for (int i = 0; i < 17 && batches < 100; ++i)
+      at("other").data.send(fake_core::data_path, make_message(1, 0, MSG_SIG, 1, 1));
+  });
+  subject.serve();
+  for (const std::string name : {"client", "server"})
+    EXPECT_NE("", raw_component::arrived(at(name).mgmt)) << name;
+}
+
 TEST_F(turns, take_the_data_of_a_process_before_its_end) {
   child_process mortal([] {
     raw_component me("mortal");
