@@ -285,6 +285,8 @@ TEST_F(registrations, free_a_service_whose_owner_does_not_exist_any_more) {
       "get as old; heir registers");
   unlink("/tmp/kxcore/mortal");
   play("heir offers get = 'get' is offered by mortal");  // its socket is still there
+  seam::fail(seam::CONNECT, EPERM);
+  play("heir offers get = 'get' is offered by mortal");  // nobody can tell
   remove("mortal");
   play(
       "heir offers get; get is old; client > client = ERR 3 (the component is gone); "
