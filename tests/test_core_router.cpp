@@ -118,6 +118,10 @@ TEST_F(messages, to_subscribers_have_no_id_of_theirs_unless_they_answer) {
       "server RSP client.tick tick client.get# > client; other > other = RSP client.get#");
 }
 
+TEST_F(messages, of_a_component_to_its_own_subscription_keep_their_ids) {
+  play("server hears tick; server SIG tick tick server.tick# > server = SIG server.tick#");
+}
+
 TEST_F(messages, that_ask_are_answered_when_their_server_ends) {
   const struct {
     std::string act, reason;
