@@ -204,8 +204,10 @@ TEST_F(outside, answers_that_nobody_reads_are_at_the_cost_of_nobody) {
   const long descriptors = open_descriptors();
   for (int i = 0; i < 60; ++i) {  // each takes as many as it holds, in all more than a send buffer does
     const raw_socket silent("/tmp/kxcore/silent");
+    seam::fail(seam::SOCKET, EMFILE, 99);
     for (int sent = 0; sent < 12; ++sent)
       outsiders.answer({silent.path(), 7, own}, make_message(1, 1, MSG_ERR, 1, 5));
+    seam::fail(seam::SOCKET, 0, 0);
     seam::advance(0.1);
     silents.push_back(dup(silent.fd()));
   }
@@ -213,6 +215,13 @@ TEST_F(outside, answers_that_nobody_reads_are_at_the_cost_of_nobody) {
   for (const int each : silents)
     close(each);
   EXPECT_EQ(descriptors, open_descriptors());
+}
+
+TEST_F(outside, answers_that_one_does_not_read_cost_no_sockets) {
+  const int before = seam::count(seam::SOCKET);
+  for (int sent = 0; sent < 40; ++sent)
+    outsiders.answer({socket.path(), 7, own}, make_message(1, 1, MSG_ERR, 1, 5));
+  EXPECT_EQ(before, seam::count(seam::SOCKET));
 }
 
 TEST_F(outside, somebody_is_answered_when_no_descriptors_are_left) {

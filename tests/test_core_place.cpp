@@ -113,6 +113,20 @@ TEST_F(places, of_another_user_are_refused_unless_it_is_root) {
   EXPECT_EQ(0, chmod(place.c_str(), 0777));
   child_process user([] { _exit(setuid(12345) == 0 && enter().empty() ? 7 : 1); });
   EXPECT_EQ(7, user.end(0)) << "root's directory serves all";
+  write_file(lock_file, 0600);
+  const struct {
+    mode_t mode;
+    std::string reason;
+  } rows[] = {
+      {0777,
+       lock_file +
+           " is the lock of another user's kxcore, which runs, or was killed: end it, or remove the file"},
+      {0700, "cannot open the lock " + lock_file + ": Permission denied"}};
+  for (const auto& row : rows) {
+    EXPECT_EQ(0, chmod(place.c_str(), row.mode));
+    child_process other([&row] { _exit(setuid(12345) == 0 && enter() == row.reason ? 7 : 1); });
+    EXPECT_EQ(7, other.end(0)) << row.reason;
+  }
 }
 
 TEST_F(places, are_locked_by_the_file_that_stands_there) {
@@ -212,6 +226,19 @@ TEST_F(whole_core, makes_the_files_of_its_sockets_again) {
     EXPECT_EQ(O_NONBLOCK | FD_CLOEXEC, (fcntl(fd, F_GETFL) & O_NONBLOCK) | fcntl(fd, F_GETFD));
 }
 
+TEST_F(whole_core, makes_its_sockets_again_with_long_queues) {
+  if (!longer_queues().refusal().empty()) GTEST_SKIP() << "the system permits no network namespaces";
+  unlink(fake_core::mgmt_path), unlink(fake_core::data_path);
+  subject.serve();
+  for (const char* const path : {fake_core::mgmt_path, fake_core::data_path}) {
+    int room = 0;
+    while (room < 100 && at("stranger").data.send(path, std::vector<unsigned char>(1)))
+      ++room;
+    EXPECT_EQ(100, room) << path;
+    subject.serve();
+  }
+}
+
 TEST_F(whole_core, serves_what_came_before_its_files_were_removed) {
   const sockaddr_un core = socket_address(fake_core::mgmt_path);
   raw_component& other = at("other");
@@ -225,6 +252,22 @@ TEST_F(whole_core, serves_what_came_before_its_files_were_removed) {
   });
   subject.serve();
   EXPECT_TRUE(seam::logged("other subscribed to function 'get'"));
+}
+
+TEST_F(whole_core, carries_the_data_that_came_before_its_files_were_removed) {
+  const sockaddr_un core = socket_address(fake_core::data_path);
+  const raw_socket& sender = at("client").data;
+  EXPECT_EQ(0, connect(sender.fd(), reinterpret_cast<const sockaddr*>(&core), sizeof core));
+  unlink(fake_core::data_path);
+  at("stranger").manage(CMD_SUB_FUNCTION, "get", 0);
+  bool first = true;
+  seam::before(seam::RECVMMSG, [&] {  // when the data socket has been found empty
+    const auto message =
+        bytes_of(make_message(unsigned(number("get")), unsigned(number("client.get")), MSG_SIG, 5, 3));
+    if (std::exchange(first, false)) send(sender.fd(), message.data(), message.size(), 0);
+  });
+  subject.serve();
+  play("server > server = SIG 3");
 }
 
 TEST_F(places, that_it_cannot_have_again_end_the_core_and_are_left_alone) {

@@ -116,6 +116,25 @@ TEST_F(kxcore, tells_at_its_start_that_it_is_ready_and_shows_all_when_it_is_verb
   }
 }
 
+TEST_F(kxcore, says_why_its_queues_are_short) {
+  if (geteuid() != 0 || !longer_queues().refusal().empty())
+    GTEST_SKIP() << "only root has longer queues, and can give its rights up";
+  struct stat before = {};
+  EXPECT_EQ(0, stat("/tmp/kxcore", &before));
+  EXPECT_EQ(0, chmod("/tmp/kxcore", 0777));
+  for (const char* const left : {fake_core::mgmt_path, fake_core::data_path, "/tmp/kxcore/.kxcore.lock"})
+    unlink(left);
+  const unique_fd err(open("/tmp/kxcore/err", O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+  start([&] { dup2(err.get(), STDERR_FILENO), setuid(12345) == 0 ? void() : _exit(1); }, "");
+  kill(program->pid(), SIGTERM);
+  EXPECT_EQ(0, program->end(0));
+  EXPECT_EQ(0, chmod("/tmp/kxcore", before.st_mode & 07777));
+  EXPECT_EQ(
+      "kxcore: its sockets have short queues, senders of many messages at once are held up: cannot enter a "
+      "network namespace of their own: Operation not permitted\n",
+      read_file("/tmp/kxcore/err"));
+}
+
 TEST_F(kxcore, goes_on_when_nobody_can_read_its_lines) {
   int ends[2];
   ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));

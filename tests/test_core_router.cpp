@@ -63,10 +63,17 @@ TEST_F(messages, of_any_type_reach_a_proxy_from_its_own_service_only) {
          " client.get get 7 > client = " + type + " 7");
 }
 
+TEST_F(messages, of_any_type_close_the_request_of_a_proxy) {
+  for (const std::string type : {"RSP", "ERR", "SIG"})
+    play("client REQ get client.get 3 > server = REQ 3; server " + type + " client.get get 3 > client = " +
+         type + " 3; server leaves; client > client; server registers; server offers get; client uses get");
+}
+
 TEST_F(messages, that_answer_reach_a_stub_once_for_a_request_of_its_own) {
   play(
       "client uses get; client.get as second; client RSP get client.get 5 > server; "
       "server REQ client.get get 5 > client = REQ 5; client RSP get client.get 6 > server; client uses get; "
+      "client SIG get second 5 > server = SIG 5; client REQ get second 5 > server = REQ 5; "
       "client RSP get client.get 5 > server; client RSP get second 5 > server = RSP 5; "
       "client RSP get second 5 > server");
 }
@@ -111,6 +118,10 @@ TEST_F(messages, to_subscribers_have_no_id_of_theirs_unless_they_answer) {
       "server RSP client.tick tick client.get# > client; other > other = RSP client.get#");
 }
 
+TEST_F(messages, of_a_component_to_its_own_subscription_keep_their_ids) {
+  play("server hears tick; server SIG tick tick server.tick# > server = SIG server.tick#");
+}
+
 TEST_F(messages, that_ask_are_answered_when_their_server_ends) {
   const struct {
     std::string act, reason;
@@ -124,6 +135,12 @@ TEST_F(messages, that_ask_are_answered_when_their_server_ends) {
         "client SIG get client.get 4 > server = SIG 4; server RSP client.get get 2 > client = RSP 2; " +
         row.act + "; client > client = ERR 1 (" + row.reason + "), ERR 3 (" + row.reason +
         "); server registers; client > client");
+}
+
+TEST_F(messages, that_ask_stay_open_when_another_component_ends) {
+  play(
+      "client REQ get client.get 5 > server = REQ 5; other leaves; client > client; server leaves; "
+      "client > client = ERR 5 (the component is gone)");
 }
 
 TEST_F(messages, that_ask_a_socket_that_is_gone_are_answered_with_those_before) {
@@ -186,17 +203,35 @@ TEST_F(messages, that_a_component_did_not_even_take_are_answered_once_as_far_as_
   EXPECT_EQ(open, answered);
 }
 
+TEST_F(messages, that_were_refused_are_counted_when_the_component_ends_without_having_read) {
+  block();
+  for (int sent = 0; sent < 2000; ++sent)
+    play("client SIG get client.get 1; server uses x");
+  play("server leaves");
+  EXPECT_TRUE(seam::logged("- 4000 messages to server were not read"));
+}
+
 TEST_F(messages, that_ask_all_subscribers_are_answered_when_none_takes_them) {
   play(
       "client hears tick; client ignores client.tick; other hears tick; other ignores other.tick; "
       "client hears tick; other hears tick");
-  seam::fail(seam::SEND, ECONNREFUSED);
-  play("server REQ client.tick tick 6 > server");  // the other one has it
+  for (const int taken : {0, 1}) {
+    play("client registers; client hears tick; other registers; other hears tick");
+    seam::fail(seam::SEND, ECONNREFUSED, 1, taken);
+    play("server REQ client.tick tick 6 > server");  // the other one has it
+  }
   play(
       "server registers; server signals lone; client registers; client hears "
       "lone");
   seam::fail(seam::SEND, ECONNREFUSED);
   play("server REQ client.lone lone 7 > server = ERR 7 (the component is gone)");
+}
+
+TEST_F(messages, that_ask_the_subscriber_with_this_id_are_answered_when_it_is_gone) {
+  play("client hears tick; other hears tick");
+  seam::fail(seam::SEND, ECONNREFUSED);
+  play("server REQ client.tick tick client.tick#; other > other");
+  play("server > server = ERR " + std::to_string(number("client.tick#")) + " (the component is gone)");
 }
 
 TEST_F(messages, that_ask_a_proxy_are_answered_when_it_unsubscribes) {
@@ -205,11 +240,55 @@ TEST_F(messages, that_ask_a_proxy_are_answered_when_it_unsubscribes) {
       "server > server = ERR 5 (the subscription has ended)");
 }
 
+TEST_F(messages, that_ask_a_proxy_are_answered_when_its_component_ends) {
+  play(
+      "server REQ client.get get 5 > client = REQ 5; client leaves; "
+      "server > server = ERR 5 (the component is gone)");
+}
+
 TEST_F(messages, to_a_socket_that_goes_while_they_wait_are_its_end) {
   block();
   play("client SIG get client.get 1");
   seam::fail(seam::SEND, ECONNREFUSED);
   peers.serve(false), peers.forget_gone();
+  EXPECT_FALSE(is_registered("server"));
+}
+
+TEST_F(messages, of_another_component_find_room_in_a_queue) {
+  play("other uses get");
+  block();
+  for (int sent = 0; sent < 1000; ++sent)
+    play("client SIG get client.get 1");
+  const outlet& full = peers.at_mgmt("/tmp/kxcore/server")->data;
+  const unsigned long lost = full.lost();
+  play("other SIG get other.get 1");
+  EXPECT_EQ(lost, full.lost());
+  EXPECT_NE(0u, lost) << "the queue is not full";
+}
+
+TEST_F(messages, of_another_user_find_room_in_a_queue) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give a socket away";
+  raw_component& other = at("other");
+  for (const raw_socket* const each : {&other.mgmt, &other.data})
+    EXPECT_EQ(0, chown(each->path().c_str(), 1234, 0));
+  play("other leaves");
+  other.uid = 1234;
+  play("other registers; other uses get");
+  block();
+  for (int sent = 0; sent < 1000; ++sent)
+    play("client SIG get client.get 1");
+  const outlet& full = peers.at_mgmt("/tmp/kxcore/server")->data;
+  const unsigned long lost = full.lost();
+  for (int sent = 0; sent < 600; ++sent)
+    play("other SIG get other.get 1");
+  EXPECT_EQ(lost, full.lost());
+  EXPECT_NE(0u, lost) << "the queue is not full";
+}
+
+TEST_F(messages, that_could_not_be_sent_later_are_the_end_of_who_does_not_read) {
+  block();
+  seam::fail(seam::EPOLL_CTL, ENOSPC);
+  play("client SIG get client.get 1");
   EXPECT_FALSE(is_registered("server"));
 }
 

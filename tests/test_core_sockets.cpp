@@ -106,6 +106,14 @@ TEST_F(outlets, give_each_sender_as_much_as_it_leaves_free_and_newcomers_one_mes
   EXPECT_EQ(whole / 2, flood(1)) << "what was given up is still counted";
 }
 
+TEST_F(outlets, give_a_sender_the_room_again_that_its_messages_had) {
+  block();
+  flood(1);
+  seam::fail(seam::SEND, EAGAIN, 9999, 8);
+  EXPECT_EQ(outlet::QUEUED, out.flush());
+  EXPECT_EQ(8u, flood(1));
+}
+
 TEST_F(outlets, refuse_without_memory_and_go_on) {
   for (int fails_at = 1; seam::has_failed(seam::NEW); ++fails_at) {
     out.take_queue();

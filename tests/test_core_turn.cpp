@@ -49,12 +49,16 @@ class turns : public whole_core {
 }  // namespace
 
 TEST_F(turns, take_data_before_the_management_that_followed_it) {
-  for (const int sent : {0, 1, 16, 17, 256, 257}) {
-    play("client registers; client uses get");
+  for (const int sent : {0, 1, 16, 17, 256, 257, 512}) {
+    play("client registers; client uses get; other uses get");
     raw_component& client = at("client");
-    const auto message = make_message(unsigned(number("get")), unsigned(number("client.get")), MSG_SIG, 5, 1);
+    const auto send = [this](const std::string& name) {
+      const auto proxy = unsigned(number(name + ".get"));
+      return at(name).data.send(fake_core::data_path,
+                                make_message(unsigned(number("get")), proxy, MSG_SIG, 5, 1));
+    };
     int room = 0;
-    while (room < sent && client.data.send(fake_core::data_path, message))
+    while (room < sent && (send("client") || send("other")))
       ++room;
     seam::clear_lines();
     client.manage(CMD_UNREG_COMPONENT, "", 0, MSG_SIG);
@@ -68,6 +72,19 @@ TEST_F(turns, of_management_wait_for_no_more_data_than_a_full_queue) {
     at(name).manage(CMD_SUB_FUNCTION, "x", 0);
     EXPECT_EQ(name == "client" ? bound : 0, batches_until([&] { return !at(name).mgmt.receive().empty(); }));
   }
+}
+
+TEST_F(turns, keep_the_management_that_waits_when_more_comes) {
+  at("client").manage(CMD_SUB_FUNCTION, "x", 0);
+  int batches = 0;
+  seam::before(seam::RECVMMSG, [&] {
+    if (++batches == 40) at("server").manage(CMD_SUB_FUNCTION, "x", 0);
+    for (int i = 0; i < 17 && batches < 100; ++i)
+      at("other").data.send(fake_core::data_path, make_message(1, 0, MSG_SIG, 1, 1));
+  });
+  subject.serve();
+  for (const std::string name : {"client", "server"})
+    EXPECT_NE("", raw_component::arrived(at(name).mgmt)) << name;
 }
 
 TEST_F(turns, take_the_data_of_a_process_before_its_end) {
@@ -93,6 +110,36 @@ TEST_F(turns, take_the_data_of_a_process_before_its_end) {
   EXPECT_TRUE(seam::logged("is gone: its process ended"));
 }
 
+TEST_F(turns, take_the_management_of_a_process_before_its_end) {
+  child_process mortal([] {
+    raw_component me("mortal");
+    me.manage(CMD_REG_COMPONENT, "", 0);
+    while (me.mgmt.receive().empty())
+      usleep(1000);
+    bool has_room = true;
+    for (int sent = 0; sent < 40; ++sent)
+      has_room = has_room && me.mgmt.send(fake_core::mgmt_path, me.make(CMD_UNSUB_FUNCTION, "", 0, MSG_SIG));
+    me.manage(CMD_UNREG_COMPONENT, "", 0, MSG_SIG);
+    _exit(has_room ? 0 : 1);
+  });
+  serve_until("mortal (pid");
+  if (mortal.end(0) != 0) GTEST_SKIP() << "the system gives the core no queue that is longer than a batch";
+  serve_until(") is gone: ");
+  EXPECT_TRUE(seam::logged("is gone: it unregistered"));
+}
+
+TEST_F(turns, notice_the_end_of_one_process_after_that_of_another) {
+  for (const std::string name : {"first", "second"}) {
+    raw_component& mortal = at(name);
+    child_process process([&mortal] { mortal.manage(CMD_REG_COMPONENT, "", 0), pause(); });
+    serve_until(name + " (pid");
+    remove(name);
+    const std::string its = name + " (pid " + std::to_string(process.pid());
+    process.end(SIGKILL);
+    serve_until(its + ") is gone: its process ended");
+  }
+}
+
 TEST_F(turns, wait_before_the_end_of_a_process_for_no_more_data_than_a_full_queue) {
   child_process mortal([] {
     raw_component me("mortal");
@@ -102,6 +149,25 @@ TEST_F(turns, wait_before_the_end_of_a_process_for_no_more_data_than_a_full_queu
   serve_until("mortal (pid");
   mortal.end(SIGKILL);
   EXPECT_EQ(bound, batches_until([] { return seam::logged("is gone: its process ended"); }));
+}
+
+TEST_F(turns, wait_before_the_end_of_a_process_for_no_more_management_than_it_may_have_sent) {
+  raw_component& mortal = at("mortal");
+  child_process process([&mortal] { mortal.manage(CMD_REG_COMPONENT, "", 0), pause(); });
+  serve_until("mortal (pid");
+  remove("mortal");
+  process.end(SIGKILL);
+  const raw_socket& stranger = at("stranger").mgmt;
+  constexpr int enough = 20'000;
+  int sent = 0;
+  bool is_gone = false;
+  seam::before(seam::RECVMMSG, [&] {
+    is_gone = is_gone || seam::logged("is gone: its process ended");
+    for (int i = 0; i < 17 && sent < enough && !is_gone; ++i)
+      sent += stranger.send(fake_core::mgmt_path, std::vector<unsigned char>(1)) ? 1 : 0;
+  });
+  subject.serve();
+  EXPECT_LT(sent, enough);
 }
 
 TEST_F(turns, leave_a_component_to_the_children_of_its_process) {
@@ -126,6 +192,12 @@ TEST_F(turns, answer_at_once_in_place_of_a_component_whose_socket_goes) {
   remove("server");
   subject.serve();
   play("client > client = ERR 5 (the component is gone)");
+}
+
+TEST_F(turns, of_data_end_with_the_ends_that_they_found) {
+  play("client REQ get client.get 5 > server = REQ 5");
+  remove("server");
+  play("client SIG get client.get 6 > client = ERR 5 (the component is gone)");
 }
 
 TEST_F(turns, take_nothing_from_another_process_in_a_components_place) {
