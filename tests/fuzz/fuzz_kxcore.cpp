@@ -57,6 +57,7 @@ struct member {
   unsigned int requests = 0;
   std::size_t backlog = 0;  // bytes that wait in the core, at most
   std::vector<holding> holdings{};
+  std::vector<std::uint32_t> withdrawn{};  // siids of functions
 
   unsigned int bit() const { return 1u << index; }
 
@@ -114,20 +115,27 @@ class world {
       read(each);
     for (member& each : m_members)
       return_to_bus(each);
-    for (member& each : m_members)
-      read(each);
-    for (const sent& message : m_sent) {
-      REQUIRE(message.must_reach == 0);
-      REQUIRE(!message.must_fail || message.failures == 1 || !is_remembered(message));
-    }
-    for (member& each : m_members)
+    settle();
+    for (member& each : m_members) {
       manage(each, each.registered, CMD_UNREG_COMPONENT, {MSG_REQ, 0, 0});
+      settle();
+    }
     REQUIRE(m_peers.size() == 0);
     for (std::uint32_t siid = 0; siid <= m_last_siid; ++siid)
       REQUIRE(m_peers.services().find(siid) == nullptr);
   }
 
  private:
+  // All that must have arrived has, when everybody reads.
+  void settle() {
+    for (member& each : m_members)
+      read(each);
+    for (const sent& message : m_sent) {
+      REQUIRE(message.must_reach == 0);
+      REQUIRE(!message.must_fail || message.failures == 1 || !is_remembered(message));
+    }
+  }
+
   void act() {
     member& who = any_member();
     const std::size_t what = m_input.below(8);
@@ -240,6 +248,7 @@ class world {
       message.must_reach &= ~who.bit();
     }
     who.holdings.clear();
+    who.withdrawn.clear();
     who.state = next;
     ++who.registration;
     who.grants = who.requests = 0;
@@ -383,6 +392,7 @@ class world {
     for (const member& each : m_members)
       for (const holding& held : each.holdings)
         check_apart(granted, held, &each == &to);
+    REQUIRE(std::count(to.withdrawn.begin(), to.withdrawn.end(), siid) == 0);
     ++to.grants;
     m_last_siid = std::max(m_last_siid, siid);
     if (holding* const former = to.find_siid(siid); former != nullptr) {
@@ -407,6 +417,7 @@ class world {
     const std::uint32_t siid = given.siid;
     for (sent& message : m_sent)
       if (message.to == siid && given.role != endpoint::SUBSCRIBERS) fail(message);
+    if (given.role == endpoint::STUB && !given.is_signal) from.withdrawn.push_back(siid);
     auto& all = from.holdings;
     all.erase(
         std::remove_if(all.begin(), all.end(), [siid](const holding& each) { return each.siid == siid; }),
@@ -461,7 +472,8 @@ class world {
       const holding* const held = by.find_siid(message.from);
       message.to = how < 5 && held != nullptr ? opposite(*held) : any_siid(any_member());
       message.id = any_id();
-      message.type = static_cast<msg_type_e>(m_input.below(5));
+      const std::size_t type = m_input.below(8);
+      message.type = type < 5 ? static_cast<msg_type_e>(type) : MSG_REQ;
     }
     return message;
   }
