@@ -184,6 +184,10 @@ TEST_F(running_core, has_queues_longer_than_the_systems) {
 }
 
 TEST_F(running_core, ends_with_status_1_when_another_process_has_its_place) {
+  raw_component client("client");
+  client.manage(CMD_REG_COMPONENT, "", 0);
+  for (int tries = 0; client.mgmt.receive().empty() && tries < patience_ms; ++tries)
+    usleep(1000);  // until it serves
   const raw_socket foreign("/tmp/kxcore/foreign");
   EXPECT_EQ(0, rename(foreign.path().c_str(), fake_core::mgmt_path));
   EXPECT_EQ(1, program->end(0));
