@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -18,7 +19,7 @@ int open_path(const std::string& path) {
 
 }  // namespace
 
-socket_file::socket_file(const std::string& path) : m_file(open_path(path)) {
+socket_file::socket_file(const std::string& path) : m_path(path), m_file(open_path(path)) {
   struct stat file = {};
   if (!exists() || fstat(m_file.get(), &file) != 0) return;
   m_identity = {file.st_uid, file.st_dev, file.st_ino};
@@ -28,7 +29,8 @@ socket_file::socket_file(const std::string& path) : m_file(open_path(path)) {
 }
 
 sockaddr_un socket_file::address() const {
-  return socket_address("/proc/self/fd/" + std::to_string(m_file.get()));
+  static const bool has_proc = access("/proc/self/fd", F_OK) == 0;
+  return socket_address(has_proc ? "/proc/self/fd/" + std::to_string(m_file.get()) : m_path);
 }
 
 int open_datagram() { return socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); }

@@ -29,10 +29,11 @@ class socket_file {
 
   const file_identity& identity() const { return m_identity; }
 
-  // The address of this very socket, as long as the object lives.
+  // The address of this very socket, as long as the object lives. On a system without /proc it is the path.
   sockaddr_un address() const;
 
  private:
+  std::string m_path;
   unique_fd m_file;
   file_identity m_identity;
 };
