@@ -238,6 +238,8 @@ TEST_F(inboxes, tell_the_senders_path_process_and_user_anew_for_each_datagram) {
 }
 
 TEST_F(inboxes, take_no_descriptors) {
+  if (std::string(KXCORE_COMMAND).find('|') != std::string::npos)
+    GTEST_SKIP() << "an emulator takes more control data than it hands on";
   int passed[16] = {};
   iovec part = {passed, 14};
   union {
