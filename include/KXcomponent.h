@@ -235,7 +235,7 @@ class KX_EXPORT KXcomponent {
   static void pause_one_second();
 
   /// Why the core refused what was asked of it last, in its own words ("nobody offers 'clock'"); empty when
-  /// it did not, or gave no reason. A management exchange on any thread replaces it.
+  /// it did not, or gave no reason. The next management exchange replaces it.
   const std::string& last_refusal() const;
 
   /// Keeps the reason that the core's answer to a request gives; null forgets that of an earlier one.

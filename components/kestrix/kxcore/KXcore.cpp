@@ -244,7 +244,7 @@ void KXcore::reclaim_place() {
 
 // Serves what came before; nothing comes to sockets without files, except from who has connected to them.
 void KXcore::drain() {
-  constexpr int full_queue = socket_queue / (batches_per_turn * static_cast<int>(inbox::batch_size)) + 1;
+  constexpr int full_queue = socket_queue / static_cast<int>(inbox::batch_size) + 1;  // of management
   for (int turns = full_queue; turns > 0 && (is_readable(m_mgmt_fd) || is_readable(m_data_fd)); --turns) {
     get_mgmt_message(m_mgmt_fd);
     get_data_message(m_data_fd);

@@ -46,7 +46,9 @@ bus_directory::~bus_directory() {
 
 void bus_directory::enter() {
   open_directory();
-  if (inotify_add_watch(m_events.get(), m_path.c_str(), changes) < 0) m_events = unique_fd();
+  const bool is_watched = inotify_add_watch(m_events.get(), m_path.c_str(), changes) >= 0;
+  const bool is_first = m_lock.get() < 0;  // later somebody polls the descriptor
+  if (is_first && !is_watched) m_events = unique_fd();
   if (!holds_lock()) lock();
 }
 

@@ -57,7 +57,8 @@ std::unique_ptr<KXcore> create_core(bus_directory& place, reporter& report) {
   return std::make_unique<KXcore>(place, report);
 }
 
-// Closed standard streams would be the numbers of the core's own descriptors, and its lines go there.
+// The core's own descriptors would get the numbers of closed standard streams, and its lines go into its
+// files.
 void open_standard_streams() {
   for (int fd = open("/dev/null", O_RDWR); fd >= 0; fd = open("/dev/null", O_RDWR)) {
     if (fd <= STDERR_FILENO) continue;

@@ -121,8 +121,9 @@ std::string registrar::register_peer(const request& received, KXmessage& reply) 
   if (!has_sockets_of_its_own(*created)) return "the sockets at its paths are not its own";
 
   take_place(*created);
-  m_report.event("%s (pid %d) registered with %s", name.c_str(), created->pid, data_path.c_str());
+  const pid_t pid = created->pid;
   m_peers.add(std::move(created));
+  m_report.event("%s (pid %d) registered with %s", name.c_str(), pid, data_path.c_str());
   reply << m_data_path;
   return {};
 }

@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 
-#include "KXcomponent.h"
 #include "KXlog.h"
 #include "request.h"
 

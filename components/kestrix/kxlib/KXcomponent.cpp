@@ -284,8 +284,8 @@ int KXcomponent::send_data_message(KXmessage&) { return 0; }
 const std::string& KXcomponent::last_refusal() const { return m_shared->refusal; }
 
 void KXcomponent::keep_refusal(const KXmessage* answer) {
-  m_shared->refusal.clear();
-  if (answer != nullptr) payload(*answer).take(m_shared->refusal);
+  const bool has_reason = answer != nullptr && payload(*answer).take(m_shared->refusal);
+  if (!has_reason) m_shared->refusal.clear();
 }
 
 // --- datagrams ---
