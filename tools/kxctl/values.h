@@ -4,6 +4,7 @@
 #ifndef KXCTL_VALUES_H
 #define KXCTL_VALUES_H
 
+#include <cstddef>
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -12,14 +13,18 @@
 
 #include "KXmessage.h"
 
+// A text as one line for a terminal: control characters, backslashes and double quotes are escaped, and of a
+// text that is no UTF-8 all that is not ASCII.
+std::string escaped(const std::string& text);
+
 struct value {
   using bytes = std::vector<unsigned char>;
 
   std::string type;
   std::variant<bool, std::int64_t, std::uint64_t, std::string, bytes> content;
 
-  std::string text()
-      const;  // as call prints it: strings in quotes with escapes, a buffer as its length and hex bytes
+  // As it is written for `encode`, with strings in quotes and escaped, and bytes in hex.
+  std::string text() const;
   nlohmann::json json() const;  // a string that is no UTF-8, and a buffer, as {"hex": "..."}
 };
 
@@ -36,8 +41,8 @@ struct decoded_payload {
 decoded_payload decode(const unsigned char* bytes, std::size_t size);
 decoded_payload decode(const KXmessage& message);
 
-// Appends the values of a signature, written as arguments; returns why not, or an empty text. Nothing is
-// appended that does not fit into a message. "ay" takes a count and as many bytes, as busctl has it.
+// Appends the values of a signature, written as arguments; returns why not, or an empty text. Then nothing is
+// appended. "ay" takes a count and as many bytes, as busctl has it.
 std::string encode(const std::string& signature, const std::vector<std::string>& words, KXmessage& to);
 
 #endif
