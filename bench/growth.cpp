@@ -1,10 +1,13 @@
 // How the costs of the bus grow with what is on it.
 #include <arpa/inet.h>
+#include <sched.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -16,17 +19,21 @@
 #include "child_process.h"
 #include "echo.h"
 #include "private_bus.h"
+#include "record.h"
+#include "socket_address.h"
 #include "support.h"
 
 namespace {
 
 constexpr char usage[] =
-    "usage: growth components|services|subscribers|timers N [--pin CPU]\n"
+    "usage: growth components|services|subscribers|monitors|timers N [--pin CPU]\n"
     "\n"
     "  components N   with N components on the bus: time of a round trip and of a subscription, memory of\n"
     "                 kxcore (RssAnon)\n"
     "  services N     the same with N services\n"
     "  subscribers N  time from sending a signal until all of N components have received it\n"
+    "  monitors N     time of a round trip while N programs, 0 too, are shown all messages, on any "
+    "processor\n"
     "  timers N       with N timers armed: time of arming and removing one, time of firing one\n";
 
 constexpr long calls = 4000;
@@ -190,6 +197,53 @@ void measure_subscribers(int population, int datagram_size) {
   component->stop();
 }
 
+// --- monitors ---
+
+// Reads what a monitor is shown. It rests a moment whenever nothing is left, so that the core need not wake
+// it for each record.
+void watch(const counter& ready) {
+  cpu_set_t all;
+  std::memset(&all, 0xFF, sizeof all);
+  sched_setaffinity(0, sizeof all, &all);
+  const int connection = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  const sockaddr_un address = socket_address(std::string(bus_path) + ".kxcore/monitor");
+  KXmessage hello;
+  hello << static_cast<unsigned int>(record_version), hello << "", hello << "";
+  if (connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+      send(connection, hello.data + hello.offset, static_cast<std::size_t>(hello.size), 0) < 0)
+    _exit(EXIT_FAILURE);
+  char record[4096];
+  for (bool is_first = true; recv(connection, record, sizeof record, 0) > 0; is_first = false) {
+    if (is_first) ready.count();
+    while (recv(connection, record, sizeof record, MSG_DONTWAIT) > 0) {
+    }
+    usleep(1000);
+  }
+  _exit(EXIT_SUCCESS);
+}
+
+void measure_monitors(int population, int datagram_size) {
+  const std::unique_ptr<child_process> core = start_core();
+  const counter ready;
+  child_process server(serve_echo);
+  const std::unique_ptr<KXclientComponent> component = join("growth");
+  {
+    KXproxy proxy(component.get());
+    subscribe_when_offered(proxy);
+    std::vector<std::unique_ptr<child_process>> monitors;
+    for (int i = 0; i < population; ++i) {
+      monitors.push_back(std::make_unique<child_process>([&] { watch(ready); }));
+      ready.await(1);
+    }
+    echo_caller call(proxy, text_for(datagram_size));
+    const auto nothing = [](long) {};
+    bench::exchange(calls / 10, bench::round_trips, nothing, call);
+    const double seconds = bench::exchange(calls, bench::round_trips, nothing, call);
+    std::printf("monitors=%d us_per_roundtrip=%.3f\n", population, seconds * 1e6);
+    component->stop();
+  }
+}
+
 // --- timers ---
 
 class timekeeper : public KXclientComponent {
@@ -273,6 +327,8 @@ int main(int argc, char** argv) {
     measure_crowd("services", population, holders, population - 1, options.size);
   } else if (options.mode == "subscribers") {
     measure_subscribers(population, options.size);
+  } else if (options.mode == "monitors") {
+    measure_monitors(population, options.size);
   } else if (options.mode == "timers") {
     measure_timers(population);
   } else {

@@ -52,13 +52,14 @@ GROWTH = {
     "components": "components on the bus",
     "services": "services on the bus",
     "subscribers": "subscribers of a signal",
+    "monitors": "monitors",
     "timers": "timers armed",
 }
 GROWTH_INTRODUCTION = """## How costs grow
 
 Pinned; medians of five runs, with the smallest and the largest. kxcore finds services by siid and by name in hash
 tables. A signal is a datagram for each of its subscribers. Armed timers are a list in order of expiry, which arming
-one walks; the event loop fires one in each of its cycles.
+one walks; the event loop fires one in each of its cycles. Monitors read on any processor.
 """
 MEASURES = {
     "us_per_roundtrip": "round trip, µs",
@@ -143,6 +144,10 @@ def growth_table(what, populations):
     return markdown_table([GROWTH[what]] + [MEASURES[measure] for measure in measures], rows)
 
 
+def plot_of(what):
+    return "" if what == "monitors" else f"\n![Growth](benchmarks-{what}.svg)\n"
+
+
 def encoding_section(path):
     lines = path.read_text().splitlines()
     start = next(i for i, line in enumerate(lines) if line.startswith("name,"))
@@ -181,7 +186,7 @@ def main():
     parts = [introduction, comparison,
              "![Round trips](benchmarks-rtt.svg)\n\n![One-way messages](benchmarks-oneway.svg)\n",
              GROWTH_INTRODUCTION]
-    parts += [growth_table(what, growth[what]) + f"\n![Growth](benchmarks-{what}.svg)\n" for what in GROWTH]
+    parts += [growth_table(what, growth[what]) + plot_of(what) for what in GROWTH]
     parts += ["## Encoding\n", encoding_section(results / "encoding"),
               "## What a round trip takes\n\nEach process of one synchronous call, in steady state.\n",
               (results / "counts").read_text()]

@@ -8,6 +8,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 namespace bench {
 
@@ -50,7 +51,8 @@ options parse(int argc, char** argv, const char* usage, int smallest_size) {
   if (argc - optind != 2) fail("%s", usage);
   result.mode = argv[optind];
   result.count = std::atol(argv[optind + 1]);
-  if (result.count <= 0 || result.size < smallest_size || result.size > 2048) fail("%s", usage);
+  const bool is_number = result.count > 0 || std::strcmp(argv[optind + 1], "0") == 0;
+  if (!is_number || result.size < smallest_size || result.size > 2048) fail("%s", usage);
   if (result.cpu >= 0) pin(result.cpu);
   return result;
 }

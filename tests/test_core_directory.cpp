@@ -23,8 +23,8 @@ class services : public seam_test {
     std::ostringstream text;
     for (std::uint32_t siid = 0; siid < 60; ++siid)
       if (const endpoint* found = of.find(siid))
-        text << siid << "=" << found->role << found->of->name << found->of->proxies
-             << found->of->subscribers.size() << found->holder() << found->mid_first << " ";
+        text << siid << "=" << found->role << found->of->name << found->of->is_signal
+             << found->of->uses() << found->holder() << found->mid_first << " ";
     for (std::uint32_t id = 0; id < 40 * mid_ranges::size; id += mid_ranges::size)
       text << of.id_holder(id).component << "/" << of.id_holder(id).siid << " ";
     for (const peer* each : {&a, &b, &c})
@@ -36,7 +36,7 @@ class services : public seam_test {
 
   directory::grant use(peer& by, const std::string& name) { return of.subscribe(by, of.find_offered(name)); }
 
-  peer a{"a", {"", 0, 0}, ""}, b{"b", {"", 0, 0}, ""}, c{"c", {"", 0, 0}, ""};
+  peer a{"a", {"/tmp/kxcore/a", 0, 0}, ""}, b{"b", {"/tmp/kxcore/b", 0, 0}, ""}, c{"c", {"/tmp/kxcore/c", 0, 0}, ""};
   directory of;
   const std::uint32_t f = of.offer(a, "f", false);
   const std::uint32_t s = of.offer(a, "s", true);
@@ -77,11 +77,11 @@ TEST_F(services, do_not_change_when_memory_fails) {
     EXPECT_NE(before, state()) << row.what;
   }
   of.forget(b), of.forget(c);
-  EXPECT_EQ(2u, of.find_offered("f")->siid + of.find_offered("f")->proxies) << "a user is left over";
+  EXPECT_EQ(2u, of.find_offered("f")->siid + of.find_offered("f")->uses()) << "a user is left over";
 }
 
 TEST(ranges_of_message_ids, are_used_again_when_64_others_are_free) {
-  peer a{"a", {"", 0, 0}, ""};
+  peer a{"a", {"/tmp/kxcore/a", 0, 0}, ""};
   mid_ranges ranges;
   numbers taken;
   for (std::uint32_t i = 0; i < 65; ++i)
@@ -96,7 +96,7 @@ TEST(ranges_of_message_ids, are_used_again_when_64_others_are_free) {
 }
 
 TEST(ranges_of_message_ids, belong_to_who_took_them) {
-  peer a{"a", {"", 0, 0}, ""}, b{"b", {"", 0, 0}, ""};
+  peer a{"a", {"/tmp/kxcore/a", 0, 0}, ""}, b{"b", {"/tmp/kxcore/b", 0, 0}, ""};
   mid_ranges ranges;
   const std::uint32_t first = ranges.take({&a, 5}), second = ranges.take({&b, 6});
   const struct {

@@ -131,7 +131,7 @@ TEST_F(reports, go_where_the_verbosity_and_the_level_of_the_log_say) {
 
 TEST_F(reports, are_thinned_out_after_the_first_eight) {
   reporter report(false);
-  unsigned long count = 0;
+  tally count;
   for (int i = 0; i < 70; ++i)
     report.dropped(count, "somebody", "a reason");
   std::string told;
@@ -140,7 +140,7 @@ TEST_F(reports, are_thinned_out_after_the_first_eight) {
     told += line.text.substr(begin + 31, line.text.find(" so far): a reason") - begin - 30);
   }
   EXPECT_EQ("1 2 3 4 5 6 7 8 16 32 64 ", told);
-  EXPECT_EQ(70u, count);
+  EXPECT_EQ(70u, count.dropped);
 }
 
 namespace {
@@ -243,7 +243,7 @@ TEST_F(outside, a_core_without_sockets_does_not_begin) {
 }
 
 TEST_F(outside, drops_are_counted_for_each_component_and_for_all_strangers) {
-  peer component("component", {"", 0, own}, "");
+  peer component("component", {"/tmp/kxcore/component", 0, own}, "");
   for (const char* const path : {"/tmp/kxcore/a\n", "/tmp/kxcore/\x7F"})
     outsiders.drop(nullptr, {path, 1, own}, "why");
   outsiders.drop(&component, {"/tmp/kxcore/component", 1, own}, "why");

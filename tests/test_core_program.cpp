@@ -76,8 +76,8 @@ TEST(command_line, decides_on_the_output_and_the_exit_status) {
     int status;
     std::string out, err;  // how they begin
   } rows[] = {
-      {"--help", 0, "usage: kxcore [--verbose]\n", ""},
-      {"-h", 0, "usage: kxcore [--verbose]\n", ""},
+      {"--help", 0, "usage: kxcore [--verbose] [--monitor-group GROUP]\n", ""},
+      {"-h", 0, "usage: kxcore [--verbose] [--monitor-group GROUP]\n", ""},
       {"--version", 0, "kxcore ", ""},
       {"--wrong", 2, "", "unrecognized option '--wrong'\nusage: kxcore"},
       {"-v extra", 2, "", "kxcore: unexpected argument 'extra'\nusage: kxcore"},
@@ -124,6 +124,7 @@ TEST_F(kxcore, says_why_its_queues_are_short) {
   EXPECT_EQ(0, chmod("/tmp/kxcore", 0777));
   for (const char* const left : {fake_core::mgmt_path, fake_core::data_path, "/tmp/kxcore/.kxcore.lock"})
     unlink(left);
+  std::filesystem::remove_all("/tmp/kxcore/.kxcore");
   const unique_fd err(open("/tmp/kxcore/err", O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
   start([&] { dup2(err.get(), STDERR_FILENO), setuid(12345) == 0 ? void() : _exit(1); }, "");
   kill(program->pid(), SIGTERM);

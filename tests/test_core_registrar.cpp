@@ -103,7 +103,7 @@ TEST_F(rooms, let_a_component_hold_1024_services_and_subscriptions) {
 }
 
 TEST_F(rooms, say_when_no_message_ids_are_left) {
-  peer greedy{"greedy", {"", 0, 0}, ""};
+  peer greedy{"greedy", {"/tmp/kxcore/greedy", 0, 0}, ""};
   while (peers.services().has_message_ids())
     peers.services().subscribe(greedy, peers.services().find_offered("tick"));
   play("other uses get = all message ids are in use, none are left for 'get'");

@@ -69,6 +69,7 @@ KXcore::KXcore(bus_directory& place, reporter& report)
       m_peers(m_report),
       m_registrar(m_peers, m_strangers, m_report, m_data_socket_name),
       m_router(m_peers, m_strangers, m_report),
+      m_introspection(m_peers, m_strangers, m_report),
       m_shutdown(m_peers) {
   if (m_signals.get() < 0) throw std::system_error(errno, std::generic_category(), "cannot wait for signals");
   inbox::ask_for_credentials(m_mgmt_fd);
@@ -138,6 +139,7 @@ void KXcore::end_processes() {
 
 void KXcore::serve_management(unsigned int i) {
   const sender& from = m_mgmt_inbox.sender_of(i);
+  m_report.monitors.arrived({from.sent_ns, record_is_management});
   const KXmessage& message = m_mgmt_inbox.message(i);
   if (m_mgmt_inbox.is_malformed(i)) return m_strangers.drop(m_peers.find_mgmt(from), from, "it is malformed");
   const bool is_own = from.path == m_mgmt_socket_name && from.pid == getpid();
@@ -147,6 +149,7 @@ void KXcore::serve_management(unsigned int i) {
 
 void KXcore::serve_data(unsigned int i) {
   const sender& from = m_data_inbox.sender_of(i);
+  m_report.monitors.arrived({from.sent_ns, 0});
   if (m_data_inbox.is_malformed(i)) return m_strangers.drop(m_peers.find_data(from), from, "it is malformed");
   m_router.serve(from, m_data_inbox.message(i));
 }
@@ -165,6 +168,7 @@ void KXcore::with_memory(Function serve) {
 // After whatever may have been the end of a component.
 void KXcore::settle() {
   m_shutdown.went(m_peers.forget_gone());
+  with_memory([this] { m_introspection.tell_events(); });
   if (m_shutdown.has_begun() && m_peers.size() == 0) m_running = false;
 }
 
@@ -176,6 +180,26 @@ void KXcore::serve_peers() {
   }
   settle();
   if (m_processes_ended) get_data_message(m_data_fd);
+}
+
+// --- monitors ---
+
+void KXcore::admit_monitors(gid_t group) {
+  m_monitor_group = group;
+  const std::string refusal = m_report.monitors.open(m_socket_dir + ".kxcore", group);
+  if (refusal.empty()) {
+    add_socket_descriptor(m_report.monitors.fd(), this, call<KXcore, &KXcore::serve_monitors>);
+  } else {
+    m_report.problem("there can be no monitors: %s", refusal.c_str());
+  }
+}
+
+void KXcore::serve_monitors() {
+  m_report.monitors.serve([this](const traffic::show_t& show) { m_introspection.show_state(show); });
+  const bool is_watched = m_report.monitors.is_watched();
+  m_mgmt_inbox.ask_for_times(m_mgmt_fd, is_watched);
+  m_data_inbox.ask_for_times(m_data_fd, is_watched);
+  m_introspection.tell_events();
 }
 
 // --- the end ---
@@ -233,6 +257,7 @@ void KXcore::reclaim_place() {
     const longer_queues queues;
     reclaim(m_mgmt_fd, m_mgmt_file);
     reclaim(m_data_fd, m_data_file);
+    if (m_report.monitors.fd() >= 0) m_report.monitors.open(m_socket_dir + ".kxcore", m_monitor_group);
     m_report.problem("the files of its sockets in %s were removed: it has made them again",
                      m_socket_dir.c_str());
   } catch (const std::runtime_error& error) {

@@ -12,6 +12,7 @@
 #include "KXcomponent.h"
 #include "bus_directory.h"
 #include "inbox.h"
+#include "introspection.h"
 #include "registrar.h"
 #include "reporter.h"
 #include "roster.h"
@@ -25,6 +26,10 @@ class KXcore : public KXcomponent {
   // blocked before: the core reads them from a descriptor and stops in order. Throws
   // KXerror::ERR_SOCKET_BIND, or std::runtime_error.
   KXcore(bus_directory& place, reporter& report);
+  ~KXcore() override { m_report.monitors.close(); }
+
+  // Lets monitors in, those of `group` too unless it is -1.
+  void admit_monitors(gid_t group);
 
   void get_mgmt_message(int fd) override;
   void get_data_message(int fd) override;
@@ -57,6 +62,8 @@ class KXcore : public KXcomponent {
   void begin_shutdown();
   static int continue_shutdown(void* context, int cookie);
 
+  void serve_monitors();
+
   void look_at_place();
   void reclaim_place();
   void drain();
@@ -72,6 +79,7 @@ class KXcore : public KXcomponent {
   roster m_peers;
   registrar m_registrar;
   router m_router;
+  introspection m_introspection;
   bus_shutdown m_shutdown;
   inbox m_mgmt_inbox;
   inbox m_data_inbox;
@@ -80,6 +88,7 @@ class KXcore : public KXcomponent {
   unsigned int m_data_ahead = 0;   // datagrams that may have come before what is held
   unsigned int m_mgmt_ahead = 0;   // and management messages before the ends of processes
   unsigned long m_without_memory = 0;
+  gid_t m_monitor_group = static_cast<gid_t>(-1);
   bool m_failed = false;
 };
 

@@ -4,6 +4,8 @@
 #include <new>
 #include <utility>
 
+#include "KXconnection.h"
+
 std::uint32_t mid_ranges::take(const holder& by) {
   std::uint32_t first = m_next;
   if (m_free.size() > quarantine || m_next == last) {
@@ -29,14 +31,26 @@ mid_ranges::holder mid_ranges::holder_of(std::uint32_t msg_id) const {
   return msg_id >= size && msg_id < m_next ? m_holders[msg_id / size - 1] : holder{};
 }
 
+unsigned int service::uses() const {
+  unsigned int count = 0;
+  for (const auto& user : users)
+    count += user.second.count;
+  return count;
+}
+
 std::shared_ptr<service> directory::find_offered(const std::string& name) const {
   const auto entry = m_services.find(name);
-  return entry != m_services.end() && entry->second->owner != nullptr ? entry->second : nullptr;
+  return entry != m_services.end() && entry->second->is_offered() ? entry->second : nullptr;
 }
 
 const endpoint* directory::find(std::uint32_t siid) const {
   const auto entry = m_endpoints.find(siid);
   return entry == m_endpoints.end() ? nullptr : &entry->second;
+}
+
+std::string directory::name_of(std::uint32_t siid) const {
+  const endpoint* const found = find(siid);
+  return found == nullptr ? std::string() : found->of->name;
 }
 
 std::uint32_t directory::take_siid() {
@@ -60,6 +74,16 @@ std::uint32_t directory::offer(peer& owner, const std::string& name, bool is_sig
   offered->last_owner = owner.serial;
   ++owner.grants;
   return offered->siid;
+}
+
+std::shared_ptr<service> directory::offer_own(const std::string& name, bool is_signal,
+                                              service_handler& handler) {
+  const std::uint32_t next = std::exchange(m_next_siid, last_siid - own_siids);
+  std::shared_ptr<service> offered = create(name, is_signal);
+  m_next_siid = next;
+  offered->handler = &handler;
+  offered->description.kind = is_signal ? KXconnection::SGNL : KXconnection::SYNC;
+  return offered;
 }
 
 std::shared_ptr<service> directory::find_kept(const peer& owner, const std::string& name,
@@ -101,18 +125,19 @@ directory::grant directory::subscribe_function(peer& user, const std::shared_ptr
   try {
     m_endpoints[siid] = {endpoint::PROXY, wanted, &user, mid_first};
     user.siids.insert(siid);
+    ++wanted->users[&user].count;
   } catch (...) {
     m_endpoints.erase(siid);
+    user.siids.erase(siid);
     m_mids.give_back(mid_first);
     throw;
   }
-  ++wanted->proxies;
   return {siid, wanted->siid, mid_first, mid_first + mid_ranges::size};
 }
 
 directory::grant directory::subscribe_signal(peer& user, service& wanted) {
   const std::uint32_t siid = wanted.subscribers_siid;
-  subscriptions& of = wanted.subscribers[&user];
+  subscriptions& of = wanted.users[&user];
   try {
     user.siids.insert(siid);
     if (of.ranges.size() == of.count) {
@@ -123,7 +148,7 @@ directory::grant directory::subscribe_signal(peer& user, service& wanted) {
     }
   } catch (...) {
     if (of.ranges.size() > of.count) of.ranges.pop_back();
-    if (of.count == 0) leave(user, wanted, of);
+    if (of.count == 0) leave(user, wanted);
     throw;
   }
   ++of.count;
@@ -132,11 +157,11 @@ directory::grant directory::subscribe_signal(peer& user, service& wanted) {
 }
 
 // Ends the part that a component has in a signal.
-void directory::leave(peer& user, service& used, subscriptions& of) {
-  for (const std::uint32_t mid_first : of.ranges)
+void directory::leave(peer& user, service& used) {
+  for (const std::uint32_t mid_first : used.users.at(&user).ranges)
     m_mids.give_back(mid_first);
   user.siids.erase(used.subscribers_siid);
-  used.subscribers.erase(&user);
+  used.users.erase(&user);
 }
 
 bool directory::withdraw(peer& holder, std::uint32_t siid, bool is_signal) {
@@ -159,15 +184,14 @@ bool directory::unsubscribe(peer& holder, std::uint32_t siid, bool is_signal) {
   if (entry == nullptr || entry->role != role || !owns(holder, siid)) return false;
   const std::shared_ptr<service> used = entry->of;
   --holder.grants;
-  if (is_signal) {
-    subscriptions& of = used->subscribers.at(&holder);
-    if (--of.count > 0) return true;
-    leave(holder, *used, of);
-  } else {
+  const bool is_last = --used->users.at(&holder).count == 0;
+  if (!is_signal) {
     m_mids.give_back(entry->mid_first);
     m_endpoints.erase(siid);
     holder.siids.erase(siid);
-    --used->proxies;
+    if (is_last) used->users.erase(&holder);
+  } else if (is_last) {
+    leave(holder, *used);
   }
   release_if_unused(used);
   return true;
@@ -186,7 +210,7 @@ void directory::forget(peer& holder) {
 }
 
 void directory::release_if_unused(const std::shared_ptr<service>& released) {
-  if (released->owner != nullptr || released->proxies > 0 || !released->subscribers.empty()) return;
+  if (released->is_offered() || !released->users.empty()) return;
   m_endpoints.erase(released->siid);
   if (released->is_signal) m_endpoints.erase(released->subscribers_siid);
   const auto entry = m_services.find(released->name);

@@ -5,8 +5,10 @@
 #include <sys/socket.h>
 #include <sys/types.h>
 #include <sys/un.h>
+#include <time.h>
 
 #include <array>
+#include <cstdint>
 #include <string>
 
 #include "KXmessage.h"
@@ -19,6 +21,7 @@ struct sender {
   std::string path;  // empty when it has none
   pid_t pid;         // 0 when the core cannot see it
   uid_t uid;
+  std::uint64_t sent_ns = 0;  // since 1970, when it was sent; 0 when that is not asked for
 
   // False for what came in the moment between the socket's creation and ask_for_credentials (and for a
   // process of nobody's that the core cannot see).
@@ -36,6 +39,9 @@ class inbox {
   // Has a socket say of each datagram from now on which process of which user sent it.
   static void ask_for_credentials(int fd);
 
+  // And when it was sent, or not any more, of the socket that is received from.
+  void ask_for_times(int fd, bool is_wanted);
+
   // Receives what is there, up to batch_size datagrams, without waiting; how many.
   unsigned int receive(int fd);
 
@@ -46,17 +52,19 @@ class inbox {
   const sender& sender_of(unsigned int i);  // reused by the next call
 
  private:
-  union credentials {
+  // The time, when it is asked for, comes first.
+  union details {
     cmsghdr align;
-    char bytes[CMSG_SPACE(sizeof(ucred))];
+    char bytes[CMSG_SPACE(sizeof(timespec)) + CMSG_SPACE(sizeof(ucred))];
   };
 
   std::array<KXmessage, batch_size> m_messages;
   std::array<mmsghdr, batch_size> m_headers{};
   std::array<iovec, batch_size> m_parts{};
   std::array<sockaddr_un, batch_size> m_senders{};
-  std::array<credentials, batch_size> m_credentials{};
+  std::array<details, batch_size> m_details{};
   sender m_sender{};
+  bool m_has_times = false;
 };
 
 #endif

@@ -1,6 +1,7 @@
 // kxcore: the core daemon of the bus, for development machines and tests.
 #include <fcntl.h>
 #include <getopt.h>
+#include <grp.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -28,12 +29,14 @@ constexpr int usage_error = 2;
 void print_usage(FILE* to) {
   std::fprintf(
       to,
-      "usage: kxcore [--verbose]\n"
+      "usage: kxcore [--verbose] [--monitor-group GROUP]\n"
       "\n"
       "The core daemon of the kestrix bus: registers the components of this machine and forwards their\n"
       "messages, until SIGTERM, SIGINT or SIGQUIT ends it. Its sockets are in %s.\n"
       "\n"
       "  -v, --verbose  one line for each registration, subscription, refusal, loss and end of a component\n"
+      "      --monitor-group GROUP\n"
+      "                 who may watch all messages, beside root and the user who runs kxcore\n"
       "      --version  print the version and exit\n"
       "  -h, --help     print this text and exit\n"
       "\n"
@@ -77,7 +80,7 @@ void prepare_signals() {
   signal(SIGPIPE, SIG_IGN);
 }
 
-int run(bool verbose) {
+int run(bool verbose, gid_t monitor_group) {
   prepare_signals();
   raise_descriptor_limit();
   try {
@@ -86,6 +89,7 @@ int run(bool verbose) {
     for (const char* const socket : {"/kxcore", "/kxcore-d"})
       bus_directory::check_place(std::string(bus_path) + socket);
     const std::unique_ptr<KXcore> core = create_core(place, report);
+    core->admit_monitors(monitor_group);
     core->start(KXcomponent::CMP_START_AND_LOOP);
     return core->has_failed() ? EXIT_FAILURE : EXIT_SUCCESS;
   } catch (const KXerror::error_e&) {
@@ -103,15 +107,24 @@ int run(bool verbose) {
 int main(int argc, char** argv) {
   open_standard_streams();
   static const option options[] = {{"help", no_argument, nullptr, 'h'},
+                                   {"monitor-group", required_argument, nullptr, 'm'},
                                    {"verbose", no_argument, nullptr, 'v'},
                                    {"version", no_argument, nullptr, 'V'},
                                    {nullptr, 0, nullptr, 0}};
   bool verbose = false;
+  auto monitor_group = static_cast<gid_t>(-1);
   for (int option; (option = getopt_long(argc, argv, "hv", options, nullptr)) != -1;) {
     switch (option) {
       case 'h':
         print_usage(stdout);
         return EXIT_SUCCESS;
+      case 'm':
+        if (const group* const named = getgrnam(optarg)) {
+          monitor_group = named->gr_gid;
+          break;
+        }
+        std::fprintf(stderr, "kxcore: there is no group '%s'\n", optarg);
+        return usage_error;
       case 'v':
         verbose = true;
         break;
@@ -128,5 +141,5 @@ int main(int argc, char** argv) {
     print_usage(stderr);
     return usage_error;
   }
-  return run(verbose);
+  return run(verbose, monitor_group);
 }

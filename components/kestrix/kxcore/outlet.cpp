@@ -1,5 +1,7 @@
 #include "outlet.h"
 
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -21,7 +23,11 @@ outlet::outlet(const socket_file& to) {
 
 outlet::result_e outlet::try_send(const void* bytes, std::size_t size) {
   for (;;) {
-    if (::send(m_socket.get(), bytes, size, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) return SENT;
+    if (::send(m_socket.get(), bytes, size, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) {
+      ++m_total.sent;
+      m_total.sent_bytes += size;
+      return SENT;
+    }
     if (errno == EINTR) continue;
     const bool no_room = errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOBUFS || errno == ENOMEM;
     return no_room ? QUEUED : GONE;
@@ -39,6 +45,7 @@ outlet::result_e outlet::send(const void* bytes, std::size_t size, unsigned long
       (own == m_turns.end() ? 0 : own->cost) + cost_of(user) < max_queued && m_queued < 2 * max_queued;
   if (has_room && enqueue(own, sender, user, bytes, size)) return QUEUED;
   ++m_lost;
+  ++m_total.lost;
   return FULL;
 }
 
@@ -63,15 +70,17 @@ bool outlet::enqueue(std::list<waiting>::iterator own, unsigned long sender, uid
   }
   own->cost += size + cost_beside_bytes;
   m_queued += size + cost_beside_bytes;
+  m_total.highest_queue = std::max(m_total.highest_queue, m_queued);
   return true;
 }
 
-outlet::result_e outlet::flush() {
+outlet::result_e outlet::flush(const delivery& delivered) {
   while (has_queue()) {
     waiting& next = m_turns.front();
     const datagram& message = next.messages.front();
     const result_e result = try_send(message.data(), message.size());
     if (result != SENT) return result;
+    if (delivered) delivered(message, next.sender);
     next.cost -= message.size() + cost_beside_bytes;
     m_queued -= message.size() + cost_beside_bytes;
     next.messages.pop_front();
@@ -82,6 +91,11 @@ outlet::result_e outlet::flush() {
     }
   }
   return SENT;
+}
+
+unsigned int outlet::unread() const {
+  int bytes = 0;
+  return ioctl(m_socket.get(), SIOCOUTQ, &bytes) == 0 ? static_cast<unsigned int>(bytes) : 0;
 }
 
 unsigned long outlet::take_lost() { return std::exchange(m_lost, 0); }

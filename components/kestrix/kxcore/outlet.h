@@ -16,7 +16,9 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
+#include <functional>
 #include <list>
 #include <string>
 #include <vector>
@@ -51,11 +53,24 @@ class outlet {
   result_e send(const void* bytes, std::size_t size, unsigned long sender, uid_t user);
 
   // Sends what is queued: SENT when nothing is left, QUEUED or GONE otherwise.
-  result_e flush();
+  using delivery = std::function<void(const datagram& message, unsigned long sender)>;
+  result_e flush(const delivery& delivered = {});  // each message that was
 
   // Messages refused because the queue was full, since the last call.
   unsigned long take_lost();
   unsigned long lost() const { return m_lost; }
+
+  // What has passed since the beginning, and what waits: in the queue, now and at most, and unread in the
+  // receiver's socket.
+  struct counters {
+    std::uint64_t sent = 0;
+    std::uint64_t sent_bytes = 0;
+    std::uint64_t lost = 0;
+    std::size_t highest_queue = 0;
+  };
+  const counters& total() const { return m_total; }
+  std::size_t queued() const { return m_queued; }
+  unsigned int unread() const;
 
   // Of one sender.
   struct waiting {
@@ -78,6 +93,7 @@ class outlet {
   std::list<waiting> m_turns;  // of the senders, none without messages; the front has the next
   std::size_t m_queued = 0;    // the cost of all
   unsigned long m_lost = 0;
+  counters m_total;
 };
 
 #endif

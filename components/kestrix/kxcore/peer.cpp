@@ -6,7 +6,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <utility>
+
+#include "clock.h"
+#include "socket_address.h"
 
 namespace {
 
@@ -33,11 +37,13 @@ peer::peer(std::string component_name, const sender& from, const std::string& da
     : serial(next_serial()),
       name(std::move(component_name)),
       mgmt_path(from.path),
+      label(std::string_view(mgmt_path).substr(std::strlen(bus_path))),
       data_path(data_socket),
       mgmt_file(std::move(mgmt_socket)),
       data_file(data_socket_file.identity()),
       uid(from.is_known() ? from.uid : mgmt_file.identity().owner),
       pid(from.pid),
+      since_ns(now_ns(CLOCK_REALTIME)),
       process(open_process(from.pid)),
       mgmt(mgmt_file),
       data(data_socket_file) {}

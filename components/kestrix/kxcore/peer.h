@@ -7,18 +7,14 @@
 #include <cstdint>
 #include <set>
 #include <string>
+#include <string_view>
 
 #include "inbox.h"
 #include "open_requests.h"
 #include "outlet.h"
 #include "socket_file.h"
+#include "tally.h"
 #include "unique_fd.h"
-
-// Messages that were not accepted, by what became of them.
-struct tally {
-  unsigned long refused = 0;  // answered with an error, or a notice that was not carried out
-  unsigned long dropped = 0;
-};
 
 struct peer {
   // Of one component, so that none gets all the siids and message ids there are.
@@ -44,19 +40,23 @@ struct peer {
   const unsigned long serial;  // of this registration
   const std::string name;
   const std::string mgmt_path;
+  const std::string_view label;  // its path below the bus directory, by which others are told of it
   const std::string data_path;
   const socket_file mgmt_file;
   const file_identity data_file;
   const uid_t uid;
-  const pid_t pid;          // 0 when it is not known
+  const pid_t pid;  // 0 when it is not known
+  const std::uint64_t since_ns;
   const unique_fd process;  // pidfd, readable when the process has ended; -1 without
   outlet mgmt;
   outlet data;
   open_requests open;             // that its proxies and stubs have made
   std::set<std::uint32_t> siids;  // that its stubs, proxies and subscriptions hold
   unsigned int grants = 0;        // services and subscriptions
-  tally of_its_own;               // messages
-  bool has_ended = false;         // its process; what it sent before is not served yet
+  tally of_its_own;               // messages that were not accepted
+  std::uint64_t sent = 0;         // data messages, and their bytes
+  std::uint64_t sent_bytes = 0;
+  bool has_ended = false;  // its process; what it sent before is not served yet
   bool is_gone = false;
   bool is_told_to_end = false;
 

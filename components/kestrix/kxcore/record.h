@@ -28,17 +28,17 @@ constexpr std::size_t record_max_header = record_texts_offset + 4 * 256;
 
 struct record {
   record_event_e event;
-  std::uint32_t sequence;
-  std::uint32_t lost;
-  std::uint64_t time_ns;
-  std::uint64_t monotonic_ns;
-  std::uint64_t sent_ns;
-  pid_t pid;
-  std::uint8_t flags;
-  std::string_view sender;
-  std::string_view receiver;
-  std::string_view service;
-  std::string_view reason;  // of each text no more than 255 bytes go
+  std::uint32_t sequence = 0;
+  std::uint32_t lost = 0;
+  std::uint64_t time_ns = 0;
+  std::uint64_t monotonic_ns = 0;
+  std::uint64_t sent_ns = 0;
+  pid_t pid = 0;
+  std::uint8_t flags = 0;
+  std::string_view sender{};
+  std::string_view receiver{};
+  std::string_view service{};
+  std::string_view reason{};  // of each text no more than 255 bytes go
 };
 
 // Writes the bytes before the body; how many.

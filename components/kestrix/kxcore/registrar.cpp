@@ -59,20 +59,29 @@ void registrar::serve(const sender& from, const KXmessage& message) {
   KX_LOG_DEBUG3("RX : %s : %s : %s (id=%d)", name.c_str(), msg_type_name(header.msg_type),
                 mgmt_cmd_name(header.cmd), ntohl(header.msg_id));
   if (header.msg_type != MSG_REQ && header.msg_type != MSG_SIG)
-    return m_strangers.drop(received.from, from, "it is neither a request nor a notice");
+    return m_strangers.drop(received.from, from, "it is neither a request nor a notice", &message);
+  m_strangers.show(RECORD_RECEIVED, received.from, from, &message);
 
   KXmessage reply = make_management(MSG_RSP, header.cmd, ntohl(header.msg_id));
   const std::string refusal = carry_out(received, reply);  // it may be the end of the sender
   if (!refusal.empty()) {
-    tally& count = m_strangers.tally_of(m_peers.find_mgmt(from));
-    if (reporter::is_reported(++count.refused)) {
-      m_report.problem("refused %s of %s (%lu so far): %s", mgmt_cmd_name(header.cmd), name.c_str(),
-                       count.refused, refusal.c_str());
-    }
+    refuse(received, name, refusal);
     reply = make_management(MSG_ERR, header.cmd, ntohl(header.msg_id));
     reply << refusal;
   }
   if (header.msg_type == MSG_REQ) respond(from, reply);
+}
+
+void registrar::refuse(const request& received, const std::string& name, const std::string& reason) {
+  const char* const cmd = mgmt_cmd_name(received.cmd());
+  peer* const from = m_peers.find_mgmt(received.origin);
+  tally& count = m_strangers.tally_of(from);
+  count.note(reason);
+  if (reporter::is_reported(++count.refused))
+    m_report.problem("refused %s of %s (%lu so far): %s", cmd, name.c_str(), count.refused, reason.c_str());
+  m_report.events.note(EVENT_REFUSED, from == nullptr ? std::string_view(name) : from->label, {},
+                       std::string(cmd) + ": " + reason);
+  m_strangers.show(RECORD_REFUSED, from, received.origin, &received.message, reason);
 }
 
 std::string registrar::carry_out(const request& received, KXmessage& reply) {
@@ -124,6 +133,7 @@ std::string registrar::register_peer(const request& received, KXmessage& reply) 
   const pid_t pid = created->pid;
   m_peers.add(std::move(created));
   m_report.event("%s (pid %d) registered with %s", name.c_str(), pid, data_path.c_str());
+  m_report.events.note(EVENT_REGISTERED, m_peers.at_mgmt(received.origin.path)->label);
   reply << m_data_path;
   return {};
 }
@@ -180,22 +190,22 @@ std::string registrar::unregister_peer(const request& received, KXmessage& /*rep
 std::string registrar::offer(const request& received, KXmessage& reply) {
   std::string component;
   std::string name;
-  std::string xml_comment;
-  std::string interface_class;
-  unsigned int type = 0;
+  service_description about;
   payload values(received.message);
-  if (!values.take(component) || !values.take(name) || !values.take(xml_comment) ||
-      !values.take(interface_class) || !values.take(type)) {
+  if (!values.take(component) || !values.take(name) || !values.take(about.xml_comment) ||
+      !values.take(about.interface_class) || !values.take(about.kind)) {
     return unparsable;
   }
   const bool is_signal = facts_of(received.cmd()).of_signal;
-  if (type > KXconnection::SGNL || is_signal != (type == KXconnection::SGNL)) return unparsable;
+  if (about.kind > KXconnection::SGNL || is_signal != (about.kind == KXconnection::SGNL)) return unparsable;
   std::string reason = check_offer(*received.from, name);
   if (!reason.empty()) return reason;
 
   const std::uint32_t siid = m_peers.services().offer(*received.from, name, is_signal);
+  m_peers.services().find_offered(name)->description = std::move(about);
   m_report.event("%s offers %s '%s' (siid %u)", received.from->name.c_str(), kind_of(is_signal), name.c_str(),
                  siid);
+  m_report.events.note(EVENT_OFFERED, received.from->label, name);
   reply << static_cast<int>(siid);
   return {};
 }
@@ -216,8 +226,10 @@ std::string registrar::check_offer(peer& by, const std::string& name) {
 std::string registrar::withdraw(const request& received, KXmessage& /*reply*/) {
   std::uint32_t siid = 0;
   if (!payload(received.message).take(siid)) return unparsable;
+  const std::string name = m_peers.services().name_of(siid);
   if (!m_peers.services().withdraw(*received.from, siid, facts_of(received.cmd()).of_signal))
     return foreign_siid;
+  m_report.events.note(EVENT_WITHDRAWN, received.from->label, name, "it was withdrawn");
   m_report.event("%s withdrew the service with siid %u", received.from->name.c_str(), siid);
   m_peers.fail_all_to(siid, "the service is withdrawn");
   return {};
@@ -238,6 +250,7 @@ std::string registrar::subscribe(const request& received, KXmessage& reply) {
   const directory::grant granted = services.subscribe(*received.from, wanted);
   m_report.event("%s subscribed to %s '%s' (siid %u, message ids %u-%u)", received.from->name.c_str(),
                  kind_of(is_signal), name.c_str(), granted.siid, granted.mid_first, granted.mid_end - 1);
+  m_report.events.note(EVENT_SUBSCRIBED, received.from->label, name);
   for (const std::uint32_t number : {granted.siid, granted.service_siid, granted.mid_first, granted.mid_end})
     reply << static_cast<int>(number);
   return {};
@@ -246,8 +259,10 @@ std::string registrar::subscribe(const request& received, KXmessage& reply) {
 std::string registrar::unsubscribe(const request& received, KXmessage& /*reply*/) {
   std::uint32_t siid = 0;
   if (!payload(received.message).take(siid)) return unparsable;
+  const std::string name = m_peers.services().name_of(siid);
   if (!m_peers.services().unsubscribe(*received.from, siid, facts_of(received.cmd()).of_signal))
     return foreign_siid;
+  m_report.events.note(EVENT_UNSUBSCRIBED, received.from->label, name, "it ended its subscription");
   m_report.event("%s ended its subscription with siid %u", received.from->name.c_str(), siid);
   if (!facts_of(received.cmd()).of_signal) m_peers.fail_all_to(siid, "the subscription has ended");
   return {};

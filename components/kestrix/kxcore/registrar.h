@@ -42,6 +42,7 @@ class registrar {
   static const command commands[];
 
   std::string carry_out(const request& received, KXmessage& reply);
+  void refuse(const request& received, const std::string& name, const std::string& reason);
   void respond(const sender& to, const KXmessage& reply);
 
   std::string register_peer(const request& received, KXmessage& reply);

@@ -43,8 +43,10 @@ void reporter::problem(const char* format, ...) {
   KX_LOG_WARNING("%s", line.text);
 }
 
-void reporter::dropped(unsigned long& count, const char* from, const char* reason) {
-  if (is_reported(++count)) problem("dropped a message of %s (%lu so far): %s", from, count, reason);
+void reporter::dropped(tally& count, const char* from, const char* reason) {
+  count.note(reason);
+  if (is_reported(++count.dropped))
+    problem("dropped a message of %s (%lu so far): %s", from, count.dropped, reason);
 }
 
 bool reporter::is_reported(unsigned long count) { return count <= few || (count & (count - 1)) == 0; }

@@ -9,6 +9,7 @@
 #include <system_error>
 #include <utility>
 
+#include "datagram.h"
 #include "management.h"
 #include "request.h"
 
@@ -55,8 +56,11 @@ outlet::result_e roster::send(peer& to, outlet& way, const KXmessage& message, c
   const outlet::result_e result =
       way.send(message.m_header, static_cast<std::size_t>(message.datagram_size()),
                from == nullptr ? 0 : from->serial, from == nullptr ? getuid() : from->uid);
-  if (result == outlet::QUEUED && !had_queue && !watch_for(to, way.fd(), watch::ROOM))
-    give_up(to, "what it does not read cannot be sent later");
+  if (m_report.monitors.is_watched()) show_sent(to, result, message, from);
+  if (result == outlet::QUEUED && !had_queue) {
+    m_report.events.note(EVENT_DOES_NOT_READ, to.label);
+    if (!watch_for(to, way.fd(), watch::ROOM)) give_up(to, "what it does not read cannot be sent later");
+  }
   if (result == outlet::GONE) give_up(to, "its socket is gone");
   if (result == outlet::FULL && reporter::is_reported(way.lost())) {
     m_report.problem("%s does not read: its queue of %zu KiB is full for %s (%lu lost so far)",
@@ -68,13 +72,18 @@ outlet::result_e roster::send(peer& to, outlet& way, const KXmessage& message, c
 
 void roster::flush(peer& to, outlet& way) {
   if (to.is_gone || !way.has_queue()) return;
-  const outlet::result_e result = way.flush();
+  outlet::delivery show;
+  if (m_report.monitors.is_watched()) {
+    show = [this, &to](const datagram& message, unsigned long from) { show_delivered(to, message, from); };
+  }
+  const outlet::result_e result = way.flush(show);
   if (result == outlet::GONE) return give_up(to, "its socket is gone");
   if (result != outlet::SENT) return;
   m_watch.remove(way.fd());
-  if (const unsigned long lost = way.take_lost(); lost > 0) {
-    m_report.problem("%s reads again: %lu messages to it were lost", to.name.c_str(), lost);
-  }
+  const unsigned long lost = way.take_lost();
+  if (lost > 0) m_report.problem("%s reads again: %lu messages to it were lost", to.name.c_str(), lost);
+  m_report.events.note(EVENT_READS_AGAIN, to.label, {},
+                       lost == 0 ? std::string() : std::to_string(lost) + " messages to it were lost");
 }
 
 bool roster::serve(bool held) {
@@ -91,6 +100,48 @@ bool roster::serve(bool held) {
     }
   }
   return ended;
+}
+
+// --- what monitors see ---
+
+void roster::show(record_event_e event, const peer* from, std::string_view receiver, const KXmessage& message,
+                  std::string_view reason) {
+  if (!m_report.monitors.is_watched()) return;
+  record about = {event};
+  about.sender = from == nullptr ? "kxcore" : from->label;
+  about.receiver = receiver;
+  about.service = service_of(message);
+  about.reason = reason;
+  about.flags = is_management(message) ? record_is_management : 0;
+  about.pid = from == nullptr ? getpid() : from->pid;
+  about.sent_ns = from == nullptr ? 0 : m_report.monitors.last_arrival().sent_ns;
+  m_report.monitors.show(about, message.m_header, static_cast<std::size_t>(message.datagram_size()));
+}
+
+void roster::show_sent(const peer& to, outlet::result_e result, const KXmessage& message, const peer* from) {
+  switch (result) {
+    case outlet::SENT:
+      return show(RECORD_SENT, from, to.label, message);
+    case outlet::QUEUED:
+      return show(RECORD_QUEUED, from, to.label, message);
+    case outlet::FULL:
+      return show(RECORD_DROPPED, from, to.label, message, "the component does not read, its queue is full");
+    case outlet::GONE:
+      return show(RECORD_DROPPED, from, to.label, message, "the component is gone");
+  }
+}
+
+void roster::show_delivered(const peer& to, const datagram& message, unsigned long sender) {
+  const peer* from = nullptr;
+  for_each([&from, sender](const peer& each) { from = each.serial == sender ? &each : from; });
+  m_report.monitors.arrived({});
+  show(RECORD_DELIVERED, from, to.label, message_of(message.data(), message.size()));
+}
+
+std::string_view roster::service_of(const KXmessage& message) const {
+  for (const std::uint32_t siid : {message.m_header->dst_siid, message.m_header->src_siid})
+    if (const endpoint* const found = m_services.find(ntohl(siid))) return found->of->name;
+  return {};
 }
 
 // --- open requests ---
@@ -139,6 +190,7 @@ void roster::give_up(peer& gone, const char* reason) {
   gone.is_gone = true;
   ++m_gone;
   m_report.event("%s (pid %d) is gone: %s", gone.name.c_str(), gone.pid, reason);
+  m_report.events.note(EVENT_GONE, gone.label, {}, reason);
 }
 
 void roster::give_up_unreachable() {
@@ -172,7 +224,13 @@ void roster::release(peer& gone) {
     const endpoint* asked = gone.siids.count(request.to) == 0 ? nullptr : m_services.find(request.to);
     return asked != nullptr && asked->role != endpoint::SUBSCRIBERS;
   };
-  fail_all(is_asked, "the component is gone");
+  constexpr char reason[] = "the component is gone";
+  fail_all(is_asked, reason);
+  for (const std::uint32_t siid : gone.siids) {
+    const endpoint& held = *m_services.find(siid);
+    m_report.events.note(held.role == endpoint::STUB ? EVENT_WITHDRAWN : EVENT_UNSUBSCRIBED, gone.label,
+                         held.of->name, reason);
+  }
   m_services.forget(gone);
 }
 

@@ -7,8 +7,10 @@
 #define ROSTER_H
 
 #include <cstddef>
+#include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -39,12 +41,21 @@ class roster {
       each(*entry.second);
   }
 
+  // All of them in the order of their management paths, from behind `after` on.
+  using peer_map = std::map<std::string, std::unique_ptr<peer>>;
+  peer_map::const_iterator behind(const std::string& after) const { return m_peers.upper_bound(after); }
+  peer_map::const_iterator end() const { return m_peers.end(); }
+
   // Takes a component in whose paths nobody has; what fails for want of memory changes nothing.
   void add(std::unique_ptr<peer> added);
 
   // Sends a message over one of the ways to `to`. `from` is null for what the core itself says. What is lost
   // is counted and reported here.
   outlet::result_e send(peer& to, outlet& way, const KXmessage& message, const peer* from);
+
+  // Shows monitors a message of a component, or of the core (null), and what becomes of it.
+  void show(record_event_e event, const peer* from, std::string_view receiver, const KXmessage& message,
+            std::string_view reason = {});
 
   // Answers a request with an error in place of whom it was sent to. It is not open any more.
   void fail(peer& requester, const open_request& request, const char* reason);
@@ -76,7 +87,10 @@ class roster {
   static peer* if_process_of(peer* registered, const sender& from) {
     return registered != nullptr && registered->is_process_of(from) ? registered : nullptr;
   }
+  std::string_view service_of(const KXmessage& message) const;
   bool watch_for(peer& owner, int fd, watch::kind_e kind);
+  void show_sent(const peer& to, outlet::result_e result, const KXmessage& message, const peer* from);
+  void show_delivered(const peer& to, const datagram& message, unsigned long sender);
   void flush(peer& to, outlet& way);
   void forget(std::unique_ptr<peer> gone);
   void report_lost(peer& gone);
@@ -87,7 +101,7 @@ class roster {
   watch m_watch;
   unique_fd m_probe;  // tries whether a socket exists
   directory m_services;
-  std::unordered_map<std::string, std::unique_ptr<peer>> m_peers;  // by the path of the management socket
+  peer_map m_peers;  // by the path of the management socket
   std::unordered_map<std::string, peer*> m_by_data_path;
   unsigned int m_gone = 0;  // peers that are given up
 };

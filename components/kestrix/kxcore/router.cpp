@@ -29,18 +29,20 @@ void router::refuse_stranger(const sender& from, const KXmessage& message) {
   const peer* const registered = m_peers.at_data(from.path);
   const char* const reason = registered == nullptr ? "the sender is not registered"
                                                    : "another process has registered with this socket";
-  m_strangers.drop(nullptr, from, reason);
+  m_strangers.drop(nullptr, from, reason, &message);
   if (message.m_header->msg_type == MSG_REQ)
     m_strangers.answer(from, failure_of(request_of(message), reason));
 }
 
 void router::route(peer& from, KXmessage& message) {
+  ++from.sent;
+  from.sent_bytes += static_cast<std::size_t>(message.datagram_size());
   const open_request way = request_of(message);
   if (!m_peers.services().owns(from, way.from))
     return refuse(from, message, "its source siid is not the sender's");
   const endpoint* to = m_peers.services().find(way.to);
   if (to == nullptr) return miss(from, message, "no service has this siid");
-  const service& serving = *to->of;
+  service& serving = *to->of;
   const bool is_own_service = way.from == serving.siid;
   if (to->role != endpoint::STUB && !is_own_service)
     return refuse(from, message, "only its service reaches a proxy or subscribers");
@@ -48,11 +50,19 @@ void router::route(peer& from, KXmessage& message) {
   if (to->role == endpoint::SUBSCRIBERS || (to_itself && serving.is_signal))
     return fan_out(from, message, serving);
 
+  if (serving.handler != nullptr) return serving.handler->serve(from, serving, message);
   peer* const receiver = to->holder();
   if (receiver == nullptr) return miss(from, message, "the service is not offered any more");
   if (const char* const reason = check(from, message, *to, *receiver)) return refuse(from, message, reason);
   if (message.m_header->msg_type == MSG_REQ) from.open.add(way);
-  fail(from, message, forward(from, message, *receiver));
+  const char* const reason = forward(from, message, *receiver);
+  if (reason == nullptr) count(serving, message);
+  fail(from, message, reason);
+}
+
+void router::count(service& of, const KXmessage& message) {
+  const std::uint8_t type = message.m_header->msg_type;
+  if (type <= MSG_SIG) ++of.passed[type];
 }
 
 // Why a message may not go to a stub or proxy of the receiver; null when it may. An answer closes its
@@ -73,7 +83,7 @@ bool router::is_id_of(const peer& receiver, const peer& from, const open_request
 }
 
 // What a signal's stub sends to its subscribers: to all of them, or to the one whose request it answers.
-void router::fan_out(peer& from, KXmessage& message, const service& signal) {
+void router::fan_out(peer& from, KXmessage& message, service& signal) {
   message.m_header->dst_siid = htonl(signal.subscribers_siid);
   const open_request way = request_of(message);
   const bool is_signal = message.m_header->msg_type == MSG_SIG;
@@ -85,7 +95,7 @@ void router::fan_out(peer& from, KXmessage& message, const service& signal) {
   if (message.m_header->msg_type == MSG_REQ) from.open.add(way);
   const char* reason = "nobody subscribes to the signal";
   bool is_taken = false;
-  for (const auto& subscriber : signal.subscribers) {
+  for (const auto& subscriber : signal.users) {
     peer& receiver = *subscriber.first;
     const bool is_its_own = asked.component == &receiver && &from != &receiver;
     if (is_its_own && !is_signal) continue;
@@ -94,7 +104,8 @@ void router::fan_out(peer& from, KXmessage& message, const service& signal) {
     is_taken = is_taken || reason == nullptr;
   }
   message.m_header->msg_id = htonl(way.msg_id);
-  if (!is_taken) fail(from, message, reason);
+  if (is_taken) return count(signal, message);
+  fail(from, message, reason);
 }
 
 // Everything that one component sends to another passes here. Why it does not arrive, or null.
@@ -111,14 +122,15 @@ const char* router::forward(peer& from, const KXmessage& message, peer& to) {
 
 // A message that its sender may not send.
 void router::refuse(peer& from, const KXmessage& message, const char* reason) {
-  m_report.dropped(from.of_its_own.dropped, from.name.c_str(), reason);
+  m_peers.show(RECORD_REFUSED, &from, {}, message, reason);
+  m_report.dropped(from.of_its_own, from.name.c_str(), reason);
   fail(from, message, reason);
 }
 
 // A message that there is nobody for.
 void router::miss(peer& from, const KXmessage& message, const char* reason) {
-  if (message.m_header->msg_type != MSG_REQ)
-    m_report.dropped(from.of_its_own.dropped, from.name.c_str(), reason);
+  m_peers.show(RECORD_DROPPED, &from, {}, message, reason);
+  if (message.m_header->msg_type != MSG_REQ) m_report.dropped(from.of_its_own, from.name.c_str(), reason);
   fail(from, message, reason);
 }
 

@@ -29,7 +29,8 @@ class router {
   void route(peer& from, KXmessage& message);
   const char* check(const peer& from, const KXmessage& message, const endpoint& to, peer& receiver) const;
   bool is_id_of(const peer& receiver, const peer& from, const open_request& way) const;
-  void fan_out(peer& from, KXmessage& message, const service& signal);
+  void fan_out(peer& from, KXmessage& message, service& signal);
+  static void count(service& of, const KXmessage& message);
   const char* forward(peer& from, const KXmessage& message, peer& to);
   void refuse(peer& from, const KXmessage& message, const char* reason);
   void miss(peer& from, const KXmessage& message, const char* reason);

@@ -71,8 +71,24 @@ bool strangers::offer(const socket_file& to, const KXmessage& message) const {
                 sizeof address) >= 0;
 }
 
-void strangers::drop(peer* from, const sender& origin, const char* reason) {
-  m_report.dropped(tally_of(from).dropped, name_of(from, origin).c_str(), reason);
+void strangers::drop(peer* from, const sender& origin, const char* reason, const KXmessage* message) {
+  show(RECORD_REFUSED, from, origin, message, reason);
+  m_report.dropped(tally_of(from), name_of(from, origin).c_str(), reason);
+}
+
+void strangers::show(record_event_e event, const peer* from, const sender& origin, const KXmessage* message,
+                     std::string_view reason) {
+  if (!m_report.monitors.is_watched()) return;
+  const std::string name = name_of(from, origin);
+  record about = {event};
+  about.sender = from == nullptr ? std::string_view(name) : from->label;
+  about.receiver = "kxcore";
+  about.reason = reason;
+  about.pid = origin.pid;
+  about.sent_ns = origin.sent_ns;
+  about.flags = m_report.monitors.last_arrival().flags;
+  if (message == nullptr) return m_report.monitors.show(about, nullptr, 0);
+  m_report.monitors.show(about, message->m_header, static_cast<std::size_t>(message->datagram_size()));
 }
 
 std::string strangers::name_of(const peer* from, const sender& origin) {

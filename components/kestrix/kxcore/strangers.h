@@ -26,8 +26,13 @@ class strangers {
   static constexpr unsigned int answers_interval_ms = 100;
   void answer(const sender& to, const KXmessage& message);
 
-  // Takes note of a message that is not served. `from` is null when the sender is not registered.
-  void drop(peer* from, const sender& origin, const char* reason);
+  // Takes note of a message that is not served. `from` is null when the sender is not registered, `message`
+  // when it is malformed.
+  void drop(peer* from, const sender& origin, const char* reason, const KXmessage* message = nullptr);
+
+  // Shows monitors such a message, null when it is malformed.
+  void show(record_event_e event, const peer* from, const sender& origin, const KXmessage* message,
+            std::string_view reason = {});
 
   // The tally, and the name for a line, of a component, or of a sender that is not registered.
   tally& tally_of(peer* from) { return from != nullptr ? from->of_its_own : m_tally; }

@@ -50,7 +50,6 @@
 
 namespace {
 
-constexpr char bus_directory[] = "/tmp/kxcore/";
 constexpr unsigned int ms_per_second = 1000;
 constexpr unsigned int ms_per_hour = 3600 * ms_per_second;
 constexpr unsigned int longest_timeout = 900 * ms_per_second;
@@ -198,13 +197,13 @@ KXcomponent::KXcomponent(const char* name, const ExtraCfg* cfg)
 }
 
 void KXcomponent::construct(const char* subdir, bool handle_signals) {
-  m_socket_dir = bus_directory;
+  m_socket_dir = bus_path;
   if (subdir != nullptr) m_socket_dir += std::string(subdir) + "/";
   const std::string base_name = get_socket_base_name();
   check_path(base_name);
   check_path(base_name + "-d");
 
-  mkdir(bus_directory, 0777);
+  mkdir(bus_path, 0777);
   if (subdir != nullptr) mkdir(m_socket_dir.c_str(), 0777);
   KX_LOG_DEBUG1_IN("KXcomponent", "create kestrix specific directory [%s]\n", m_socket_dir.c_str());
 

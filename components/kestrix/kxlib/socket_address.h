@@ -10,6 +10,8 @@
 #include <cstring>
 #include <string_view>
 
+constexpr char bus_path[] = "/tmp/kxcore/";
+
 constexpr std::size_t max_socket_path = sizeof(sockaddr_un::sun_path) - 1;
 
 // The address of the socket at `path`, of which no more is taken than fits.
