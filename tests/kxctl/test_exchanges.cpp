@@ -24,12 +24,6 @@ class exchanges_test : public testing::Test {
     follow(answer);
     return m_last;
   }
-  std::size_t open() const {
-    std::size_t count = 0;
-    m_exchanges.for_each_open([&count](const exchange&) { ++count; });
-    return count;
-  }
-
   exchanges m_exchanges;
   exchange m_last;
 };
@@ -56,16 +50,6 @@ TEST_F(exchanges_test, do_not_begin_with_a_signal) {
 
 TEST_F(exchanges_test, do_not_begin_with_an_event) {
   EXPECT_EQ(follow(make_told(RECORD_EVENT)), exchanges::NOTHING);
-}
-
-TEST_F(exchanges_test, are_open_until_then) {
-  follow(told{});
-  EXPECT_EQ(open(), 1U);
-}
-
-TEST_F(exchanges_test, are_open_no_more_afterwards) {
-  done(told{}, told{}.answer(MSG_RSP));
-  EXPECT_EQ(open(), 0U);
 }
 
 TEST_F(exchanges_test, do_not_end_with_an_answer_that_is_refused) {
@@ -100,10 +84,11 @@ TEST_F(exchanges_test, begin_again_when_an_id_is_in_use_again) {
   EXPECT_EQ(follow(told{}), exchanges::ASKED);
 }
 
-TEST_F(exchanges_test, of_an_id_that_is_in_use_again_are_one) {
+TEST_F(exchanges_test, end_with_the_newer_request_when_an_id_is_in_use_again) {
+  told newer;
+  newer.time_ns += 500;
   follow(told{});
-  follow(told{});
-  EXPECT_EQ(open(), 1U);
+  EXPECT_EQ(done(newer, told{}.answer(MSG_RSP)).total_ns(), 500U);
 }
 
 TEST_F(exchanges_test, begin_once_when_the_request_waits_in_the_core) {
@@ -124,20 +109,23 @@ TEST_F(exchanges_test, end_when_an_answer_that_has_waited_is_delivered) {
   EXPECT_EQ(follow(answer), exchanges::DONE);
 }
 
-TEST_F(exchanges_test, keep_the_newest_of_very_many) {
-  told request;
-  for (request.id = 0; request.id < 65537; ++request.id)
-    follow(request);
-  EXPECT_EQ(open(), 65536U);
-}
+// Of 65537 open requests.
+class very_many : public exchanges_test {
+ protected:
+  very_many() {
+    for (m_request.id = 0; m_request.id <= 65536; ++m_request.id)
+      follow(m_request);
+  }
+  exchanges::step_e answer(std::uint32_t id) {
+    m_request.id = id;
+    return follow(m_request.answer(MSG_RSP));
+  }
+  told m_request;
+};
 
-TEST_F(exchanges_test, forget_the_oldest_of_very_many) {
-  told request;
-  for (request.id = 0; request.id < 65537; ++request.id)
-    follow(request);
-  request.id = 0;
-  EXPECT_EQ(follow(request.answer(MSG_RSP)), exchanges::NOTHING);
-}
+TEST_F(very_many, remember_the_newest) { EXPECT_EQ(answer(1), exchanges::DONE); }
+
+TEST_F(very_many, forget_the_oldest) { EXPECT_EQ(answer(0), exchanges::NOTHING); }
 
 // A request that is sent, handed on 10 us later, answered 100 us after that, and the answer handed on
 // after 5.

@@ -45,15 +45,9 @@ class exchanges {
     const exchange* of;  // until the next entry
   };
 
-  // What an entry is for an exchange: a new request, the arrival of its answer, or nothing of importance.
+  // What an entry is for an exchange: a new request, the arrival of its answer, or nothing of importance. Of
+  // very many open requests the newest are remembered.
   step follow(const entry& what);
-
-  // Requests without an answer, in the order in which they came: of very many the newest.
-  template <typename F>
-  void for_each_open(F&& use) const {
-    for (const auto& each : m_open)
-      use(each.second);
-  }
 
  private:
   using key_t = std::tuple<std::string, std::uint32_t, std::uint32_t, std::uint32_t>;
