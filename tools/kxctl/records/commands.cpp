@@ -1,0 +1,51 @@
+// The command line of the verbs for records.
+#include <memory>
+
+#include "shell.h"
+#include "verbs.h"
+
+namespace {
+
+constexpr char filter_help[] =
+    "What is wanted: service=sysmon.* component=watch type=REQ,ERR cmd=1 id=0x1001 event!=refused mgmt";
+
+record_options common(const CLI::App& app, const options& given, std::vector<std::string> terms) {
+  return {given, app.get_option("--timeout")->count() > 0, std::move(terms)};
+}
+
+CLI::App* add_verb(CLI::App& app, options& given, const char* name, const char* help,
+                   const char* count_help) {
+  CLI::App* const verb = app.add_subcommand(name, help);
+  verb->add_option("-n", given.count, count_help);
+  return verb;
+}
+
+void add_monitor(CLI::App& app, options& given) {
+  CLI::App* const verb =
+      add_verb(app, given, "monitor", "Show all traffic, as it comes", "End after so many");
+  const auto terms = std::make_shared<std::vector<std::string>>();
+  verb->add_option("FILTER", *terms, filter_help);
+  verb->callback([&app, &given, terms] { monitor(common(app, given, *terms), {}); });
+}
+
+void add_show(CLI::App& app, options& given) {
+  CLI::App* const verb = add_verb(app, given, "show", "Show a recording", "Show no more than so many");
+  const auto what = std::make_shared<show_options>();
+  const auto terms = std::make_shared<std::vector<std::string>>();
+  verb->add_option("FILE", what->file, "The recording, - for standard input")->required();
+  verb->add_option("FILTER", *terms, filter_help);
+  CLI::Option_group* const as = verb->add_option_group("as");
+  as->add_option("--sequence", what->sequence, "As a sequence diagram: mermaid or svg")
+      ->check(CLI::IsMember({"mermaid", "svg"}));
+  as->add_flag("--perfetto", what->perfetto, "As a trace for the Perfetto viewer");
+  as->add_flag("--stats", what->stats, "The time that the answers of each service took, and where it went");
+  as->require_option(0, 1);
+  verb->callback([&app, &given, what, terms] { show(common(app, given, *terms), *what); });
+}
+
+}  // namespace
+
+void add_record_verbs(CLI::App& app, options& given) {
+  add_monitor(app, given);
+  add_show(app, given);
+}

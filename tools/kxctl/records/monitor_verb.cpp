@@ -1,0 +1,25 @@
+#include <unistd.h>
+
+#include <cstdlib>
+#include <iostream>
+
+#include "audience.h"
+#include "monitor_client.h"
+#include "output.h"
+#include "verbs.h"
+
+void monitor(const record_options& how, const names::fetch_t& fetch) {
+  const filter wanted(how.filter);
+  names known(fetch);
+  const std::unique_ptr<view> shown = make_text_view(how.given, known);
+  audience heard(wanted, known, *shown, how.given.count);
+  const auto take = [&heard](std::string_view record) { return heard.take(record); };
+  const auto end_at = how.end();
+  monitor_client core(wanted.components(), wanted.services(), how.given.deadline());
+  const monitor_client::end_e end = core.watch(take, flush_output, end_at);
+  if (end != monitor_client::ENOUGH) core.drain(take);
+  heard.finish();
+  flush_output();
+  tell_losses(heard.lost());
+  end_as(end);
+}
