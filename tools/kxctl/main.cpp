@@ -24,6 +24,7 @@ int main(int argc, char** argv) {
       ->check(CLI::PositiveNumber);
   app.require_subcommand(1);
   app.fallthrough();
+  add_record_verbs(app, given);
   try {
     app.parse(argc, argv);
     return DONE;
