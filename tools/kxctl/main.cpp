@@ -23,6 +23,8 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.fallthrough();
   add_bus_verbs(app, given);
+  add_record_verbs(app, given);
+  add_replay_verb(app, given);
   try {
     app.parse(argc, argv);
     return DONE;

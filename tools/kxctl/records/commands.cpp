@@ -28,6 +28,22 @@ void add_monitor(CLI::App& app, options& given) {
   verb->callback([&app, &given, terms] { monitor(common(app, given, *terms), {}); });
 }
 
+void add_capture(CLI::App& app, options& given) {
+  CLI::App* const verb =
+      add_verb(app, given, "capture", "Record the traffic in a file for show, replay and Wireshark",
+               "End after so many records, with --ring after so many files");
+  const auto what = std::make_shared<capture_options>();
+  const auto terms = std::make_shared<std::vector<std::string>>();
+  verb->add_option("-w", what->file,
+                   "The file, - for standard output; if none is named, its name is the time");
+  verb->add_option("FILTER", *terms, filter_help);
+  CLI::Option* const ring = verb->add_option("--ring", what->ring, "Keep the last 30s or 8M in memory");
+  verb->add_option("--on", what->on, "Write the ring when a record matches this filter")->needs(ring);
+  verb->add_option("--rotate", what->rotate, "10M:5: begin a next file after 10 MiB, and keep 5")
+      ->excludes(ring);
+  verb->callback([&app, &given, what, terms] { capture(common(app, given, *terms), *what); });
+}
+
 void add_show(CLI::App& app, options& given) {
   CLI::App* const verb = add_verb(app, given, "show", "Show a recording", "Show no more than so many");
   const auto what = std::make_shared<show_options>();
@@ -36,7 +52,9 @@ void add_show(CLI::App& app, options& given) {
   verb->add_option("FILTER", *terms, filter_help);
   CLI::Option_group* const as = verb->add_option_group("as");
   as->add_option("--sequence", what->sequence, "As a sequence diagram: mermaid or svg")
-      ->check(CLI::IsMember({"mermaid", "svg"}));
+      ->check(CLI::IsMember({"mermaid", "svg"}))
+      ->expected(0, 1)
+      ->default_str("mermaid");
   as->add_flag("--perfetto", what->perfetto, "As a trace for the Perfetto viewer");
   as->add_flag("--stats", what->stats, "The time that the answers of each service took, and where it went");
   as->require_option(0, 1);
@@ -47,5 +65,6 @@ void add_show(CLI::App& app, options& given) {
 
 void add_record_verbs(CLI::App& app, options& given) {
   add_monitor(app, given);
+  add_capture(app, given);
   add_show(app, given);
 }

@@ -32,6 +32,9 @@ struct entry {
   // It tells of a message that went somewhere, or did not; not the state of the bus, an event or a mark.
   bool is_of_message() const { return head.event >= RECORD_SENT && head.event <= RECORD_RECEIVED; }
 
+  // It tells of the bus as a whole, or of nothing but losses.
+  bool is_of_bus() const { return !is_of_message() && head.event != RECORD_EVENT; }
+
   // It tells of a message that its receiver will not get.
   bool is_failure() const { return head.event == RECORD_REFUSED || head.event == RECORD_DROPPED; }
 

@@ -129,7 +129,9 @@ void filter::add(const std::string& term) {
   const std::size_t end = is_unequal ? equals - 1 : equals;
   const std::string key = end > begin ? term.substr(begin, end - begin) : "";
   if (key == "mgmt" && equals == term.size()) {
-    m_tests.push_back([negated](const entry& what) { return what.is_management() != negated; });
+    m_tests.push_back([negated](const entry& what) {
+      return (what.is_management() || what.head.event == RECORD_EVENT) != negated;
+    });
     return;
   }
   const std::vector<std::string> values = split(term.substr(std::min(equals + 1, term.size())), ',');
@@ -153,6 +155,6 @@ void filter::add(const std::string& key, const std::vector<std::string>& values,
 }
 
 bool filter::matches(const entry& what) const {
-  if (!what.is_of_message() && what.head.event != RECORD_EVENT && !m_asks_for_events) return false;
+  if (what.is_of_bus() && !m_asks_for_events) return false;
   return std::all_of(m_tests.begin(), m_tests.end(), [&](const test_t& test) { return test(what); });
 }

@@ -1,6 +1,7 @@
 // What of the bus is to be seen. Terms with a space between, all of which must hold; in each, values with a
 // comma between, one of which must be; "!" in front of a term, or of its "=", says not:
 //   service=sysmon.* component=watch type=REQ,ERR cmd=1 id=0x1001 event!=refused mgmt
+// "mgmt" is what makes the bus what it is: management messages, and events.
 #ifndef KXCTL_FILTER_H
 #define KXCTL_FILTER_H
 

@@ -80,7 +80,7 @@ monitor_client::end_e monitor_client::watch(const take_t& take, const std::funct
   for (;;) {
     pollfd ready[] = {{m_socket.get(), POLLIN, 0}, {m_stop.fd(), POLLIN, 0}};
     poll(ready, 2, end ? pause_until(*end) : -1);
-    if (ready[1].revents != 0) return STOPPED;
+    if (m_stop.take()) return STOPPED;
     if (end && steady::now() >= *end) return TIME_OVER;
     const received_e got = receive(take);
     caught_up();

@@ -2,13 +2,18 @@
 
 #include <sys/signalfd.h>
 
-stop_signals::stop_signals() : m_before() {
+#include <csignal>
+
+stop_signals::stop_signals() {
   sigset_t stopping;
   sigemptyset(&stopping);
   sigaddset(&stopping, SIGINT);
   sigaddset(&stopping, SIGTERM);
-  sigprocmask(SIG_BLOCK, &stopping, &m_before);
-  m_fd = unique_fd(signalfd(-1, &stopping, SFD_CLOEXEC));
+  sigprocmask(SIG_BLOCK, &stopping, nullptr);
+  m_fd = unique_fd(signalfd(-1, &stopping, SFD_NONBLOCK | SFD_CLOEXEC));
 }
 
-stop_signals::~stop_signals() { sigprocmask(SIG_SETMASK, &m_before, nullptr); }
+bool stop_signals::take() const {
+  signalfd_siginfo taken = {};
+  return read(m_fd.get(), &taken, sizeof taken) == sizeof taken;
+}

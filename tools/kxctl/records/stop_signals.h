@@ -2,21 +2,16 @@
 #ifndef KXCTL_STOP_SIGNALS_H
 #define KXCTL_STOP_SIGNALS_H
 
-#include <csignal>
-
 #include "unique_fd.h"
 
 class stop_signals {
  public:
-  stop_signals();
-  ~stop_signals();
-  stop_signals(const stop_signals&) = delete;
-  stop_signals& operator=(const stop_signals&) = delete;
+  stop_signals();  // holds them back, to the end of the program
 
   int fd() const { return m_fd.get(); }  // readable when one has come
+  bool take() const;                     // whether one had
 
  private:
-  sigset_t m_before;
   unique_fd m_fd;
 };
 

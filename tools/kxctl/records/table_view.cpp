@@ -1,7 +1,7 @@
 // Records for reading: a line each, in columns that become wider when they must.
 #include <algorithm>
-#include <ctime>
 
+#include "clock_text.h"
 #include "printable.h"
 #include "view.h"
 #include "wording.h"
@@ -15,20 +15,6 @@ constexpr char plain[] = "\x1b[0m";
 
 constexpr std::size_t time_width = 15;
 constexpr std::size_t span_width = 7;
-
-std::string time_text(std::uint64_t ns, const char* format) {
-  const auto seconds = static_cast<std::time_t>(ns / 1'000'000'000);
-  std::tm local = {};
-  char text[64] = "";
-  if (localtime_r(&seconds, &local) != nullptr) std::strftime(text, sizeof text, format, &local);
-  return text;
-}
-
-std::string clock_text(std::uint64_t ns) {
-  char fraction[16];
-  std::snprintf(fraction, sizeof fraction, ".%06u", static_cast<unsigned int>(ns / 1000 % 1'000'000));
-  return time_text(ns, "%H:%M:%S") + fraction;
-}
 
 class table_view : public view {
  public:
@@ -83,7 +69,7 @@ class table_view : public view {
   std::string m_day;
   std::size_t m_from = 12;
   std::size_t m_to_width = 12;
-  std::size_t m_type = 4;
+  std::size_t m_type = 5;
   std::size_t m_service = 16;
   std::size_t m_command = 4;
 };

@@ -1,0 +1,92 @@
+#include "replay/recorded_calls.h"
+
+#include "datagram.h"
+#include "management.h"
+#include "pcapng.h"
+
+namespace {
+
+const std::string* text_at(const decoded_payload& payload, std::size_t i) {
+  return i < payload.values.size() ? std::get_if<std::string>(&payload.values[i].content) : nullptr;
+}
+
+std::uint32_t number_at(const decoded_payload& payload, std::size_t i) {
+  if (const auto* number = std::get_if<std::uint64_t>(&payload.values[i].content))
+    return static_cast<std::uint32_t>(*number);
+  if (const auto* number = std::get_if<std::int64_t>(&payload.values[i].content))
+    return static_cast<std::uint32_t>(*number);
+  return 0;
+}
+
+}  // namespace
+
+decoded_payload decode(const std::string& payload) {
+  return decode(reinterpret_cast<const unsigned char*>(payload.data()), payload.size());
+}
+
+KXmessage message_with(const std::string& payload) {
+  const std::string datagram = std::string(header_size, '\0') + payload;
+  return message_of(datagram.data(), datagram.size());
+}
+
+recorded_calls::recorded_calls(std::istream& from, const std::string& name, const std::string& service,
+                               const filter& wanted)
+    : m_service(service) {
+  pcapng_reader packets(from, name);
+  for (std::string packet; packets.next(packet);)
+    if (const auto what = entry::parse(packet)) note(*what, wanted.matches(*what));
+}
+
+void recorded_calls::note(const entry& what, bool is_wanted) {
+  learn_siid(what);
+  const bool is_ours = what.head.service == m_service && what.has_message && !what.is_management();
+  const bool is_new = what.head.event == RECORD_SENT || what.head.event == RECORD_QUEUED;  // once for each
+  if (!is_ours || !is_new) return;
+  const bool is_from_service = m_siid ? what.src_siid == *m_siid : what.is_answer();
+  if (is_from_service && what.is_answer()) return add_answer(what);
+  if (!is_wanted) return;
+  if (is_from_service && what.type == MSG_SIG) return add_signal(what);
+  if (!is_from_service && (what.type == MSG_REQ || what.type == MSG_SIG)) add_call(what);
+}
+
+// The state at the beginning, or the registration, tells the siid.
+void recorded_calls::learn_siid(const entry& what) {
+  if (what.head.event == RECORD_SERVICES) return learn_from_rows(what);
+  if (!what.is_management() || !what.has_message || facts_of(what.cmd).kind != OFFER) return;
+  const decoded_payload values = decode(std::string(what.payload));
+  const std::string* const name = text_at(values, 1);
+  if (what.type == MSG_REQ && name != nullptr && *name == m_service) m_offer_id = what.msg_id;
+  if (what.type == MSG_RSP && m_offer_id == what.msg_id && !values.values.empty())
+    m_siid = number_at(values, 0);
+}
+
+void recorded_calls::learn_from_rows(const entry& what) {
+  constexpr std::size_t first_row = 2, columns = 6, siid = 2;
+  const decoded_payload rows = decode(std::string(what.payload));
+  for (std::size_t i = first_row; i + columns <= rows.values.size(); i += columns)
+    if (const std::string* const name = text_at(rows, i); name != nullptr && *name == m_service)
+      m_siid = number_at(rows, i + siid);
+}
+
+void recorded_calls::add_call(const entry& what) {
+  if (what.type == MSG_REQ)
+    m_open[{std::string(what.head.sender), what.src_siid, what.dst_siid, what.msg_id}] = m_calls.size();
+  m_calls.push_back({what.type, what.cmd, std::string(what.payload), what.sent_ns()});
+}
+
+// Of several answers the first counts.
+void recorded_calls::add_answer(const entry& what) {
+  const auto open = m_open.find({std::string(what.head.receiver), what.dst_siid, what.src_siid, what.msg_id});
+  if (open == m_open.end()) return;
+  recorded_call& call = m_calls[open->second];
+  call.answer = {what.type, std::string(what.payload),
+                 what.head.time_ns > call.time_ns ? what.head.time_ns - call.time_ns : 0};
+  m_open.erase(open);
+}
+
+// A signal has a record for each subscriber.
+void recorded_calls::add_signal(const entry& what) {
+  const bool is_same = !m_signals.empty() && what.sent_ns() == m_last_signal_ns;
+  m_last_signal_ns = what.sent_ns();
+  if (!is_same) m_signals.push_back({what.type, what.cmd, std::string(what.payload), what.sent_ns()});
+}
