@@ -23,6 +23,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.fallthrough();
   add_bus_verbs(app, given);
+  add_table_verbs(app, given);
   add_record_verbs(app, given);
   add_replay_verb(app, given);
   try {

@@ -78,7 +78,8 @@ bus_client::bus_client(time_point until)
   KXmessage registration = make_management(MSG_REQ, CMD_REG_COMPONENT, registration_id);
   registration << m_name;
   registration << m_data.path();
-  m_core_data_path = std::get<std::string>(values_of(request(registration, until), "s").front().content);
+  m_core_data_path =
+      std::get<std::string>(values_of(request(registration, until, NO_CORE), "s").front().content);
 }
 
 bus_client::~bus_client() {
@@ -135,7 +136,7 @@ void bus_client::notice(mgmt_cmd_e cmd, std::uint32_t siid, time_point until) {
   send_to(m_mgmt, m_core_path, message, until);
 }
 
-KXmessage bus_client::request(const KXmessage& message, time_point until) {
+KXmessage bus_client::request(const KXmessage& message, time_point until, status_e refused) {
   m_awaited = *message.m_header;
   m_reply.reset();
   send_to(m_mgmt, m_core_path, message, until);
@@ -143,7 +144,7 @@ KXmessage bus_client::request(const KXmessage& message, time_point until) {
   while (!m_reply)
     if (!wait(nothing_else, until))
       throw failure(NO_CORE, "kxcore does not answer in time: it is stopped, or has much to do");
-  if (m_reply->m_header->msg_type == MSG_ERR) throw failure(REFUSED, reason_of(*m_reply));
+  if (m_reply->m_header->msg_type == MSG_ERR) throw failure(refused, reason_of(*m_reply));
   return *m_reply;
 }
 
@@ -223,8 +224,9 @@ void bus_client::read_management() {
                           header.msg_id == m_awaited->msg_id && header.msg_type != MSG_REQ;
     if (!is_reply) continue;
     m_reply = message;
-    if (m_core_process.get() < 0 && sender > 0)
-      m_core_process = unique_fd(static_cast<int>(syscall(SYS_pidfd_open, sender, 0)));
+    if (sender == m_core_pid) continue;
+    m_core_pid = sender;
+    m_core_process = unique_fd(static_cast<int>(syscall(SYS_pidfd_open, sender, 0)));
   }
 }
 

@@ -31,6 +31,7 @@ class bus_client {
   bus_client& operator=(const bus_client&) = delete;
 
   const std::string& name() const { return m_name; }
+  pid_t core_pid() const { return m_core_pid; }  // 0 when it is not known
 
   // What the core has granted: the siid to send with, and the ids of requests.
   struct proxy {
@@ -65,7 +66,7 @@ class bus_client {
   void rest(time_point until);
 
  private:
-  KXmessage request(const KXmessage& message, time_point until);
+  KXmessage request(const KXmessage& message, time_point until, status_e refused = REFUSED);
   void read_management();
   void send_to(const bus_socket& from, const std::string& path, const KXmessage& message, time_point until);
   void notice(mgmt_cmd_e cmd, std::uint32_t siid, time_point until);
@@ -82,6 +83,7 @@ class bus_client {
   const bus_socket m_mgmt;
   const bus_socket m_data;
   std::string m_core_data_path;
+  pid_t m_core_pid = 0;
   unique_fd m_core_process;  // readable when it has ended; -1 where that cannot be known
   std::vector<grant> m_grants;
   std::uint32_t m_last_id = 0;            // of a management message
