@@ -92,7 +92,7 @@ class told : public rooms {
   void TearDown() override { report.monitors.close(), rooms::TearDown(); }
 
   void serve_mgmt(raw_component& from, const KXmessage& message) override {
-    report.monitors.arrived({0, record_is_management});
+    report.monitors.arrived({88, record_is_management});
     rooms::serve_mgmt(from, message), inside.tell_events();
   }
   void serve_data(raw_component& from, const KXmessage& message) override {
@@ -208,8 +208,9 @@ TEST_F(told, nothing_where_a_question_makes_no_sense) {
               {"kxcore.stats", 3, {"none", ""}, "ERR \"no component 'none' is registered\""}};
   for (const auto& row : rows)
     EXPECT_EQ(row.answer, answer(row.service, row.cmd, row.values)) << row.service << int(row.cmd);
-  EXPECT_EQ("nothing", answer("kxcore.directory", 1, {""}, MSG_SIG));
-  EXPECT_EQ(1u, peers.at_mgmt("/tmp/kxcore/asking")->of_its_own.dropped);
+  for (const msg_type_e type : {MSG_RSP, MSG_ERR, MSG_SIG})
+    EXPECT_EQ("nothing", answer("kxcore.directory", 1, {""}, type)) << type;
+  EXPECT_EQ(3u, peers.at_mgmt("/tmp/kxcore/asking")->of_its_own.dropped);
 }
 
 TEST_F(told, long_lists_in_pages_of_one_generation) {
@@ -251,12 +252,20 @@ TEST_F(told, counters_of_components_and_services) {
   play(
       "client REQ get client.get 5 > server = REQ 5; server RSP client.get get 5 > client = RSP 5;"
       "client REQ get client.get 6 > server = REQ 6; server ERR client.get get 6 > client = ERR 6;"
-      "other hears tick; client hears tick; server SIG tick tick 0 > other = SIG 0; client SIG get get 1 > "
-      "server;"
-      "client uses none = nobody offers 'none'");
-  EXPECT_EQ("0 \"get\" 2 1 1 0", page("kxcore.stats", 2).substr(0, 15));
+      "server RSP client.get get 6 > client = RSP 6; client SIG get client.get 1 > server = SIG 1;"
+      "other hears tick; client hears tick; server SIG tick tick 0 > other = SIG 0;"
+      "client REQ 99 client.get 5; client uses none = nobody offers 'none'");
+  EXPECT_EQ("0 \"get\" 2 2 1 1", page("kxcore.stats", 2).substr(0, 15));
   EXPECT_NE(std::string::npos, page("kxcore.stats", 2).find("\"tick\" 0 0 0 1"));
-  EXPECT_EQ("0 \"client\" 3 42 3 42 1 1 0 0 0", page("kxcore.stats", 1, {"asking"}).substr(0, 30));
+  const std::string counted = "0 \"client\" 4 56 5 ";
+  EXPECT_EQ(counted, page("kxcore.stats", 1, {"asking"}).substr(0, counted.size()));
+  EXPECT_NE(std::string::npos, page("kxcore.stats", 1, {"asking"}).find(" 1 0 0 0 0 ")) << "one is refused";
+}
+
+TEST_F(told, nothing_counts_for_a_service_that_does_not_reach_it) {
+  remove("server");
+  play("client REQ get client.get 5");
+  EXPECT_EQ("0 \"get\" 0 0 0 0", page("kxcore.stats", 2).substr(0, 15));
 }
 
 TEST_F(told, queues_losses_and_what_a_component_has_not_read) {
@@ -264,13 +273,28 @@ TEST_F(told, queues_losses_and_what_a_component_has_not_read) {
   block();
   for (int i = 0; i < 3; ++i)
     play("client REQ get client.get 5 > server");
-  EXPECT_EQ(3u * (14 + outlet::cost_beside_bytes), peers.at_mgmt("/tmp/kxcore/server")->data.queued());
-  unblock();
+  unblock(), block();
+  play("client REQ get client.get 5; server uses get");
+  const peer& server = *peers.at_mgmt("/tmp/kxcore/server");
+  const std::size_t queued = server.data.queued() + server.mgmt.queued();
+  EXPECT_EQ(14 + outlet::cost_beside_bytes, server.data.queued());
+  for (int i = 0; i < 2000; ++i)
+    serve_data(at("client"), make_message(static_cast<unsigned>(number("get")),
+                                          static_cast<unsigned>(number("client.get")), MSG_SIG, 0, 1));
+  EXPECT_LT(0u, server.data.total().lost);
+  const std::size_t most = server.data.total().highest_queue;
+  seam::fail(seam::SEND, 0, 0);
   const std::string row = page("kxcore.stats", 1, {"other"});
-  const std::string counted = "0 \"server\" 0 0 3 42 0 0 0 0 426 ";
-  EXPECT_EQ(counted, row.substr(0, counted.size()));
-  EXPECT_LT(3 * 14, std::stoi(row.substr(counted.size()))) << "the system counts more than their bytes";
-  EXPECT_EQ(" 2", row.substr(row.size() - 2));
+  std::ostringstream expected;
+  expected << "0 \"server\" 0 0 3 42 0 0 " << server.data.total().lost << " "
+           << server.data.queued() + server.mgmt.queued() << " " << most << " ";
+  EXPECT_EQ(expected.str(), row.substr(0, expected.str().size()));
+  EXPECT_LT(3 * 14, std::stoi(row.substr(expected.str().size())))
+      << "the system counts more than their bytes";
+  EXPECT_EQ(" 3", row.substr(row.size() - 2));
+  EXPECT_LT(server.data.queued(), queued + most);
+  unblock();
+  EXPECT_EQ(most, server.data.total().highest_queue);
 }
 
 TEST_F(told, why_messages_were_not_accepted_of_each_component_and_of_strangers) {
@@ -333,8 +357,35 @@ TEST_F(told, who_does_not_read_and_who_reads_again) {
 }
 
 TEST_F(told, nothing_is_kept_of_events_that_nobody_hears) {
-  play("late registers");
+  report.events.note(EVENT_REGISTERED, "late");
   EXPECT_FALSE(report.events.has_some());
+}
+
+TEST_F(told, events_that_wait_are_bounded) {
+  report.events.listen(true);
+  for (int i = 0; i < 3000; ++i)
+    report.events.note(EVENT_REGISTERED, std::to_string(i));
+  int kept = 0;
+  for (; report.events.has_some(); ++kept)
+    EXPECT_EQ(std::to_string(kept), report.events.take().component);
+  EXPECT_EQ(1024, kept);
+}
+
+TEST_F(told, components_by_their_paths_below_the_bus_directory) {
+  EXPECT_EQ(0, mkdir("/tmp/kxcore/sub", 0700));
+  at("sub/late").name = "late";
+  const auto subject = watch();
+  play(
+      "sub/late registers; sub/late uses get; sub/late uses none = nobody offers 'none'; sub/late withdraws "
+      "99 = the siid is not the sender's");
+  EXPECT_EQ(
+      "RECEIVED [/tmp/kxcore/sub/late]>kxcore, SENT kxcore>sub/late, EVENT sub/late, RECEIVED "
+      "sub/late>kxcore, "
+      "SENT kxcore>sub/late, EVENT sub/late get",
+      subject->seen().substr(0, 144));
+  EXPECT_EQ("0 \"sub/late\" 1", page("kxcore.directory", 3, {"get", "client"}));
+  remove("sub/late");
+  EXPECT_EQ(0, rmdir("/tmp/kxcore/sub"));
 }
 
 // --- monitors ---
@@ -351,6 +402,10 @@ TEST_F(told, monitors_see_every_message_and_what_becomes_of_it) {
        "REFUSED client get (its source siid is not the sender's), SENT kxcore>client get"},
       {"stranger SIG get client.get 5",
        "REFUSED [/tmp/kxcore/stranger-d]>kxcore (the sender is not registered)"},
+      {"other uses kxcore.stats; other REQ other.kxcore.stats~ other.kxcore.stats 5",
+       "RECEIVED other>kxcore, SENT kxcore>other, EVENT other kxcore.stats, RECEIVED other>kxcore "
+       "kxcore.stats, "
+       "SENT kxcore>other kxcore.stats"},
       {"other hears tick", "RECEIVED other>kxcore, SENT kxcore>other, EVENT other tick"},
       {"server SIG tick tick 5", "SENT server>other tick"},
       {"late registers", "RECEIVED [/tmp/kxcore/late]>kxcore, SENT kxcore>late, EVENT late"},
@@ -365,6 +420,7 @@ TEST_F(told, monitors_see_every_message_and_what_becomes_of_it) {
 
 TEST_F(told, monitors_see_what_waits_and_what_is_lost) {
   const auto subject = watch();
+  report.monitors.arrived({77, 0});
   block();
   play("client REQ get client.get 5");
   EXPECT_EQ("QUEUED client>server get, EVENT server", subject->seen());
@@ -375,7 +431,10 @@ TEST_F(told, monitors_see_what_waits_and_what_is_lost) {
       std::string::npos,
       subject->seen().find("DROPPED client>server get (the component does not read, its queue is full)"));
   unblock();
-  EXPECT_EQ("DELIVERED client>server get", subject->seen().substr(0, 27));
+  ASSERT_TRUE(subject->take());
+  EXPECT_EQ(RECORD_DELIVERED, subject->last.event);
+  EXPECT_EQ("client", subject->last.sender);
+  EXPECT_EQ(0u, subject->last.sent_ns);
 }
 
 TEST_F(told, a_record_tells_the_datagram_its_sender_and_its_times) {
@@ -394,8 +453,16 @@ TEST_F(told, a_record_tells_the_datagram_its_sender_and_its_times) {
   EXPECT_LE(before_monotonic, subject->last.monotonic_ns);
   EXPECT_GT(before_monotonic + 60'000'000'000, subject->last.monotonic_ns);
   play("other uses get");
+  for (const std::uint64_t sent_ns : {std::uint64_t{88}, std::uint64_t{0}}) {  // the request, and the answer
+    ASSERT_TRUE(subject->take());
+    EXPECT_EQ(record_is_management, subject->last.flags);
+    EXPECT_EQ(sent_ns, subject->last.sent_ns);
+    EXPECT_EQ(getpid(), subject->last.pid);
+  }
+  subject->seen();
+  play("stranger SIG get client.get 5");
   ASSERT_TRUE(subject->take());
-  EXPECT_EQ(record_is_management, subject->last.flags);
+  EXPECT_EQ(14u, subject->body.size());
 }
 
 TEST_F(told, the_state_of_the_bus_comes_first) {
@@ -410,6 +477,22 @@ TEST_F(told, the_state_of_the_bus_comes_first) {
   EXPECT_EQ(RECORD_SERVICES, subject->last.event);
   EXPECT_NE(std::string::npos, subject->body.find("tick"));
   EXPECT_FALSE(subject->take());
+}
+
+TEST_F(told, the_state_of_a_large_bus_takes_several_records) {
+  for (int i = 100; i < 200; ++i)
+    EXPECT_EQ(
+        "", ask(at("other"), CMD_REG_FUNCTION, "a service with a name of some length " + std::to_string(i)));
+  watch();
+  watcher subject;
+  subject.greet(), serve_monitors();
+  std::string services;
+  int records = 0;
+  for (; subject.take(); ++records)
+    services += subject.body;
+  EXPECT_EQ(5, records);
+  for (int i = 100; i < 200; ++i)
+    EXPECT_NE(std::string::npos, services.find("length " + std::to_string(i))) << i;
 }
 
 TEST_F(told, only_what_a_monitor_asks_for_is_shown) {
@@ -516,6 +599,11 @@ TEST_F(told, nothing_to_monitors_in_a_directory_that_others_can_write_to) {
   EXPECT_EQ(0, chmod(monitor_directory, 0770));
   EXPECT_EQ(refusal, report.monitors.open(monitor_directory, nobody));
   EXPECT_EQ(0, chmod(monitor_directory, 0700));
+  if (geteuid() == 0) {
+    EXPECT_EQ(0, chown(monitor_directory, 1, 0));
+    EXPECT_EQ(refusal, report.monitors.open(monitor_directory, nobody));
+    EXPECT_EQ(0, chown(monitor_directory, 0, 0));
+  }
   EXPECT_EQ("", report.monitors.open(monitor_directory, nobody));
   report.monitors.close();
   EXPECT_NE(0, access(monitor_directory, F_OK));
