@@ -527,6 +527,9 @@ TEST_F(told, what_does_not_fit_into_a_connection_is_counted_in_the_next_record) 
   EXPECT_EQ(RECORD_MARK, subject->last.event);
   EXPECT_EQ((sent + 2) / 3, seen - 1 + lost);
   EXPECT_LT(0u, lost);
+  play("client REQ get client.get 5 > server = REQ 5");
+  EXPECT_TRUE(subject->take());
+  EXPECT_EQ(0u, subject->last.lost);
 }
 
 TEST_F(told, a_monitor_that_does_not_greet_as_it_should_is_told_why_and_let_go) {
@@ -554,9 +557,15 @@ TEST_F(told, nobody_is_watching_before_the_greeting_and_after_the_end) {
   auto subject = std::make_unique<watcher>();
   serve_monitors();
   EXPECT_FALSE(report.monitors.is_watched());
+  auto another = watch();
+  play("client REQ get client.get 5 > server = REQ 5");
+  EXPECT_EQ("", subject->seen());
+  another.reset();
   subject->greet(), serve_monitors();
   EXPECT_TRUE(report.monitors.is_watched());
-  subject.reset(), serve_monitors();
+  subject->seen(), subject.reset();
+  play("client REQ get client.get 5 > server = REQ 5");
+  serve_monitors();
   EXPECT_FALSE(report.monitors.is_watched());
 }
 
@@ -617,7 +626,7 @@ class watched_core : public whole_core {
  protected:
   void SetUp() override {
     whole_core::SetUp();
-    subject.admit_monitors(nobody);
+    subject.admit_monitors(getegid());
   }
 };
 
@@ -635,6 +644,7 @@ TEST_F(watched_core, knows_when_messages_were_sent_while_a_monitor_is_there) {
   play("other uses get");
   ASSERT_TRUE(seeing->take());
   EXPECT_EQ(RECORD_RECEIVED, seeing->last.event);
+  EXPECT_EQ(record_is_management, seeing->last.flags);
   EXPECT_LE(before, seeing->last.sent_ns);
 }
 
@@ -654,4 +664,55 @@ TEST_F(watched_core, makes_the_socket_for_monitors_again_and_removes_it_at_its_e
   watcher seeing;
   seeing.greet(), subject.serve();
   EXPECT_EQ("COMPONENTS, SERVICES", seeing.seen());
+  struct stat file = {};
+  EXPECT_EQ(0, stat("/tmp/kxcore/.kxcore/monitor", &file));
+  EXPECT_EQ(0660u, file.st_mode & 0777u);
+}
+
+// --- the bytes of a record ---
+
+TEST(records, are_read_as_they_were_written) {
+  const std::string long_text(300, 'x');
+  record written = {RECORD_DROPPED, 0x01020304, 5,         0x0102030405060708, 7, 8, 9, 10,
+                    "from",         "",         "service", long_text};
+  unsigned char bytes[record_max_header + 4] = {}, header[record_max_header];
+  const std::size_t size = write_record_header(written, header);
+  std::copy_n(header, size, bytes);
+  std::copy_n("body", 4, bytes + size);
+  EXPECT_EQ(" 01 05 01 37 01 02 03 04 00 00 00 05 01 02 03 04 05 06 07 08", hex(std::vector<unsigned char>(bytes, bytes + 20)));
+  record read{};
+  std::string_view body;
+  ASSERT_TRUE(read_record(bytes, size + 4, read, body));
+  EXPECT_EQ("body", body);
+  EXPECT_EQ("from", read.sender);
+  EXPECT_EQ("service", read.service);
+  EXPECT_EQ(long_text.substr(0, 255), read.reason);
+  EXPECT_EQ(0x0102030405060708u, read.time_ns);
+  EXPECT_EQ(10, read.flags);
+  EXPECT_EQ(9, read.pid);
+}
+
+TEST(records, are_not_read_from_bytes_that_are_none) {
+  unsigned char whole[record_max_header];
+  const std::size_t size = write_record_header({RECORD_SENT, 1, 2, 3, 4, 5, 6, 7, "a", "b", "c", "d"}, whole);
+  record read{};
+  std::string_view body;
+  for (std::size_t length = 0; length < size; ++length)
+    EXPECT_FALSE(read_record(std::vector<unsigned char>(whole, whole + length).data(), length, read, body))
+        << length;
+  const struct {
+    std::size_t at;
+    unsigned char byte;
+  } rows[] = {{0, 2},
+              {0, 0},
+              {2, 1},
+              {3, static_cast<unsigned char>(size - 1)},
+              {3, static_cast<unsigned char>(size + 1)}};
+  for (const auto& row : rows) {
+    std::vector<unsigned char> broken(whole, whole + size);
+    broken[row.at] = row.byte;
+    EXPECT_FALSE(read_record(broken.data(), size, read, body)) << row.at << "=" << int(row.byte);
+  }
+  whole[3] = static_cast<unsigned char>(size + 1);
+  EXPECT_TRUE(read_record(whole, size + 1, read, body)) << "of a later version, with a field more";
 }
