@@ -69,6 +69,8 @@ TEST_F(services, do_not_change_when_memory_fails) {
   }
   of.forget(b), of.forget(c);
   EXPECT_EQ(0u, of.find_offered("f")->proxies) << "a user is left over";
+  for (std::uint32_t id = 0; id < 200 * mid_ranges::size; id += mid_ranges::size)
+    EXPECT_EQ(nullptr, of.id_holder(id).component) << "a range is left over";
 }
 
 namespace {

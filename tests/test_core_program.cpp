@@ -25,6 +25,14 @@ std::string read_file(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
+testing::AssertionResult matches(const std::string& text, const std::string& expression) {
+  if (std::regex_match(text, std::regex(expression))) return testing::AssertionSuccess();
+  return testing::AssertionFailure() << text << " does not match " << expression;
+}
+testing::AssertionResult has(const std::string& path, const std::string& expression) {
+  return matches(read_file(path), expression);
+}
+
 // The words are separated by bars: kxcore, behind its emulator when it is built for another processor.
 std::string core_line() {
   std::string line = KXCORE_COMMAND;
@@ -57,9 +65,6 @@ class kxcore : public testing::Test {
   void start(const std::function<void()>& prepare, const std::string& line) {
     program = std::make_unique<child_process>([&] { prepare(), become_core(line); });
     ASSERT_TRUE(wait_until_bound(*program, fake_core::data_path));
-  }
-  void start_quietly(const std::string& line) {
-    start([] {}, line + " >/tmp/kxcore/out 2>/tmp/kxcore/err");
   }
   // What the core answers; waits for it.
   std::string ask(raw_component& from, mgmt_cmd_e cmd = CMD_REG_COMPONENT, const std::string& service = "") {
@@ -100,29 +105,25 @@ TEST(command_line, decides_on_the_output_and_the_exit_status) {
     std::filesystem::create_directory(blocked);
     const std::string command = core_line() + " " + row.arguments + " >/tmp/kxcore/out 2>/tmp/kxcore/err";
     EXPECT_EQ(row.status, WEXITSTATUS(std::system(command.c_str()))) << row.arguments;
-    EXPECT_TRUE(std::regex_match(read_file("/tmp/kxcore/out"), std::regex(row.out))) << row.arguments;
-    EXPECT_TRUE(std::regex_match(read_file("/tmp/kxcore/err"), std::regex(row.err)))
-        << read_file("/tmp/kxcore/err");
+    EXPECT_TRUE(has("/tmp/kxcore/out", row.out)) << row.arguments;
+    EXPECT_TRUE(has("/tmp/kxcore/err", row.err)) << row.arguments;
     std::filesystem::remove(blocked);
   }
 }
 
 TEST_F(kxcore, tells_at_its_start_that_it_is_ready_and_shows_all_when_it_is_verbose) {
-  for (const char* const option : {"-v", "--verbose", ""}) {
-    start_quietly(option);
+  for (const std::string option : {"-v", "--verbose", ""}) {
+    start([] {}, option + " >/tmp/kxcore/out 2>/tmp/kxcore/err");
     raw_component client("client");
     EXPECT_EQ("RSP 101", ask(client));
     EXPECT_EQ("ERR 102 (nobody offers 'x')", ask(client, CMD_SUB_FUNCTION, "x"));
-    const bool verbose = option[0] != '\0';
-    const std::string refusal = "refused SUB-FUNCTION of client (1 so far): nobody offers 'x'\n";
     program->end(SIGKILL);
-    const std::string out = read_file("/tmp/kxcore/out"), err = read_file("/tmp/kxcore/err");
-    for (const std::string line :
-         {"kxcore is ready\n", " registered with /tmp/kxcore/client-d\n", refusal.c_str()})
-      EXPECT_EQ(verbose, out.find(line) != std::string::npos) << line << out;
-    EXPECT_EQ(verbose, err.find("kxcore: " + refusal) == std::string::npos) << err;
-    const bool has_long_queues = geteuid() == 0 && longer_queues().refusal().empty();
-    EXPECT_EQ(has_long_queues, (out + err).find("its sockets have short queues") == std::string::npos) << err;
+    const std::string refusal = "refused SUB-FUNCTION of client \\(1 so far\\): nobody offers 'x'\n";
+    const bool is_permitted = geteuid() == 0 && longer_queues().refusal().empty();
+    const std::string begin = is_permitted ? "" : "(kxcore: )?its sockets have short queues.*\n";
+    const std::string registered = "kxcore is ready\nclient .* registered with /tmp/kxcore/client-d\n";
+    EXPECT_TRUE(has("/tmp/kxcore/out", option.empty() ? "" : begin + registered + refusal));
+    EXPECT_TRUE(has("/tmp/kxcore/err", option.empty() ? begin + "kxcore: " + refusal : ""));
   }
 }
 
@@ -213,11 +214,8 @@ TEST_F(running_core, ends_with_status_1_when_another_process_has_its_place) {
   EXPECT_NE(0, access("/tmp/kxcore/.kxcore.lock", F_OK));
 }
 
-TEST_F(running_core, keeps_others_from_its_lock) {
-  struct stat lock = {};
-  EXPECT_EQ(0, stat("/tmp/kxcore/.kxcore.lock", &lock));
-  EXPECT_EQ(0600u, lock.st_mode & 0777);
-  EXPECT_EQ(1, child_process(core_command()).end(0)) << "a second core refuses to start";
+TEST_F(running_core, refuses_a_second_one) {
+  EXPECT_EQ(1, child_process(core_command()).end(0));
   EXPECT_TRUE(is_bound(fake_core::mgmt_path));
 }
 
@@ -249,14 +247,9 @@ class logging_core : public kxcore {
 
 TEST_F(logging_core, writes_lines_as_the_c_library_does) {
   log_line();
-  const std::string line = read_log().back();
-  EXPECT_EQ("<30>", line.substr(0, 4));
-  tm when = {};
-  const char* const behind = strptime(line.c_str() + 4, "%b %e %T", &when);
-  ASSERT_NE(nullptr, behind) << line;
-  const std::string expected = " kxcore[" + std::to_string(program->pid()) + "]: [INFO] ";
-  EXPECT_EQ(expected, std::string(behind).substr(0, expected.size()));
-  EXPECT_NE(std::string::npos, line.find("registered with /tmp/kxcore/client-d"));
+  const std::string head = "<30>[A-Z][a-z]{2} [ 1-3][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2} kxcore.",
+                    pid = std::to_string(program->pid());
+  EXPECT_TRUE(matches(read_log().back(), head + pid + "]: .INFO] .* registered with /tmp/kxcore/client-d"));
 }
 
 TEST_F(logging_core, skips_lines_that_nobody_reads_and_tells_how_many) {
@@ -269,9 +262,7 @@ TEST_F(logging_core, skips_lines_that_nobody_reads_and_tells_how_many) {
   log_line();
   const std::vector<std::string> rest = read_log();
   ASSERT_EQ(1 + lines_of_each, rest.size());
-  EXPECT_EQ("<28>", rest[0].substr(0, 4));
-  const std::string told = "]: (" + std::to_string(skipped) + " lines were not read in time)";
-  EXPECT_NE(std::string::npos, rest[0].find(told)) << rest[0] << told;
+  EXPECT_TRUE(matches(rest[0], "<28>.*]: ." + std::to_string(skipped) + " lines were not read in time."));
 }
 
 TEST_F(logging_core, finds_a_reader_that_was_started_again) {

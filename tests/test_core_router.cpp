@@ -32,7 +32,7 @@ TEST_F(messages, that_are_answered_by_the_core_without_memory_have_no_reason) {
   EXPECT_GT(answer.size, 200);
 }
 
-static const scenes<messages> of_routes("messages", __FILE__, __LINE__, R"(
+static const scenes<messages> of_routes("messages", R"(
 that cannot be delivered are dropped and requests are answered
   | get get                 | its source siid is not the sender's                  | 1
   | get -1                  | its source siid is not the sender's                  | 1

@@ -193,7 +193,7 @@ TEST_F(turns, do_not_end_by_the_word_of_others) {
   play("serve; >> client = SIG " + std::to_string(own_message_id));
 }
 
-static const scenes<turns> of_turns("turns", __FILE__, __LINE__, R"(
+static const scenes<turns> of_turns("turns", R"(
 answer at once in place of a component whose socket goes
   700 times client SIG get client.get 1; client REQ get client.get 5; server goes
   serve; > client = ERR 5 (the component is gone)

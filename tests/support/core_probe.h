@@ -82,8 +82,6 @@ class rooms : public bus_test {
     peers.forget_gone();
   }
   void serve() override { peers.serve(false), peers.end_processes(), peers.forget_gone(); }
-  void close() override { management.close(); }
-  bool is_free(unsigned int id) override { return peers.services().id_holder(id).component == nullptr; }
 
   // Gives a component to a user. Only root can.
   void give(const std::string& name, uid_t user) {

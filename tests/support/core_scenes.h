@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -85,19 +86,15 @@ class bus_test : public seam_test {
   // ", or none. "9 times" before a step repeats it, and the number "i" counts.
   //
   // - "client REQ get client.get 5 > server = REQ 5": data, of a type, to a siid, from a siid, with an id;
-  // who gets
-  //   what. Without what is before the sign: who gets what that was sent before, ">>" on its management
-  //   socket.
+  // who
+  //   gets what. "> server" alone: who gets what that was sent before, ">>" on its management socket.
   // - "client uses get = nobody offers 'get'": a request, and why it is refused. What is granted is a number
-  // from
-  //   then on: the siid "get" of a service; "client.get" and "client.get#" are the siid and the first message
-  //   id of its user.
+  //   from then on: the siid "get" of a service; "client.get" and "client.get#" are the siid and the first
+  //   message id of its user.
   // - "get as old", "get is old": gives a number another name; whether two are the same.
   // - "client pid 7", "client uid 7": what it claims from now on. "client goes": its sockets do; "client
-  // vanishes": the file of one.
-  // - "SEND fails EAGAIN 9": calls of the system, after so many that pass a third number says.
-  // - "close", "serve": the core takes no registrations any more; serves what is there. "free 4096": whose
-  // the id is.
+  //   vanishes": the file of one.
+  // - "SEND fails EAGAIN 9 2": nine calls of the system, after two that pass. "serve": what is there.
   // - "lines a text = 1": how many lines with it were written; "forget": those.
   void play(const std::string& steps) {
     std::string text = steps;
@@ -110,8 +107,7 @@ class bus_test : public seam_test {
       if (words.empty()) continue;
       const int times = words.size() > 2 && words[1] == "times" ? std::stoi(words[0]) : 1;
       if (times > 1) words.erase(words.begin(), words.begin() + 2);
-      for (int i = 0; i < times; ++i) {
-        if (times > 1) m_numbers["i"] = i;
+      for (int& i = m_numbers["i"] = 0; i < times; ++i) {
         const std::string taken = take(words);
         EXPECT_EQ(numbered(step.substr(std::min(end + 3, step.size()))), taken) << step;
       }
@@ -128,89 +124,59 @@ class bus_test : public seam_test {
   virtual void serve_mgmt(raw_component& from, const KXmessage& message) = 0;
   virtual void serve_data(raw_component& from, const KXmessage& message) = 0;
   virtual void serve() = 0;
-  virtual void close() {}
-  virtual bool is_free(unsigned int /*id*/) { return false; }
 
   static constexpr char everybody[] =
-      "server registers; client registers; other registers; server offers get; server signals tick; client "
-      "uses get";
+      R"(server registers; client registers; other registers; server offers get
+                                         server signals tick; client uses get)";
   KXmessage reply;
 
  private:
-  static const std::map<std::string, msg_type_e>& types() {
-    static const std::map<std::string, msg_type_e> instance = {
-        {"REQ", MSG_REQ}, {"RSP", MSG_RSP}, {"ERR", MSG_ERR}, {"SIG", MSG_SIG}};
-    return instance;
-  }
+  static bool is_type(const std::string& word) { return word.size() == 3 && std::isupper(word[0]) != 0; }
 
   // An outcome, with the ids of messages in place of their names.
   std::string numbered(const std::string& outcome) const {
     std::istringstream words(outcome);
     std::string text, before;
     for (std::string word; words >> word; before = word) {
-      const bool is_id = types().count(before) != 0 && m_numbers.count(word.substr(0, word.find('+'))) != 0;
+      const bool is_id = is_type(before) && m_numbers.count(word.substr(0, word.find('+'))) != 0;
       text += (text.empty() ? "" : " ") + (is_id ? std::to_string(number(word)) : word);
     }
     return text;
   }
 
   std::string take(const std::vector<std::string>& words) {
-    static const std::map<std::string, seam::call_e> calls = {{"CONNECT", seam::CONNECT},
-                                                              {"EPOLL_CTL", seam::EPOLL_CTL},
-                                                              {"INOTIFY_ADD_WATCH", seam::INOTIFY_ADD_WATCH},
-                                                              {"KILL", seam::KILL},
-                                                              {"PIDFD_OPEN", seam::PIDFD_OPEN},
-                                                              {"SEND", seam::SEND},
-                                                              {"SOCKET", seam::SOCKET}};
-    static const std::map<std::string, int> errors = {
-        {"0", 0},           {"EAGAIN", EAGAIN}, {"ECONNREFUSED", ECONNREFUSED},
-        {"EMFILE", EMFILE}, {"ENFILE", ENFILE}, {"ENOSPC", ENOSPC},
-        {"ENOSYS", ENOSYS}, {"EPERM", EPERM},   {"ESRCH", ESRCH}};
     const std::string &first = words[0], verb = words.size() > 1 ? words[1] : "";
+    const auto given = [&](std::size_t i, int otherwise) {
+      return words.size() > i ? number(words[i]) : otherwise;
+    };
     if (first == "serve") return serve(), "";
-    if (first == "close") return close(), "";
-    if (first == "free") return is_free((*this)[verb]) ? "" : "no";
     if (first == "forget") return seam::clear_lines(), "";
-    if (first == "lines") return std::to_string(seam::times_logged(joined(words, 1)));
     if (first == ">") return raw_component::arrived(at(verb).data);
     if (first == ">>") return raw_component::arrived(at(verb).mgmt);
     if (verb == "as") return m_numbers[words.at(2)] = number(first), "";
     if (verb == "is") return number(first) == number(words.at(2)) ? "" : "no";
     if (verb == "goes") return remove(first), "";
-    if (verb == "pid") return at(first).pid = number(words.at(2)), "";
-    if (verb == "uid") return at(first).uid = (*this)[words.at(2)], "";
     if (verb == "vanishes") return unlink(at(first).mgmt.path().c_str()) == 0 ? "" : "no";
-    if (verb != "fails") return act(words);
-    const auto given = [&words](std::size_t i, int otherwise) {
-      return words.size() > i ? std::stoi(words[i]) : otherwise;
-    };
-    return seam::fail(calls.at(first), errors.at(words.at(2)), given(3, 1), given(4, 0)), "";
-  }
-  static std::string joined(const std::vector<std::string>& words, std::size_t from) {
-    std::string text = words.at(from);
-    while (++from < words.size())
-      text += " " + words[from];
-    return text;
-  }
-
-  // What a component does.
-  std::string act(const std::vector<std::string>& words) {
-    static const std::vector<std::string> verbs = {"",        "registers", "leaves",  "offers",
-                                                   "signals", "withdraws", "retires", "uses",
-                                                   "hears",   "releases",  "ignores"};
-    raw_component& by = at(words[0]);
-    const std::string& verb = words.at(1);
-    if (const auto type = types().find(verb); type != types().end()) {
-      serve_data(by, make_message((*this)[words.at(2)], (*this)[words.at(3)], type->second, 5,
-                                  (*this)[words.at(4)]));
-      return words.size() > 6 ? raw_component::arrived(at(words[6]).data) : "";
-    }
-    const auto row = std::find(verbs.begin(), verbs.end(), verb);
-    EXPECT_NE(verbs.end(), row) << verb;
-    return request(by, words.size() > 2 ? words[2] : "", static_cast<mgmt_cmd_e>(row - verbs.begin()));
+    if (verb == "pid") return at(first).pid = given(2, 0), "";
+    if (verb == "uid") return at(first).uid = (*this)[words.at(2)], "";
+    if (verb == "fails")
+      return seam::fail(seam::call_e(number(first)), given(2, 0), given(3, 1), given(4, 0)), "";
+    if (is_type(verb)) return carry(words);
+    if (first != "lines")
+      return request(at(first), mgmt_cmd_e(number(verb)), words.size() > 2 ? words[2] : "");
+    std::string text = verb;
+    for (std::size_t i = 2; i < words.size(); ++i)
+      text += " " + words[i];
+    return std::to_string(seam::times_logged(text));
   }
 
-  std::string request(raw_component& by, const std::string& service, mgmt_cmd_e cmd) {
+  std::string carry(const std::vector<std::string>& words) {
+    serve_data(at(words[0]), make_message((*this)[words.at(2)], (*this)[words.at(3)],
+                                          msg_type_e(number(words[1])), 5, (*this)[words.at(4)]));
+    return words.size() > 6 ? raw_component::arrived(at(words[6]).data) : "";
+  }
+
+  std::string request(raw_component& by, mgmt_cmd_e cmd, const std::string& service) {
     const command_kind_e kind = facts_of(cmd).kind;
     const bool is_siid = kind == WITHDRAWAL && cmd != CMD_UNREG_COMPONENT;
     const int type = cmd == CMD_REG_SIGNAL ? KXconnection::SGNL : KXconnection::SYNC;
@@ -223,37 +189,52 @@ class bus_test : public seam_test {
   }
 
   std::map<std::string, std::unique_ptr<raw_component>> m_components;
-  std::map<std::string, int> m_numbers = {{"self", getpid()}, {"own", static_cast<int>(geteuid())}};
+  std::map<std::string, int> m_numbers = {{"self", getpid()},
+                                          {"own", int(geteuid())},
+                                          {"REQ", MSG_REQ},
+                                          {"RSP", MSG_RSP},
+                                          {"ERR", MSG_ERR},
+                                          {"SIG", MSG_SIG},
+                                          {"registers", CMD_REG_COMPONENT},
+                                          {"leaves", CMD_UNREG_COMPONENT},
+                                          {"offers", CMD_REG_FUNCTION},
+                                          {"signals", CMD_REG_SIGNAL},
+                                          {"withdraws", CMD_UNREG_FUNCTION},
+                                          {"retires", CMD_UNREG_SIGNAL},
+                                          {"uses", CMD_SUB_FUNCTION},
+                                          {"hears", CMD_SUB_SIGNAL},
+                                          {"releases", CMD_UNSUB_FUNCTION},
+                                          {"ignores", CMD_UNSUB_SIGNAL},
+                                          {"CONNECT", seam::CONNECT},
+                                          {"EPOLL_CTL", seam::EPOLL_CTL},
+                                          {"KILL", seam::KILL},
+                                          {"PIDFD_OPEN", seam::PIDFD_OPEN},
+                                          {"SEND", seam::SEND},
+                                          {"SOCKET", seam::SOCKET},
+                                          {"INOTIFY_ADD_WATCH", seam::INOTIFY_ADD_WATCH},
+                                          {"EAGAIN", EAGAIN},
+                                          {"ECONNREFUSED", ECONNREFUSED},
+                                          {"EMFILE", EMFILE},
+                                          {"ENFILE", ENFILE},
+                                          {"ENOSPC", ENOSPC},
+                                          {"ENOSYS", ENOSYS},
+                                          {"EPERM", EPERM},
+                                          {"ESRCH", ESRCH}};
 };
 
 // Makes tests of a text: a line that is not indented is the sentence of the next one, and its steps are
-// below. The sentence may be followed by rows that begin with a bar: it is a test for each then, with the
-// values of the row in place of $1, $2 and $3.
+// below. Rows that begin with a bar make it a test for each, with the row's values in place of $1, $2 and $3.
 template <typename Fixture>
 class scenes {
  public:
-  scenes(const char* suite, const char* file, int line, const std::string& text) {
+  scenes(const char* suite, const char* text) : m_suite(suite) {
     std::istringstream lines(text);
-    std::string name, steps;
-    std::vector<std::string> rows;
-    const auto add = [&] {
-      if (rows.empty() && !name.empty()) rows.emplace_back();
-      for (std::size_t i = 0; i < rows.size(); ++i)
-        add_one(suite, file, line, rows.size() > 1 ? name + "_" + std::to_string(i + 1) : name,
-                filled(steps, rows[i]));
-      rows.clear(), steps.clear();
-    };
-    for (std::string next; std::getline(lines, next);) {
-      const std::size_t begin = std::min(next.find_first_not_of(' '), next.size());
-      if (begin == 0 && !next.empty()) {
-        add();
-        std::replace(next.begin(), next.end(), ' ', '_');
-        name = next;
-      } else if (begin < next.size() && next[begin] == '|') {
-        rows.push_back(next.substr(begin + 1));
-      } else {
-        steps += next + "\n";
-      }
+    for (std::string line; std::getline(lines, line);) {
+      if (line.empty()) continue;
+      const std::size_t bar = line.find("  | ");
+      if (line[0] != ' ') add(), m_name = line;
+      if (bar == 0) m_rows.push_back(line.substr(4));
+      if (bar != 0 && line[0] == ' ') m_steps += line + "\n";
     }
     add();
   }
@@ -265,23 +246,32 @@ class scenes {
     const std::string steps;
   };
 
-  static void add_one(const char* suite, const char* file, int line, const std::string& name,
-                      const std::string& steps) {
-    testing::RegisterTest(suite, name.c_str(), nullptr, nullptr, file, line,
-                          [steps]() -> Fixture* { return new scene(steps); });
+  void add() {
+    std::replace(m_name.begin(), m_name.end(), ' ', '_');
+    if (m_rows.empty() && !m_name.empty()) m_rows.emplace_back();
+    for (std::size_t i = 0; i < m_rows.size(); ++i) {
+      const std::string name = m_rows.size() > 1 ? m_name + "_" + std::to_string(i + 1) : m_name;
+      testing::RegisterTest(m_suite, name.c_str(), nullptr, nullptr, __FILE__, __LINE__,
+                            [steps = filled(m_rows[i])]() -> Fixture* { return new scene(steps); });
+    }
+    m_rows.clear(), m_steps.clear();
   }
 
-  static std::string filled(std::string steps, const std::string& row) {
+  // The steps, with the values of a row.
+  std::string filled(const std::string& row) const {
     std::istringstream values(row);
-    std::string value;
+    std::string value, steps = m_steps;
     for (char column = '1'; std::getline(values, value, '|'); ++column) {
-      const std::size_t begin = std::min(value.find_first_not_of(' '), value.size());
-      value = value.substr(begin, value.find_last_not_of(' ') + 1 - begin);
+      value.erase(0, value.find_first_not_of(' ')).erase(value.find_last_not_of(' ') + 1);
       for (std::size_t at; (at = steps.find(std::string("$") + column)) != std::string::npos;)
         steps.replace(at, 2, value);
     }
     return steps;
   }
+
+  const char* const m_suite;
+  std::string m_name, m_steps;
+  std::vector<std::string> m_rows;
 };
 
 #endif
