@@ -203,7 +203,8 @@ TEST_F(whole_core, makes_the_files_of_its_sockets_again) {
     if (which.front() == 'm') unlink(fake_core::mgmt_path);
     if (which.back() == 'd') unlink(fake_core::data_path);
     play(
-        R"(forget; serve; lines the files of its sockets in /tmp/kxcore/ were removed: it has made them again = 1
+        R"(forget; serve
+        lines the files of its sockets in /tmp/kxcore/ were removed: it has made them again = 1
             other registers; client REQ get client.get 3 > server = REQ 3)");  // who are known by their
                                                                                // processes
   }

@@ -69,13 +69,15 @@ of any type close the request of a proxy
   | RSP |
   | ERR |
   | SIG |
-  client REQ get client.get 3 > server = REQ 3; server $1 client.get get 3 > client = $1 3; server leaves; > client
+  client REQ get client.get 3 > server = REQ 3; server $1 client.get get 3 > client = $1 3; server leaves
+  > client
 
 that answer reach a stub once for a request of its own
   client uses get; client.get as second; client RSP get client.get 5 > server
   server REQ client.get get 5 > client = REQ 5; client RSP get client.get 6 > server; client uses get
   client SIG get second 5 > server = SIG 5; client REQ get second 5 > server = REQ 5
-  client RSP get client.get 5 > server; client RSP get second 5 > server = RSP 5; client RSP get second 5 > server
+  client RSP get client.get 5 > server; client RSP get second 5 > server = RSP 5
+  client RSP get second 5 > server
 
 with an id of the receivers could be taken for answers
   other offers theirs; server uses theirs; client SIG get client.get server.theirs# > server
@@ -88,7 +90,8 @@ with an id of the receivers could be taken for answers
 
 of a signal go once to each subscribing component
   client hears tick; client hears tick; other hears tick
-  server SIG tick tick 1 > client = SIG 1; > other = SIG 1; > server; server SIG client.tick tick 1 > client = SIG 1; > other = SIG 1
+  server SIG tick tick 1 > client = SIG 1; > other = SIG 1; > server
+  server SIG client.tick tick 1 > client = SIG 1; > other = SIG 1
   client ignores client.tick; other ignores other.tick; server SIG tick tick 3 > client = SIG 3; > other
   client SIG tick client.tick 4 > server = SIG 4; server REQ tick tick 5 > server = REQ 5
   server SIG get get 6 > server = SIG 6; other SIG tick client.tick 7 > server
@@ -110,7 +113,8 @@ that ask are answered when their server ends
   | server withdraws get | the service is withdrawn
   client REQ get client.get 1 > server = REQ 1; client REQ get client.get 2 > server = REQ 2
   client REQ get client.get 3 > server = REQ 3; client SIG get client.get 4 > server = SIG 4
-  server RSP client.get get 2 > client = RSP 2; $1; > client = ERR 1 ($2), ERR 3 ($2); server registers; > client
+  server RSP client.get get 2 > client = RSP 2; $1; > client = ERR 1 ($2), ERR 3 ($2); server registers
+  > client
 
 that ask a proxy are answered when it ends
   | client releases client.get | the subscription has ended
@@ -146,7 +150,8 @@ that ask all subscribers are answered when none takes them
   server REQ client.lone lone 7 > server = ERR 7 (the component is gone)
 
 that ask the subscriber with this id are answered when it is gone
-  client hears tick; other hears tick; SEND fails ECONNREFUSED; server REQ client.tick tick client.tick#; > other
+  client hears tick; other hears tick; SEND fails ECONNREFUSED; server REQ client.tick tick client.tick#
+  > other
   > server = ERR client.tick# (the component is gone)
 
 that were refused are counted when the component ends without having read
@@ -154,10 +159,12 @@ that were refused are counted when the component ends without having read
   lines - 4000 messages to server were not read = 1
 
 to a socket that goes while they wait are its end
-  SEND fails EAGAIN; client SIG get client.get 1; SEND fails ECONNREFUSED; serve; client uses get = nobody offers 'get'
+  SEND fails EAGAIN; client SIG get client.get 1; SEND fails ECONNREFUSED; serve
+  client uses get = nobody offers 'get'
 
 that could not be sent later are the end of who does not read
-  SEND fails EAGAIN; EPOLL_CTL fails ENOSPC; client SIG get client.get 1; client uses get = nobody offers 'get'
+  SEND fails EAGAIN; EPOLL_CTL fails ENOSPC; client SIG get client.get 1
+  client uses get = nobody offers 'get'
 )");
 
 TEST_F(messages, to_who_does_not_read_wait_are_answered_when_they_ask_and_are_counted) {
@@ -177,7 +184,8 @@ TEST_F(messages, to_who_does_not_read_wait_are_answered_when_they_ask_and_are_co
   EXPECT_EQ(0, poll(&entry, 1, 0)) << "it still waits for room";
   raw_component::arrived(at("server").data);
   play(
-      R"(SEND fails EAGAIN 9999; client SIG get client.get 1; client uses x; SEND fails 0 0; serve; > server = SIG 1
+      R"(SEND fails EAGAIN 9999; client SIG get client.get 1; client uses x; SEND fails 0 0; serve
+      > server = SIG 1
           >> client = ERR 103 (nobody offers 'x'); lines server reads again = 1)");
 }
 
