@@ -185,19 +185,6 @@ TEST_F(places, of_sockets_are_free_or_left_by_the_dead) {
   fs::remove("/tmp/kxcore/elsewhere");
 }
 
-TEST_F(places, of_own_files_tell_whose_file_stands_there) {
-  fs::create_directory(place);
-  put("file");
-  own_file file(own);
-  EXPECT_EQ(own_file::OWN, file.state());
-  fs::rename(own, place + "/kept");
-  EXPECT_EQ(own_file::ABSENT, file.state());
-  put("file");
-  EXPECT_EQ(own_file::FOREIGN, file.state());
-  file.remember();
-  EXPECT_EQ(own_file::OWN, file.state());
-}
-
 TEST_F(whole_core, makes_the_files_of_its_sockets_again) {
   for (const std::string which : {"m", "d", "md"}) {
     if (which.front() == 'm') unlink(fake_core::mgmt_path);
