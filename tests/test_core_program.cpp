@@ -102,6 +102,7 @@ TEST(command_line, decides_on_the_output_and_the_exit_status) {
   for (const auto& row : rows) {
     const std::string blocked =
         row.err.find("-d is") != std::string::npos ? fake_core::data_path : fake_core::mgmt_path;
+    unlink(blocked.c_str());  // what a core has left that was killed
     std::filesystem::create_directory(blocked);
     const std::string command = core_line() + " " + row.arguments + " >/tmp/kxcore/out 2>/tmp/kxcore/err";
     EXPECT_EQ(row.status, WEXITSTATUS(std::system(command.c_str()))) << row.arguments;
