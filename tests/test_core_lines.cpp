@@ -122,6 +122,10 @@ TEST_F(reports, are_thinned_out_after_the_first_eight) {
   for (unsigned long count = 1; count < 70; ++count)
     if (reporter::is_reported(count)) told += std::to_string(count) + " ";
   EXPECT_EQ("1 2 3 4 5 6 7 8 16 32 64 ", told);
+  unsigned long count = 14;
+  for (reporter report(false); count < 16;)
+    report.dropped(count, "somebody", "a reason");
+  EXPECT_EQ(1, seam::times_logged("dropped a message of somebody (16 so far): a reason"));
 }
 
 namespace {

@@ -201,7 +201,8 @@ TEST_F(whole_core, makes_the_files_of_its_sockets_again) {
 
 TEST_F(whole_core, makes_its_sockets_again_with_long_queues_and_empties_those_before) {
   if (!longer_queues().refusal().empty()) GTEST_SKIP() << "the system permits no network namespaces";
-  for (const std::string path : {fake_core::mgmt_path, fake_core::data_path}) {
+  const std::string mgmt = fake_core::mgmt_path, data = fake_core::data_path;
+  for (const std::string& path : {mgmt, mgmt, data, data}) {
     int sent = 0;
     for (int senders = 0; senders < 8; ++senders)  // as much as the send buffers hold
       for (const raw_socket each("/tmp/kxcore/flooder"); each.send(path, std::vector<unsigned char>(1));)
