@@ -1,5 +1,6 @@
 // The program kxcore between real processes.
 #include <fcntl.h>
+#include <fnmatch.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -11,7 +12,6 @@
 #include <cstdio>
 #include <fstream>
 #include <memory>
-#include <regex>
 #include <sstream>
 
 #include "core_probe.h"
@@ -25,12 +25,12 @@ std::string read_file(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-testing::AssertionResult matches(const std::string& text, const std::string& expression) {
-  if (std::regex_match(text, std::regex(expression))) return testing::AssertionSuccess();
-  return testing::AssertionFailure() << text << " does not match " << expression;
+testing::AssertionResult matches(const std::string& text, const std::string& pattern) {
+  if (fnmatch(pattern.c_str(), text.c_str(), 0) == 0) return testing::AssertionSuccess();
+  return testing::AssertionFailure() << text << " does not match " << pattern;
 }
-testing::AssertionResult has(const std::string& path, const std::string& expression) {
-  return matches(read_file(path), expression);
+testing::AssertionResult has(const std::string& path, const std::string& pattern) {
+  return matches(read_file(path), pattern);
 }
 
 // The words are separated by bars: kxcore, behind its emulator when it is built for another processor.
@@ -90,13 +90,13 @@ TEST(command_line, decides_on_the_output_and_the_exit_status) {
   const struct {
     std::string arguments;
     int status;
-    std::string out, err;  // expressions
+    std::string out, err;  // patterns of the shell
   } rows[] = {
-      {"--help", 0, "usage: kxcore .--verbose.\n[^]*", ""},
-      {"-h", 0, "usage: kxcore .--verbose.\n[^]*", ""},
-      {"--version", 0, "kxcore [0-9.]+\n", ""},
-      {"--wrong", 2, "", "[^]*unrecognized option '--wrong'\nusage: kxcore[^]*"},
-      {"-v extra", 2, "", "kxcore: unexpected argument 'extra'\nusage: kxcore[^]*"},
+      {"--help", 0, "usage: kxcore ?--verbose?\n*", ""},
+      {"-h", 0, "usage: kxcore ?--verbose?\n*", ""},
+      {"--version", 0, "kxcore [0-9]*.*.*\n", ""},
+      {"--wrong", 2, "", "*unrecognized option '--wrong'\nusage: kxcore*"},
+      {"-v extra", 2, "", "kxcore: unexpected argument 'extra'\nusage: kxcore*"},
       {"", 1, "", "kxcore: /tmp/kxcore/kxcore is not a socket that a kxcore has left: remove it\n"},
       {"", 1, "", "kxcore: /tmp/kxcore/kxcore-d is not a socket that a kxcore has left: remove it\n"}};
   for (const auto& row : rows) {
@@ -119,10 +119,10 @@ TEST_F(kxcore, tells_at_its_start_that_it_is_ready_and_shows_all_when_it_is_verb
     EXPECT_EQ("RSP 101", ask(client));
     EXPECT_EQ("ERR 102 (nobody offers 'x')", ask(client, CMD_SUB_FUNCTION, "x"));
     program->end(SIGKILL);
-    const std::string refusal = "refused SUB-FUNCTION of client \\(1 so far\\): nobody offers 'x'\n";
+    const std::string refusal = "refused SUB-FUNCTION of client (1 so far): nobody offers 'x'\n";
     const bool is_permitted = geteuid() == 0 && longer_queues().refusal().empty();
-    const std::string begin = is_permitted ? "" : "(kxcore: )?its sockets have short queues.*\n";
-    const std::string registered = "kxcore is ready\nclient .* registered with /tmp/kxcore/client-d\n";
+    const std::string begin = is_permitted ? "" : "*its sockets have short queues*\n";
+    const std::string registered = "kxcore is ready\nclient * registered with /tmp/kxcore/client-d\n";
     EXPECT_TRUE(has("/tmp/kxcore/out", option.empty() ? "" : begin + registered + refusal));
     EXPECT_TRUE(has("/tmp/kxcore/err", option.empty() ? begin + "kxcore: " + refusal : ""));
   }
@@ -249,9 +249,9 @@ class logging_core : public kxcore {
 
 TEST_F(logging_core, writes_lines_as_the_c_library_does) {
   log_line();
-  const std::string head = "<30>[A-Z][a-z]{2} [ 1-3][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2} kxcore.",
+  const std::string head = "<30>[A-Z][a-z][a-z] [ 1-3][0-9] [0-9][0-9]:[0-9][0-9]:[0-9][0-9] kxcore?",
                     pid = std::to_string(program->pid());
-  EXPECT_TRUE(matches(read_log().back(), head + pid + "]: .INFO] .* registered with /tmp/kxcore/client-d"));
+  EXPECT_TRUE(matches(read_log().back(), head + pid + "]: ?INFO] * registered with /tmp/kxcore/client-d"));
 }
 
 TEST_F(logging_core, skips_lines_that_nobody_reads_and_tells_how_many) {
@@ -264,7 +264,7 @@ TEST_F(logging_core, skips_lines_that_nobody_reads_and_tells_how_many) {
   log_line();
   const std::vector<std::string> rest = read_log();
   ASSERT_EQ(1 + lines_of_each, rest.size());
-  EXPECT_TRUE(matches(rest[0], "<28>.*]: ." + std::to_string(skipped) + " lines were not read in time."));
+  EXPECT_TRUE(matches(rest[0], "<28>*]: (" + std::to_string(skipped) + " lines were not read in time)"));
 }
 
 TEST_F(logging_core, finds_a_reader_that_was_started_again) {
