@@ -270,10 +270,10 @@ TEST_F(told, nothing_counts_for_a_service_that_does_not_reach_it) {
 
 TEST_F(told, queues_losses_and_what_a_component_has_not_read) {
   play("asking registers; asking uses kxcore.stats");
-  block();
+  play("SEND fails EAGAIN 9999");
   for (int i = 0; i < 3; ++i)
     play("client REQ get client.get 5 > server");
-  unblock(), block();
+  play("SEND fails 0 0; serve; SEND fails EAGAIN 9999");
   play("client REQ get client.get 5; server uses get");
   const peer& server = *peers.at_mgmt("/tmp/kxcore/server");
   const std::size_t queued = server.data.queued() + server.mgmt.queued();
@@ -293,7 +293,7 @@ TEST_F(told, queues_losses_and_what_a_component_has_not_read) {
       << "the system counts more than their bytes";
   EXPECT_EQ(" 3", row.substr(row.size() - 2));
   EXPECT_LT(server.data.queued(), queued + most);
-  unblock();
+  play("SEND fails 0 0; serve");
   EXPECT_EQ(most, server.data.total().highest_queue);
 }
 
@@ -345,9 +345,9 @@ TEST_F(told, events_of_the_bus_to_who_listens) {
 TEST_F(told, who_does_not_read_and_who_reads_again) {
   play("asking registers; asking hears kxcore.events");
   at("asking").data.receive();
-  block();
+  play("SEND fails EAGAIN 9999");
   play("client REQ get client.get 5 > server; client REQ get client.get 6 > server");
-  unblock(), inside.tell_events();
+  play("SEND fails 0 0; serve"), inside.tell_events();
   std::string events;
   for (KXmessage event; at("asking").data.receive(event);)
     events += std::to_string(event.m_header->cmd) + " " + text_of(event) + ", ";
@@ -372,20 +372,21 @@ TEST_F(told, events_that_wait_are_bounded) {
 }
 
 TEST_F(told, components_by_their_paths_below_the_bus_directory) {
-  EXPECT_EQ(0, mkdir("/tmp/kxcore/sub", 0700));
-  at("sub/late").name = "late";
+  EXPECT_EQ(0, mkdir("/tmp/kxcore/below", 0700));
+  at("below/late").name = "late";
   const auto subject = watch();
   play(
-      "sub/late registers; sub/late uses get; sub/late uses none = nobody offers 'none'; sub/late withdraws "
+      "below/late registers; below/late uses get; below/late uses none = nobody offers 'none'; below/late "
+      "withdraws "
       "99 = the siid is not the sender's");
   EXPECT_EQ(
-      "RECEIVED [/tmp/kxcore/sub/late]>kxcore, SENT kxcore>sub/late, EVENT sub/late, RECEIVED "
-      "sub/late>kxcore, "
-      "SENT kxcore>sub/late, EVENT sub/late get",
-      subject->seen().substr(0, 144));
-  EXPECT_EQ("0 \"sub/late\" 1", page("kxcore.directory", 3, {"get", "client"}));
-  remove("sub/late");
-  EXPECT_EQ(0, rmdir("/tmp/kxcore/sub"));
+      "RECEIVED [/tmp/kxcore/below/late]>kxcore, SENT kxcore>below/late, EVENT below/late, RECEIVED "
+      "below/late>kxcore, "
+      "SENT kxcore>below/late, EVENT below/late get",
+      subject->seen().substr(0, 156));
+  EXPECT_EQ("0 \"below/late\" 1 \"client\" 1", page("kxcore.directory", 3, {"get", ""}));
+  remove("below/late");
+  EXPECT_EQ(0, rmdir("/tmp/kxcore/below"));
 }
 
 // --- monitors ---
@@ -421,7 +422,7 @@ TEST_F(told, monitors_see_every_message_and_what_becomes_of_it) {
 TEST_F(told, monitors_see_what_waits_and_what_is_lost) {
   const auto subject = watch();
   report.monitors.arrived({77, 0});
-  block();
+  play("SEND fails EAGAIN 9999");
   play("client REQ get client.get 5");
   EXPECT_EQ("QUEUED client>server get, EVENT server", subject->seen());
   for (int i = 0; i < 2000; ++i)
@@ -430,7 +431,7 @@ TEST_F(told, monitors_see_what_waits_and_what_is_lost) {
   EXPECT_NE(
       std::string::npos,
       subject->seen().find("DROPPED client>server get (the component does not read, its queue is full)"));
-  unblock();
+  play("SEND fails 0 0; serve");
   ASSERT_TRUE(subject->take());
   EXPECT_EQ(RECORD_DELIVERED, subject->last.event);
   EXPECT_EQ("client", subject->last.sender);
@@ -679,7 +680,8 @@ TEST(records, are_read_as_they_were_written) {
   const std::size_t size = write_record_header(written, header);
   std::copy_n(header, size, bytes);
   std::copy_n("body", 4, bytes + size);
-  EXPECT_EQ(" 01 05 01 37 01 02 03 04 00 00 00 05 01 02 03 04 05 06 07 08", hex(std::vector<unsigned char>(bytes, bytes + 20)));
+  EXPECT_EQ(" 01 05 01 37 01 02 03 04 00 00 00 05 01 02 03 04 05 06 07 08",
+            hex(std::vector<unsigned char>(bytes, bytes + 20)));
   record read{};
   std::string_view body;
   ASSERT_TRUE(read_record(bytes, size + 4, read, body));
