@@ -92,7 +92,7 @@ class told : public rooms {
   void TearDown() override { report.monitors.close(), rooms::TearDown(); }
 
   void serve_mgmt(raw_component& from, const KXmessage& message) override {
-    report.monitors.arrived({0, record_is_management});
+    report.monitors.arrived({88, record_is_management});
     rooms::serve_mgmt(from, message), inside.tell_events();
   }
   void serve_data(raw_component& from, const KXmessage& message) override {
@@ -208,8 +208,9 @@ TEST_F(told, nothing_where_a_question_makes_no_sense) {
               {"kxcore.stats", 3, {"none", ""}, "ERR \"no component 'none' is registered\""}};
   for (const auto& row : rows)
     EXPECT_EQ(row.answer, answer(row.service, row.cmd, row.values)) << row.service << int(row.cmd);
-  EXPECT_EQ("nothing", answer("kxcore.directory", 1, {""}, MSG_SIG));
-  EXPECT_EQ(1u, peers.at_mgmt("/tmp/kxcore/asking")->of_its_own.dropped);
+  for (const msg_type_e type : {MSG_RSP, MSG_ERR, MSG_SIG})
+    EXPECT_EQ("nothing", answer("kxcore.directory", 1, {""}, type)) << type;
+  EXPECT_EQ(3u, peers.at_mgmt("/tmp/kxcore/asking")->of_its_own.dropped);
 }
 
 TEST_F(told, long_lists_in_pages_of_one_generation) {
@@ -251,26 +252,49 @@ TEST_F(told, counters_of_components_and_services) {
   play(
       "client REQ get client.get 5 > server = REQ 5; server RSP client.get get 5 > client = RSP 5;"
       "client REQ get client.get 6 > server = REQ 6; server ERR client.get get 6 > client = ERR 6;"
-      "other hears tick; client hears tick; server SIG tick tick 0 > other = SIG 0; client SIG get get 1 > "
-      "server;"
-      "client uses none = nobody offers 'none'");
-  EXPECT_EQ("0 \"get\" 2 1 1 0", page("kxcore.stats", 2).substr(0, 15));
+      "server RSP client.get get 6 > client = RSP 6; client SIG get client.get 1 > server = SIG 1;"
+      "other hears tick; client hears tick; server SIG tick tick 0 > other = SIG 0;"
+      "client REQ 99 client.get 5; client uses none = nobody offers 'none'");
+  EXPECT_EQ("0 \"get\" 2 2 1 1", page("kxcore.stats", 2).substr(0, 15));
   EXPECT_NE(std::string::npos, page("kxcore.stats", 2).find("\"tick\" 0 0 0 1"));
-  EXPECT_EQ("0 \"client\" 3 42 3 42 1 1 0 0 0", page("kxcore.stats", 1, {"asking"}).substr(0, 30));
+  const std::string counted = "0 \"client\" 4 56 5 ";
+  EXPECT_EQ(counted, page("kxcore.stats", 1, {"asking"}).substr(0, counted.size()));
+  EXPECT_NE(std::string::npos, page("kxcore.stats", 1, {"asking"}).find(" 1 0 0 0 0 ")) << "one is refused";
+}
+
+TEST_F(told, nothing_counts_for_a_service_that_does_not_reach_it) {
+  remove("server");
+  play("client REQ get client.get 5");
+  EXPECT_EQ("0 \"get\" 0 0 0 0", page("kxcore.stats", 2).substr(0, 15));
 }
 
 TEST_F(told, queues_losses_and_what_a_component_has_not_read) {
   play("asking registers; asking uses kxcore.stats");
-  block();
+  play("SEND fails EAGAIN 9999");
   for (int i = 0; i < 3; ++i)
     play("client REQ get client.get 5 > server");
-  EXPECT_EQ(3u * (14 + outlet::cost_beside_bytes), peers.at_mgmt("/tmp/kxcore/server")->data.queued());
-  unblock();
+  play("SEND fails 0 0; serve; SEND fails EAGAIN 9999");
+  play("client REQ get client.get 5; server uses get");
+  const peer& server = *peers.at_mgmt("/tmp/kxcore/server");
+  const std::size_t queued = server.data.queued() + server.mgmt.queued();
+  EXPECT_EQ(14 + outlet::cost_beside_bytes, server.data.queued());
+  for (int i = 0; i < 2000; ++i)
+    serve_data(at("client"), make_message(static_cast<unsigned>(number("get")),
+                                          static_cast<unsigned>(number("client.get")), MSG_SIG, 0, 1));
+  EXPECT_LT(0u, server.data.total().lost);
+  const std::size_t most = server.data.total().highest_queue;
+  seam::fail(seam::SEND, 0, 0);
   const std::string row = page("kxcore.stats", 1, {"other"});
-  const std::string counted = "0 \"server\" 0 0 3 42 0 0 0 0 426 ";
-  EXPECT_EQ(counted, row.substr(0, counted.size()));
-  EXPECT_LT(3 * 14, std::stoi(row.substr(counted.size()))) << "the system counts more than their bytes";
-  EXPECT_EQ(" 2", row.substr(row.size() - 2));
+  std::ostringstream expected;
+  expected << "0 \"server\" 0 0 3 42 0 0 " << server.data.total().lost << " "
+           << server.data.queued() + server.mgmt.queued() << " " << most << " ";
+  EXPECT_EQ(expected.str(), row.substr(0, expected.str().size()));
+  EXPECT_LT(3 * 14, std::stoi(row.substr(expected.str().size())))
+      << "the system counts more than their bytes";
+  EXPECT_EQ(" 3", row.substr(row.size() - 2));
+  EXPECT_LT(server.data.queued(), queued + most);
+  play("SEND fails 0 0; serve");
+  EXPECT_EQ(most, server.data.total().highest_queue);
 }
 
 TEST_F(told, why_messages_were_not_accepted_of_each_component_and_of_strangers) {
@@ -321,9 +345,9 @@ TEST_F(told, events_of_the_bus_to_who_listens) {
 TEST_F(told, who_does_not_read_and_who_reads_again) {
   play("asking registers; asking hears kxcore.events");
   at("asking").data.receive();
-  block();
+  play("SEND fails EAGAIN 9999");
   play("client REQ get client.get 5 > server; client REQ get client.get 6 > server");
-  unblock(), inside.tell_events();
+  play("SEND fails 0 0; serve"), inside.tell_events();
   std::string events;
   for (KXmessage event; at("asking").data.receive(event);)
     events += std::to_string(event.m_header->cmd) + " " + text_of(event) + ", ";
@@ -333,9 +357,36 @@ TEST_F(told, who_does_not_read_and_who_reads_again) {
 }
 
 TEST_F(told, nothing_is_kept_of_events_that_nobody_hears) {
-  play("late registers");
-  bus_event kept;
-  EXPECT_FALSE(report.events.take(kept));
+  report.events.note(EVENT_REGISTERED, "late");
+  EXPECT_FALSE(report.events.has_some());
+}
+
+TEST_F(told, events_that_wait_are_bounded) {
+  report.events.listen(true);
+  for (int i = 0; i < 3000; ++i)
+    report.events.note(EVENT_REGISTERED, std::to_string(i));
+  int kept = 0;
+  for (; report.events.has_some(); ++kept)
+    EXPECT_EQ(std::to_string(kept), report.events.take().component);
+  EXPECT_EQ(1024, kept);
+}
+
+TEST_F(told, components_by_their_paths_below_the_bus_directory) {
+  EXPECT_EQ(0, mkdir("/tmp/kxcore/below", 0700));
+  at("below/late").name = "late";
+  const auto subject = watch();
+  play(
+      "below/late registers; below/late uses get; below/late uses none = nobody offers 'none'; below/late "
+      "withdraws "
+      "99 = the siid is not the sender's");
+  EXPECT_EQ(
+      "RECEIVED [/tmp/kxcore/below/late]>kxcore, SENT kxcore>below/late, EVENT below/late, RECEIVED "
+      "below/late>kxcore, "
+      "SENT kxcore>below/late, EVENT below/late get",
+      subject->seen().substr(0, 156));
+  EXPECT_EQ("0 \"below/late\" 1 \"client\" 1", page("kxcore.directory", 3, {"get", ""}));
+  remove("below/late");
+  EXPECT_EQ(0, rmdir("/tmp/kxcore/below"));
 }
 
 // --- monitors ---
@@ -352,6 +403,10 @@ TEST_F(told, monitors_see_every_message_and_what_becomes_of_it) {
        "REFUSED client get (its source siid is not the sender's), SENT kxcore>client get"},
       {"stranger SIG get client.get 5",
        "REFUSED [/tmp/kxcore/stranger-d]>kxcore (the sender is not registered)"},
+      {"other uses kxcore.stats; other REQ other.kxcore.stats~ other.kxcore.stats 5",
+       "RECEIVED other>kxcore, SENT kxcore>other, EVENT other kxcore.stats, RECEIVED other>kxcore "
+       "kxcore.stats, "
+       "SENT kxcore>other kxcore.stats"},
       {"other hears tick", "RECEIVED other>kxcore, SENT kxcore>other, EVENT other tick"},
       {"server SIG tick tick 5", "SENT server>other tick"},
       {"late registers", "RECEIVED [/tmp/kxcore/late]>kxcore, SENT kxcore>late, EVENT late"},
@@ -366,7 +421,8 @@ TEST_F(told, monitors_see_every_message_and_what_becomes_of_it) {
 
 TEST_F(told, monitors_see_what_waits_and_what_is_lost) {
   const auto subject = watch();
-  block();
+  report.monitors.arrived({77, 0});
+  play("SEND fails EAGAIN 9999");
   play("client REQ get client.get 5");
   EXPECT_EQ("QUEUED client>server get, EVENT server", subject->seen());
   for (int i = 0; i < 2000; ++i)
@@ -375,8 +431,11 @@ TEST_F(told, monitors_see_what_waits_and_what_is_lost) {
   EXPECT_NE(
       std::string::npos,
       subject->seen().find("DROPPED client>server get (the component does not read, its queue is full)"));
-  unblock();
-  EXPECT_EQ("DELIVERED client>server get", subject->seen().substr(0, 27));
+  play("SEND fails 0 0; serve");
+  ASSERT_TRUE(subject->take());
+  EXPECT_EQ(RECORD_DELIVERED, subject->last.event);
+  EXPECT_EQ("client", subject->last.sender);
+  EXPECT_EQ(0u, subject->last.sent_ns);
 }
 
 TEST_F(told, a_record_tells_the_datagram_its_sender_and_its_times) {
@@ -395,8 +454,16 @@ TEST_F(told, a_record_tells_the_datagram_its_sender_and_its_times) {
   EXPECT_LE(before_monotonic, subject->last.monotonic_ns);
   EXPECT_GT(before_monotonic + 60'000'000'000, subject->last.monotonic_ns);
   play("other uses get");
+  for (const std::uint64_t sent_ns : {std::uint64_t{88}, std::uint64_t{0}}) {  // the request, and the answer
+    ASSERT_TRUE(subject->take());
+    EXPECT_EQ(record_is_management, subject->last.flags);
+    EXPECT_EQ(sent_ns, subject->last.sent_ns);
+    EXPECT_EQ(getpid(), subject->last.pid);
+  }
+  subject->seen();
+  play("stranger SIG get client.get 5");
   ASSERT_TRUE(subject->take());
-  EXPECT_EQ(record_is_management, subject->last.flags);
+  EXPECT_EQ(14u, subject->body.size());
 }
 
 TEST_F(told, the_state_of_the_bus_comes_first) {
@@ -411,6 +478,22 @@ TEST_F(told, the_state_of_the_bus_comes_first) {
   EXPECT_EQ(RECORD_SERVICES, subject->last.event);
   EXPECT_NE(std::string::npos, subject->body.find("tick"));
   EXPECT_FALSE(subject->take());
+}
+
+TEST_F(told, the_state_of_a_large_bus_takes_several_records) {
+  for (int i = 100; i < 200; ++i)
+    EXPECT_EQ(
+        "", ask(at("other"), CMD_REG_FUNCTION, "a service with a name of some length " + std::to_string(i)));
+  watch();
+  watcher subject;
+  subject.greet(), serve_monitors();
+  std::string services;
+  int records = 0;
+  for (; subject.take(); ++records)
+    services += subject.body;
+  EXPECT_EQ(5, records);
+  for (int i = 100; i < 200; ++i)
+    EXPECT_NE(std::string::npos, services.find("length " + std::to_string(i))) << i;
 }
 
 TEST_F(told, only_what_a_monitor_asks_for_is_shown) {
@@ -445,6 +528,9 @@ TEST_F(told, what_does_not_fit_into_a_connection_is_counted_in_the_next_record) 
   EXPECT_EQ(RECORD_MARK, subject->last.event);
   EXPECT_EQ((sent + 2) / 3, seen - 1 + lost);
   EXPECT_LT(0u, lost);
+  play("client REQ get client.get 5 > server = REQ 5");
+  EXPECT_TRUE(subject->take());
+  EXPECT_EQ(0u, subject->last.lost);
 }
 
 TEST_F(told, a_monitor_that_does_not_greet_as_it_should_is_told_why_and_let_go) {
@@ -472,9 +558,15 @@ TEST_F(told, nobody_is_watching_before_the_greeting_and_after_the_end) {
   auto subject = std::make_unique<watcher>();
   serve_monitors();
   EXPECT_FALSE(report.monitors.is_watched());
+  auto another = watch();
+  play("client REQ get client.get 5 > server = REQ 5");
+  EXPECT_EQ("", subject->seen());
+  another.reset();
   subject->greet(), serve_monitors();
   EXPECT_TRUE(report.monitors.is_watched());
-  subject.reset(), serve_monitors();
+  subject->seen(), subject.reset();
+  play("client REQ get client.get 5 > server = REQ 5");
+  serve_monitors();
   EXPECT_FALSE(report.monitors.is_watched());
 }
 
@@ -517,6 +609,11 @@ TEST_F(told, nothing_to_monitors_in_a_directory_that_others_can_write_to) {
   EXPECT_EQ(0, chmod(monitor_directory, 0770));
   EXPECT_EQ(refusal, report.monitors.open(monitor_directory, nobody));
   EXPECT_EQ(0, chmod(monitor_directory, 0700));
+  if (geteuid() == 0) {
+    EXPECT_EQ(0, chown(monitor_directory, 1, 0));
+    EXPECT_EQ(refusal, report.monitors.open(monitor_directory, nobody));
+    EXPECT_EQ(0, chown(monitor_directory, 0, 0));
+  }
   EXPECT_EQ("", report.monitors.open(monitor_directory, nobody));
   report.monitors.close();
   EXPECT_NE(0, access(monitor_directory, F_OK));
@@ -530,7 +627,7 @@ class watched_core : public whole_core {
  protected:
   void SetUp() override {
     whole_core::SetUp();
-    subject.admit_monitors(nobody);
+    subject.admit_monitors(getegid());
   }
 };
 
@@ -548,6 +645,7 @@ TEST_F(watched_core, knows_when_messages_were_sent_while_a_monitor_is_there) {
   play("other uses get");
   ASSERT_TRUE(seeing->take());
   EXPECT_EQ(RECORD_RECEIVED, seeing->last.event);
+  EXPECT_EQ(record_is_management, seeing->last.flags);
   EXPECT_LE(before, seeing->last.sent_ns);
 }
 
@@ -567,4 +665,56 @@ TEST_F(watched_core, makes_the_socket_for_monitors_again_and_removes_it_at_its_e
   watcher seeing;
   seeing.greet(), subject.serve();
   EXPECT_EQ("COMPONENTS, SERVICES", seeing.seen());
+  struct stat file = {};
+  EXPECT_EQ(0, stat("/tmp/kxcore/.kxcore/monitor", &file));
+  EXPECT_EQ(0660u, file.st_mode & 0777u);
+}
+
+// --- the bytes of a record ---
+
+TEST(records, are_read_as_they_were_written) {
+  const std::string long_text(300, 'x');
+  record written = {RECORD_DROPPED, 0x01020304, 5,         0x0102030405060708, 7, 8, 9, 10,
+                    "from",         "",         "service", long_text};
+  unsigned char bytes[record_max_header + 4] = {}, header[record_max_header];
+  const std::size_t size = write_record_header(written, header);
+  std::copy_n(header, size, bytes);
+  std::copy_n("body", 4, bytes + size);
+  EXPECT_EQ(" 01 05 01 37 01 02 03 04 00 00 00 05 01 02 03 04 05 06 07 08",
+            hex(std::vector<unsigned char>(bytes, bytes + 20)));
+  record read{};
+  std::string_view body;
+  ASSERT_TRUE(read_record(bytes, size + 4, read, body));
+  EXPECT_EQ("body", body);
+  EXPECT_EQ("from", read.sender);
+  EXPECT_EQ("service", read.service);
+  EXPECT_EQ(long_text.substr(0, 255), read.reason);
+  EXPECT_EQ(0x0102030405060708u, read.time_ns);
+  EXPECT_EQ(10, read.flags);
+  EXPECT_EQ(9, read.pid);
+}
+
+TEST(records, are_not_read_from_bytes_that_are_none) {
+  unsigned char whole[record_max_header];
+  const std::size_t size = write_record_header({RECORD_SENT, 1, 2, 3, 4, 5, 6, 7, "a", "b", "c", "d"}, whole);
+  record read{};
+  std::string_view body;
+  for (std::size_t length = 0; length < size; ++length)
+    EXPECT_FALSE(read_record(std::vector<unsigned char>(whole, whole + length).data(), length, read, body))
+        << length;
+  const struct {
+    std::size_t at;
+    unsigned char byte;
+  } rows[] = {{0, 2},
+              {0, 0},
+              {2, 1},
+              {3, static_cast<unsigned char>(size - 1)},
+              {3, static_cast<unsigned char>(size + 1)}};
+  for (const auto& row : rows) {
+    std::vector<unsigned char> broken(whole, whole + size);
+    broken[row.at] = row.byte;
+    EXPECT_FALSE(read_record(broken.data(), size, read, body)) << row.at << "=" << int(row.byte);
+  }
+  whole[3] = static_cast<unsigned char>(size + 1);
+  EXPECT_TRUE(read_record(whole, size + 1, read, body)) << "of a later version, with a field more";
 }

@@ -1,5 +1,6 @@
 // The program kxcore between real processes.
 #include <fcntl.h>
+#include <fnmatch.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -24,6 +25,14 @@ std::string read_file(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
+testing::AssertionResult matches(const std::string& text, const std::string& pattern) {
+  if (fnmatch(pattern.c_str(), text.c_str(), 0) == 0) return testing::AssertionSuccess();
+  return testing::AssertionFailure() << text << " does not match " << pattern;
+}
+testing::AssertionResult has(const std::string& path, const std::string& pattern) {
+  return matches(read_file(path), pattern);
+}
+
 // The words are separated by bars: kxcore, behind its emulator when it is built for another processor.
 std::string core_line() {
   std::string line = KXCORE_COMMAND;
@@ -41,18 +50,25 @@ void become_core(const std::string& line) {
   _exit(127);
 }
 
+// Lets this process see an empty directory in this one's place.
+void mount_over(const char* directory) {
+  if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+      mount("none", directory, "tmpfs", 0, nullptr) != 0)
+    _exit(1);
+}
+
 class kxcore : public testing::Test {
  protected:
   void TearDown() override {
-    if (!program->has_ended()) program->end(SIGKILL);
+    if (program != nullptr && !program->has_ended()) program->end(SIGKILL);
   }
   void start(const std::function<void()>& prepare, const std::string& line) {
     program = std::make_unique<child_process>([&] { prepare(), become_core(line); });
     ASSERT_TRUE(wait_until_bound(*program, fake_core::data_path));
   }
   // What the core answers; waits for it.
-  std::string ask(raw_component& from, mgmt_cmd_e cmd, const std::string& service = "") {
-    from.manage(cmd, service, 0);
+  std::string ask(raw_component& from, mgmt_cmd_e cmd = CMD_REG_COMPONENT, const std::string& service = "") {
+    from.manage(cmd, service);
     pollfd entry = {from.mgmt.fd(), POLLIN, 0};
     EXPECT_EQ(1, poll(&entry, 1, patience_ms));
     return from.arrived(from.mgmt);
@@ -74,45 +90,42 @@ TEST(command_line, decides_on_the_output_and_the_exit_status) {
   const struct {
     std::string arguments;
     int status;
-    std::string out, err;  // how they begin
+    std::string out, err;  // patterns of the shell
   } rows[] = {
-      {"--help", 0, "usage: kxcore [--verbose] [--monitor-group GROUP]\n", ""},
-      {"-h", 0, "usage: kxcore [--verbose] [--monitor-group GROUP]\n", ""},
-      {"--version", 0, "kxcore ", ""},
-      {"--wrong", 2, "", "unrecognized option '--wrong'\nusage: kxcore"},
-      {"-v extra", 2, "", "kxcore: unexpected argument 'extra'\nusage: kxcore"},
+      {"--help", 0, "usage: kxcore ?--verbose? ?--monitor-group GROUP?\n*", ""},
+      {"-h", 0, "usage: kxcore ?--verbose? ?--monitor-group GROUP?\n*", ""},
+      {"--version", 0, "kxcore [0-9]*.*.*\n", ""},
+      {"--wrong", 2, "", "*unrecognized option '--wrong'\nusage: kxcore*"},
+      {"-v extra", 2, "", "kxcore: unexpected argument 'extra'\nusage: kxcore*"},
+      {"--monitor-group no-such", 2, "", "kxcore: there is no group 'no-such'\nusage: kxcore*"},
+      {"", 1, "", "kxcore: /tmp/kxcore/kxcore is not a socket that a kxcore has left: remove it\n"},
       {"", 1, "", "kxcore: /tmp/kxcore/kxcore-d is not a socket that a kxcore has left: remove it\n"}};
-  unlink(fake_core::data_path);
-  EXPECT_EQ(0, mkdir(fake_core::data_path, 0700));
   for (const auto& row : rows) {
+    const std::string blocked =
+        row.err.find("-d is") != std::string::npos ? fake_core::data_path : fake_core::mgmt_path;
+    unlink(blocked.c_str());  // what a core has left that was killed
+    std::filesystem::create_directory(blocked);
     const std::string command = core_line() + " " + row.arguments + " >/tmp/kxcore/out 2>/tmp/kxcore/err";
     EXPECT_EQ(row.status, WEXITSTATUS(std::system(command.c_str()))) << row.arguments;
-    const std::string out = read_file("/tmp/kxcore/out"), err = read_file("/tmp/kxcore/err");
-    EXPECT_EQ(row.out, out.substr(0, row.out.size())) << row.arguments;
-    EXPECT_EQ(row.err.empty(), err.empty()) << row.arguments;
-    EXPECT_NE(std::string::npos, err.find(row.err)) << row.arguments << ": " << err;
-    EXPECT_EQ(row.status == 2, err.find("usage: kxcore") != std::string::npos) << row.arguments;
-    EXPECT_EQ(row.out.empty(), out.empty()) << row.arguments;
+    EXPECT_TRUE(has("/tmp/kxcore/out", row.out)) << row.arguments;
+    EXPECT_TRUE(has("/tmp/kxcore/err", row.err)) << row.arguments;
+    std::filesystem::remove(blocked);
   }
-  EXPECT_EQ(0, rmdir(fake_core::data_path));
 }
 
 TEST_F(kxcore, tells_at_its_start_that_it_is_ready_and_shows_all_when_it_is_verbose) {
-  for (const char* const option : {"-v", "--verbose", ""}) {
-    start([] {}, std::string(option) + " >/tmp/kxcore/out 2>/tmp/kxcore/err");
+  for (const std::string option : {"-v", "--verbose", ""}) {
+    start([] {}, option + " >/tmp/kxcore/out 2>/tmp/kxcore/err");
     raw_component client("client");
-    EXPECT_EQ("RSP 101", ask(client, CMD_REG_COMPONENT));
+    EXPECT_EQ("RSP 101", ask(client));
     EXPECT_EQ("ERR 102 (nobody offers 'x')", ask(client, CMD_SUB_FUNCTION, "x"));
-    const bool verbose = option[0] != '\0';
-    const std::string refusal = "refused SUB-FUNCTION of client (1 so far): nobody offers 'x'\n";
     program->end(SIGKILL);
-    const std::string out = read_file("/tmp/kxcore/out"), err = read_file("/tmp/kxcore/err");
-    for (const std::string line :
-         {"kxcore is ready\n", " registered with /tmp/kxcore/client-d\n", refusal.c_str()})
-      EXPECT_EQ(verbose, out.find(line) != std::string::npos) << line << out;
-    EXPECT_EQ(verbose, err.find("kxcore: " + refusal) == std::string::npos) << err;
-    const bool has_long_queues = geteuid() == 0 && longer_queues().refusal().empty();
-    EXPECT_EQ(has_long_queues, (out + err).find("its sockets have short queues") == std::string::npos) << err;
+    const std::string refusal = "refused SUB-FUNCTION of client (1 so far): nobody offers 'x'\n";
+    const bool is_permitted = geteuid() == 0 && longer_queues().refusal().empty();
+    const std::string begin = is_permitted ? "" : "*its sockets have short queues*\n";
+    const std::string registered = "kxcore is ready\nclient * registered with /tmp/kxcore/client-d\n";
+    EXPECT_TRUE(has("/tmp/kxcore/out", option.empty() ? "" : begin + registered + refusal));
+    EXPECT_TRUE(has("/tmp/kxcore/err", option.empty() ? begin + "kxcore: " + refusal : ""));
   }
 }
 
@@ -143,20 +156,30 @@ TEST_F(kxcore, goes_on_when_nobody_can_read_its_lines) {
   close(ends[0]), close(ends[1]);
   raw_component client("client");
   for (int times = 0; times < 3; ++times)
-    EXPECT_NE("", ask(client, CMD_REG_COMPONENT));
+    EXPECT_NE("", ask(client));
 }
 
 TEST_F(kxcore, writes_no_lines_to_its_own_files_when_it_has_no_streams) {
-  start([] {}, "--verbose >&- 2>&- <&-");
+  for (const std::string option : {"", "--verbose"}) {
+    start([] {}, option + " >&- 2>&- <&-");
+    raw_component client("client");
+    EXPECT_EQ("RSP 101", ask(client));
+    EXPECT_EQ("", read_file("/tmp/kxcore/.kxcore.lock"));
+    for (const char* const stream : {"0", "1", "2"})
+      EXPECT_EQ("/dev/null",
+                std::filesystem::read_symlink("/proc/" + std::to_string(program->pid()) + "/fd/" + stream))
+          << stream;
+    program->end(SIGKILL);
+  }
+}
+
+TEST_F(kxcore, reaches_components_on_a_system_without_proc) {
+  if (core_command().size() > 1) GTEST_SKIP() << "an emulator needs it";
+  if (child_process([] { mount_over("/proc"); }).end(0) != 0)
+    GTEST_SKIP() << "the system permits no mount namespaces";
+  start([] { mount_over("/proc"); }, "2>/tmp/kxcore/err");
   raw_component client("client");
-  client.manage(CMD_REG_COMPONENT, "", 0);
-  for (int tries = 0; client.mgmt.receive().empty() && tries < patience_ms; ++tries)
-    usleep(1000);
-  EXPECT_EQ("", read_file("/tmp/kxcore/.kxcore.lock"));
-  for (const char* const stream : {"0", "1", "2"})
-    EXPECT_EQ("/dev/null",
-              std::filesystem::read_symlink("/proc/" + std::to_string(program->pid()) + "/fd/" + stream))
-        << stream;
+  EXPECT_EQ("RSP 101", ask(client));
 }
 
 TEST_F(kxcore, raises_its_limit_of_descriptors) {
@@ -164,31 +187,29 @@ TEST_F(kxcore, raises_its_limit_of_descriptors) {
   std::vector<std::unique_ptr<raw_component>> many;
   for (int i = 0; i < 10; ++i) {
     many.push_back(std::make_unique<raw_component>("member " + std::to_string(i)));
-    EXPECT_EQ("RSP 101", ask(*many.back(), CMD_REG_COMPONENT)) << i;
+    EXPECT_EQ("RSP 101", ask(*many.back())) << i;
   }
 }
 
 TEST_F(running_core, has_queues_longer_than_the_systems) {
   if (geteuid() != 0 || !longer_queues().refusal().empty())
     GTEST_SKIP() << "the system permits the program no network namespaces";
+  kill(program->pid(), SIGSTOP);
+  siginfo_t stopped = {};
+  waitid(P_PID, static_cast<id_t>(program->pid()), &stopped, WSTOPPED);
   for (const char* const path : {fake_core::mgmt_path, fake_core::data_path}) {
     const raw_socket flooder("/tmp/kxcore/flooder");
-    kill(program->pid(), SIGSTOP);
-    siginfo_t stopped = {};
-    waitid(P_PID, static_cast<id_t>(program->pid()), &stopped, WSTOPPED);
     int room = 0;
     while (room < 100 && flooder.send(path, std::vector<unsigned char>(1)))
       ++room;
-    kill(program->pid(), SIGCONT);
     EXPECT_EQ(100, room) << path;
   }
+  kill(program->pid(), SIGCONT);
 }
 
 TEST_F(running_core, ends_with_status_1_when_another_process_has_its_place) {
   raw_component client("client");
-  client.manage(CMD_REG_COMPONENT, "", 0);
-  for (int tries = 0; client.mgmt.receive().empty() && tries < patience_ms; ++tries)
-    usleep(1000);  // until it serves
+  EXPECT_EQ("RSP 101", ask(client));
   const raw_socket foreign("/tmp/kxcore/foreign");
   EXPECT_EQ(0, rename(foreign.path().c_str(), fake_core::mgmt_path));
   EXPECT_EQ(1, program->end(0));
@@ -197,11 +218,8 @@ TEST_F(running_core, ends_with_status_1_when_another_process_has_its_place) {
   EXPECT_NE(0, access("/tmp/kxcore/.kxcore.lock", F_OK));
 }
 
-TEST_F(running_core, keeps_others_from_its_lock) {
-  struct stat lock = {};
-  EXPECT_EQ(0, stat("/tmp/kxcore/.kxcore.lock", &lock));
-  EXPECT_EQ(0600u, lock.st_mode & 0777);
-  EXPECT_EQ(1, child_process(core_command()).end(0)) << "a second core refuses to start";
+TEST_F(running_core, refuses_a_second_one) {
+  EXPECT_EQ(1, child_process(core_command()).end(0));
   EXPECT_TRUE(is_bound(fake_core::mgmt_path));
 }
 
@@ -211,14 +229,10 @@ namespace {
 class logging_core : public kxcore {
  protected:
   void SetUp() override {
-    const int can = child_process(enter_own_devices).end(0);
-    if (can != 0) GTEST_SKIP() << "the system permits no mount namespaces";
-    start([] { enter_own_devices(), setenv("KXTRACE_LEVEL", "6", 1); }, "");
-  }
-  static void enter_own_devices() {
-    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("log", "/dev", "tmpfs", 0, nullptr) != 0 || symlink("/tmp/kxcore/log", "/dev/log") != 0)
-      _exit(1);
+    if (child_process([] { mount_over("/dev"); }).end(0) != 0)
+      GTEST_SKIP() << "the system permits no mount namespaces";
+    start([] { mount_over("/dev"), symlink("/tmp/kxcore/log", "/dev/log"), setenv("KXTRACE_LEVEL", "6", 1); },
+          "");
   }
   std::vector<std::string> read_log() {
     std::vector<std::string> lines;
@@ -227,7 +241,7 @@ class logging_core : public kxcore {
     return lines;
   }
   // Has the core write a line.
-  void log_line() { EXPECT_EQ("RSP", ask(client, CMD_REG_COMPONENT).substr(0, 3)); }
+  void log_line() { EXPECT_EQ("RSP", ask(client).substr(0, 3)); }
 
   std::unique_ptr<raw_socket> log = std::make_unique<raw_socket>("/tmp/kxcore/log");
   raw_component client{"client"};
@@ -237,14 +251,9 @@ class logging_core : public kxcore {
 
 TEST_F(logging_core, writes_lines_as_the_c_library_does) {
   log_line();
-  const std::string line = read_log().back();
-  EXPECT_EQ("<30>", line.substr(0, 4));
-  tm when = {};
-  const char* const behind = strptime(line.c_str() + 4, "%b %e %T", &when);
-  ASSERT_NE(nullptr, behind) << line;
-  const std::string expected = " kxcore[" + std::to_string(program->pid()) + "]: [INFO] ";
-  EXPECT_EQ(expected, std::string(behind).substr(0, expected.size()));
-  EXPECT_NE(std::string::npos, line.find("registered with /tmp/kxcore/client-d"));
+  const std::string head = "<30>[A-Z][a-z][a-z] [ 1-3][0-9] [0-9][0-9]:[0-9][0-9]:[0-9][0-9] kxcore?",
+                    pid = std::to_string(program->pid());
+  EXPECT_TRUE(matches(read_log().back(), head + pid + "]: ?INFO] * registered with /tmp/kxcore/client-d"));
 }
 
 TEST_F(logging_core, skips_lines_that_nobody_reads_and_tells_how_many) {
@@ -257,9 +266,7 @@ TEST_F(logging_core, skips_lines_that_nobody_reads_and_tells_how_many) {
   log_line();
   const std::vector<std::string> rest = read_log();
   ASSERT_EQ(1 + lines_of_each, rest.size());
-  EXPECT_EQ("<28>", rest[0].substr(0, 4));
-  const std::string told = "]: (" + std::to_string(skipped) + " lines were not read in time)";
-  EXPECT_NE(std::string::npos, rest[0].find(told)) << rest[0] << told;
+  EXPECT_TRUE(matches(rest[0], "<28>*]: (" + std::to_string(skipped) + " lines were not read in time)"));
 }
 
 TEST_F(logging_core, finds_a_reader_that_was_started_again) {

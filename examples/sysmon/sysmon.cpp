@@ -35,6 +35,16 @@ class metric_stub : public KXstub {
     connection_send(reply);
   }
 
+  // Who asks the bus for the description of the service sees names in place of numbers.
+  const char* get_xml_comment() const override {
+    return R"(<interface>
+  <method cmd="1" name="read">
+    <arg direction="in" name="metric" type="s"/>
+    <arg direction="out" name="value" type="s"/>
+  </method>
+</interface>)";
+  }
+
  private:
   static std::string read_figure(const std::string& name) {
     if (name == "load") return word_behind("", "/proc/loadavg");
@@ -72,6 +82,16 @@ class checksum_stub : public KXstub {
     if (!file.is_open()) return refuse(*request.m_header, strerror(errno));
     if (m_jobs.empty()) m_component->add_msec_timer(0, this, static_advance, 0);
     m_jobs.push_back({*request.m_header, std::move(file), cksum()});
+  }
+
+  const char* get_xml_comment() const override {
+    return R"(<interface>
+  <method cmd="2" name="sum">
+    <arg direction="in" name="path" type="s"/>
+    <arg direction="out" name="crc" type="u"/>
+    <arg direction="out" name="size" type="t" unit="bytes"/>
+  </method>
+</interface>)";
   }
 
   void refuse_pending() {
@@ -128,6 +148,14 @@ class checksum_stub : public KXstub {
 class load_stub : public KXstub {
  public:
   using KXstub::KXstub;
+
+  const char* get_xml_comment() const override {
+    return R"(<interface>
+  <signal cmd="3" name="load">
+    <arg name="load" type="u" unit="1/100"/>
+  </signal>
+</interface>)";
+  }
 
   bool is_registered() const { return m_siid != no_siid; }
   void start() { m_component->add_msec_timer(1000, this, static_send, 0); }

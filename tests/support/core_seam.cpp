@@ -1,8 +1,10 @@
 // The system calls that only the core makes, as a part of the seam.
 #include <dlfcn.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <sys/epoll.h>
 #include <sys/file.h>
+#include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -21,6 +23,9 @@ PASS_THROUGH(int, connect, CONNECT, (int fd, const struct sockaddr* address, soc
 PASS_THROUGH(int, epoll_ctl, EPOLL_CTL, (int epoll, int operation, int fd, struct epoll_event* event),
              (epoll, operation, fd, event), noexcept)
 PASS_THROUGH(int, flock, FLOCK, (int fd, int operation), (fd, operation), noexcept)
+PASS_THROUGH(int, inotify_add_watch, INOTIFY_ADD_WATCH, (int fd, const char* path, uint32_t events),
+             (fd, path, events), noexcept)
+PASS_THROUGH(int, kill, KILL, (pid_t process, int number), (process, number), noexcept)
 PASS_THROUGH(int, recvmmsg, RECVMMSG,
              (int fd, struct mmsghdr* headers, unsigned int count, int flags, struct timespec* limit),
              (fd, headers, count, flags, limit), )

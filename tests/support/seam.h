@@ -20,6 +20,8 @@ enum call_e {
   EPOLL_CTL,
   FCNTL,
   FLOCK,
+  INOTIFY_ADD_WATCH,
+  KILL,
   MKDIR,
   NEW,  // operator new, in programs that link allocations.cpp; noted only while it is to fail
   OPEN,

@@ -13,9 +13,8 @@ void bus_events::note(bus_event_e what, std::string_view component, std::string_
   }
 }
 
-bool bus_events::take(bus_event& to) {
-  if (m_waiting.empty()) return false;
-  to = std::move(m_waiting.front());
+bus_event bus_events::take() {
+  bus_event oldest = std::move(m_waiting.front());
   m_waiting.pop_front();
-  return true;
+  return oldest;
 }

@@ -37,8 +37,8 @@ class bus_events {
   // Whether somebody listens; else nothing is kept.
   void listen(bool is_heard) { m_is_heard = is_heard; }
 
-  // Takes the oldest; false when there is none.
-  bool take(bus_event& to);
+  bool has_some() const { return !m_waiting.empty(); }
+  bus_event take();  // the oldest of them
 
  private:
   static constexpr std::size_t max_waiting = 1024;

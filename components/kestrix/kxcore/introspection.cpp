@@ -82,8 +82,8 @@ std::string introspection::answer_stats(const KXmessage& request, KXmessage& rep
 // --- events ---
 
 void introspection::tell_events() {
-  for (bus_event event; m_report.events.take(event);)
-    tell(event);
+  while (m_report.events.has_some())
+    tell(m_report.events.take());
   m_report.events.listen(!m_events->users.empty() || m_report.monitors.is_watched());
 }
 

@@ -124,6 +124,7 @@ int main(int argc, char** argv) {
           break;
         }
         std::fprintf(stderr, "kxcore: there is no group '%s'\n", optarg);
+        print_usage(stderr);
         return usage_error;
       case 'v':
         verbose = true;

@@ -85,7 +85,7 @@ void strangers::show(record_event_e event, const peer* from, const sender& origi
   about.receiver = "kxcore";
   about.reason = reason;
   about.pid = origin.pid;
-  about.sent_ns = origin.sent_ns;
+  about.sent_ns = m_report.monitors.last_arrival().sent_ns;
   about.flags = m_report.monitors.last_arrival().flags;
   if (message == nullptr) return m_report.monitors.show(about, nullptr, 0);
   m_report.monitors.show(about, message->m_header, static_cast<std::size_t>(message->datagram_size()));
