@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <exception>
 
+#include "printable.h"
 #include "shell.h"
 
 namespace {
@@ -10,6 +11,12 @@ namespace {
 int complain(status_e status, const char* why) {
   if (*why != '\0') std::fprintf(stderr, "kxctl: %s\n", why);
   return status;
+}
+
+std::string usage_problem(const CLI::App& app, const CLI::ParseError& error) {
+  const std::vector<std::string> rest = app.remaining();
+  if (!app.get_subcommands().empty() || rest.empty()) return error.what();
+  return "there is no verb '" + printable(rest.front()) + "'";
 }
 
 }  // namespace
@@ -32,7 +39,7 @@ int main(int argc, char** argv) {
   } catch (const CLI::Success& asked) {  // --help, --version
     return app.exit(asked);
   } catch (const CLI::ParseError& error) {
-    return complain(USAGE, (std::string(error.what()) + ": see kxctl --help").c_str());
+    return complain(USAGE, (usage_problem(app, error) + ": see kxctl --help").c_str());
   } catch (const failure& error) {
     return complain(error.status, error.what());
   } catch (const std::exception& error) {

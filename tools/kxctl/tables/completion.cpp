@@ -1,5 +1,6 @@
 // Completion in shells. What may come next the tool says itself: the scripts only ask it.
 #include <algorithm>
+#include <set>
 
 #include "columns.h"
 #include "session.h"
@@ -73,14 +74,12 @@ words arguments_of(const std::string& verb) {
   return found;
 }
 
-words options_of(const CLI::App& app, const CLI::App* verb) {
-  words found;
-  for (const CLI::App* const of : {&app, verb}) {
-    if (of == nullptr) continue;
+std::set<std::string> options_of(const CLI::App& app, const CLI::App* verb) {
+  std::set<std::string> found;
+  for (const CLI::App* const of : {&app, verb == nullptr ? &app : verb})
     for (const CLI::Option* const each : of->get_options())
       for (const std::string& name : each->get_lnames())
-        found.push_back("--" + name);
-  }
+        found.insert("--" + name);
   return found;
 }
 
@@ -91,7 +90,10 @@ words candidates(const CLI::App& app, const words& line) {
   for (auto each = line.begin(); each + 1 < line.end() && verb == nullptr; ++each)
     for (const CLI::App* const known : verbs)
       if (known->get_name() == *each) verb = known;
-  if (!line.empty() && line.back().rfind('-', 0) == 0) return options_of(app, verb);
+  if (!line.empty() && line.back().rfind('-', 0) == 0) {
+    const std::set<std::string> found = options_of(app, verb);
+    return {found.begin(), found.end()};
+  }
   if (verb != nullptr) return arguments_of(verb->get_name());
   words names;
   for (const CLI::App* const each : verbs)

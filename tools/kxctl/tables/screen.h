@@ -23,9 +23,9 @@ class screen {
   bool is_quit() const;
 
  private:
+  termios m_before = {};
   bool m_is_terminal;
   bool m_has_keys;
-  termios m_before = {};
 };
 
 #endif

@@ -41,11 +41,13 @@ command_run::command_run(const words& command, const words& variables) : m_comma
   m_pid = fork();
   if (m_pid == 0) become(command, variables, output.write_end.get(), errors.write_end.get());
   if (m_pid < 0) throw failure(REFUSED, std::string("cannot start a process: ") + strerror(errno));
+  setpgid(m_pid, m_pid);  // a group of its own, which ends with it
   m_output.from = std::move(output.read_end);
   m_errors.from = std::move(errors.read_end);
 }
 
 void command_run::become(const words& command, const words& variables, int output, int errors) const {
+  setpgid(0, 0);
   interruption::release_in_child();
   dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
   dup2(output, STDOUT_FILENO);
@@ -63,11 +65,11 @@ void command_run::become(const words& command, const words& variables, int outpu
 
 command_run::~command_run() {
   if (!m_is_running) return;
-  kill(m_pid, SIGTERM);
+  kill(-m_pid, SIGTERM);
   for (int waited_ms = 0; waited_ms < patience_ms && !has_ended(); ++waited_ms)
     usleep(1000);
   if (!m_is_running) return;
-  kill(m_pid, SIGKILL);
+  kill(-m_pid, SIGKILL);
   waitpid(m_pid, nullptr, 0);
 }
 
