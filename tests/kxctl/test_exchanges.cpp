@@ -96,6 +96,19 @@ TEST_F(exchanges_test, begin_once_when_the_request_waits_in_the_core) {
   EXPECT_EQ(follow(make_told(RECORD_DELIVERED)), exchanges::NOTHING);
 }
 
+TEST_F(exchanges_test, begin_once_when_the_core_receives_the_request_and_refuses_it) {
+  told request = make_told(RECORD_RECEIVED);
+  request.to = "kxcore";
+  follow(request);
+  request.event = RECORD_REFUSED;
+  EXPECT_EQ(follow(request), exchanges::NOTHING);
+}
+
+TEST_F(exchanges_test, begin_again_when_a_request_with_an_id_in_use_is_refused) {
+  follow(told{});
+  EXPECT_EQ(follow(make_told(RECORD_REFUSED)), exchanges::ASKED);
+}
+
 TEST_F(exchanges_test, begin_with_a_delivery_when_the_recording_begins_late) {
   EXPECT_EQ(follow(make_told(RECORD_DELIVERED)), exchanges::ASKED);
 }

@@ -58,7 +58,7 @@ told make_told(record_event_e event) {
   return made;
 }
 
-std::string payload_of(const std::string& text) {
+std::string text_payload(const std::string& text) {
   const std::size_t count = text.size() + 1;
   return std::string{'\x07', static_cast<char>(count), static_cast<char>(count >> 8)} + text + '\0';
 }

@@ -31,7 +31,7 @@ struct told {
 };
 
 told make_told(record_event_e event);
-std::string payload_of(const std::string& text);  // one string
+std::string text_payload(const std::string& text);  // one string
 
 // What outlives the parsing of its bytes.
 class parsed {

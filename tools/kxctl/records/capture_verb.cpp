@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <cstdio>
 #include <ctime>
 
@@ -69,6 +71,7 @@ void capture(const record_options& how, const capture_options& what) {
   const auto end_at = how.end();
   monitor_client core(has_trigger ? "" : wanted.components(), has_trigger ? "" : wanted.services(),
                       how.given.deadline());
+  if (chosen.file == "-") core.end_with_pipe(STDOUT_FILENO);
   const std::unique_ptr<recorder> to = make_recorder(chosen);
   selection kept(wanted, *to, how.given.count);
   const auto take = [&kept](std::string_view record) { return kept.take(record); };

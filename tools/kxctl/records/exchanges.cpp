@@ -6,6 +6,14 @@
 namespace {
 
 constexpr std::size_t max_open = 65536;
+constexpr char core_name[] = "kxcore";
+
+// Whether it tells of a request again: that has waited in the core, or was received there.
+bool is_further(const entry& what, const exchange& asked) {
+  const bool has_waited = what.head.event == RECORD_DELIVERED || what.head.event == RECORD_DROPPED;
+  return (has_waited && asked.handed_ns == 0) ||
+         (what.head.event == RECORD_REFUSED && asked.handed_ns != 0 && asked.server == core_name);
+}
 
 }  // namespace
 
@@ -18,8 +26,7 @@ exchanges::step exchanges::follow(const entry& what) {
 exchanges::step exchanges::follow_request(const entry& what) {
   const key_t key(what.head.sender, what.src_siid, what.dst_siid, what.msg_id);
   auto found = m_by_key.find(key);
-  const bool has_waited = what.head.event == RECORD_DELIVERED || what.head.event == RECORD_DROPPED;
-  const bool is_known = found != m_by_key.end() && has_waited && found->second->second.handed_ns == 0;
+  const bool is_known = found != m_by_key.end() && is_further(what, found->second->second);
   if (!is_known) {
     if (found != m_by_key.end()) forget(found);  // the id is in use again
     add(key, what);

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 
 #include "KXmessage.h"
@@ -78,9 +79,10 @@ void monitor_client::greet(const std::string& components, const std::string& ser
 monitor_client::end_e monitor_client::watch(const take_t& take, const std::function<void()>& caught_up,
                                             std::optional<steady::time_point> end) {
   for (;;) {
-    pollfd ready[] = {{m_socket.get(), POLLIN, 0}, {m_stop.fd(), POLLIN, 0}};
-    poll(ready, 2, end ? pause_until(*end) : -1);
+    pollfd ready[] = {{m_socket.get(), POLLIN, 0}, {m_stop.fd(), POLLIN, 0}, {m_pipe, 0, 0}};
+    poll(ready, 3, end ? pause_until(*end) : -1);
     if (m_stop.take()) return STOPPED;
+    if ((ready[2].revents & POLLERR) != 0) raise(SIGPIPE);  // as writing to it would
     if (end && steady::now() >= *end) return TIME_OVER;
     const received_e got = receive(take);
     caught_up();

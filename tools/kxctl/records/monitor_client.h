@@ -18,6 +18,9 @@ class monitor_client {
   // out. Throws failure, with what to do, when that does not succeed.
   monitor_client(const std::string& components, const std::string& services, steady::time_point answer_by);
 
+  // Ends the program quietly when nobody reads any more what it writes to this pipe.
+  void end_with_pipe(int fd) { m_pipe = fd; }
+
   // Takes a record; false when it wants no more.
   using take_t = std::function<bool(std::string_view record)>;
 
@@ -41,6 +44,7 @@ class monitor_client {
 
   stop_signals m_stop;
   unique_fd m_socket;
+  int m_pipe = -1;
   std::vector<char> m_room;
   bool m_is_first = true;
 };

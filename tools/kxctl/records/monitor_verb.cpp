@@ -1,8 +1,5 @@
 #include <unistd.h>
 
-#include <cstdlib>
-#include <iostream>
-
 #include "audience.h"
 #include "monitor_client.h"
 #include "output.h"
@@ -16,6 +13,7 @@ void monitor(const record_options& how, const names::fetch_t& fetch) {
   const auto take = [&heard](std::string_view record) { return heard.take(record); };
   const auto end_at = how.end();
   monitor_client core(wanted.components(), wanted.services(), how.given.deadline());
+  core.end_with_pipe(STDOUT_FILENO);
   const monitor_client::end_e end = core.watch(take, flush_output, end_at);
   if (end != monitor_client::ENOUGH) core.drain(take);
   heard.finish();

@@ -21,7 +21,9 @@ std::unique_ptr<view> make_text_view(const options& given, names& known) {
 
 void flush_output() {
   errno = 0;
-  if (!std::cout.flush()) throw failure(REFUSED, std::string("standard output: ") + strerror(errno));
+  if (std::cout.flush()) return;
+  throw failure(REFUSED,
+                std::string("standard output: ") + (errno != 0 ? strerror(errno) : "it takes no more"));
 }
 
 void tell_losses(std::uint64_t lost) {
