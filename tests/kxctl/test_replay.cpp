@@ -14,13 +14,13 @@ constexpr std::uint64_t ms = 1'000'000;
 
 told request(std::uint32_t id, const std::string& text, std::uint64_t time_ns) {
   told made;
-  made.id = id, made.payload = payload_of(text), made.time_ns = made.sent_ns = time_ns;
+  made.id = id, made.payload = text_payload(text), made.time_ns = made.sent_ns = time_ns;
   return made;
 }
 
 told answer_to(const told& asked, std::uint8_t type, const std::string& text, std::uint64_t time_ns) {
   told made = asked.answer(type);
-  made.payload = payload_of(text), made.time_ns = made.sent_ns = time_ns;
+  made.payload = text_payload(text), made.time_ns = made.sent_ns = time_ns;
   return made;
 }
 
@@ -54,8 +54,6 @@ told offered_with_siid(std::uint32_t siid) {
                       static_cast<std::size_t>(page.size));
   return rows;
 }
-
-std::string value_text(const std::string& text) { return payload_of(text); }
 
 verdict_e compared(const std::optional<recorded_answer>& then, const std::optional<recorded_answer>& now,
                    const std::vector<std::string>& ignored = {}) {
@@ -109,7 +107,7 @@ TEST(recorded, the_siid_of_a_service_that_was_offered_later_is_in_the_answer) {
   told offer = request(7, "", 1 * ms);
   offer.is_management = true, offer.cmd = CMD_REG_SIGNAL, offer.dst = offer.src = 1;
   offer.payload =
-      payload_of("sysmon") + payload_of("sysmon.metric") + payload_of("none") + payload_of("none");
+      text_payload("sysmon") + text_payload("sysmon.metric") + text_payload("none") + text_payload("none");
   told granted = offer;
   granted.type = MSG_RSP;
   KXmessage siid;
@@ -121,9 +119,9 @@ TEST(recorded, the_siid_of_a_service_that_was_offered_later_is_in_the_answer) {
 }
 
 TEST(comparison, tells_how_an_answer_differs) {
-  const recorded_answer load{MSG_RSP, value_text("5"), 1}, later{MSG_RSP, value_text("5"), 2},
-      other{MSG_RSP, value_text("6"), 1}, refusal{MSG_ERR, value_text("5"), 1},
-      more{MSG_RSP, value_text("5") + value_text("5"), 1}, broken{MSG_RSP, "\x07", 1};
+  const recorded_answer load{MSG_RSP, text_payload("5"), 1}, later{MSG_RSP, text_payload("5"), 2},
+      other{MSG_RSP, text_payload("6"), 1}, refusal{MSG_ERR, text_payload("5"), 1},
+      more{MSG_RSP, text_payload("5") + text_payload("5"), 1}, broken{MSG_RSP, "\x07", 1};
   const struct {
     std::optional<recorded_answer> then, now;
     std::vector<std::string> ignored;
