@@ -9,6 +9,7 @@
 #include <system_error>
 #include <utility>
 
+#include "clock.h"
 #include "datagram.h"
 #include "management.h"
 #include "request.h"
@@ -53,10 +54,12 @@ bool roster::watch_for(peer& owner, int fd, watch::kind_e kind) {
 outlet::result_e roster::send(peer& to, outlet& way, const KXmessage& message, const peer* from) {
   if (to.is_gone) return outlet::GONE;
   const bool had_queue = way.has_queue();
+  // Its receiver may have answered before the time behind it could be read.
+  const std::uint64_t begun_ns = m_report.monitors.is_watched() ? now_ns(CLOCK_REALTIME) : 0;
   const outlet::result_e result =
       way.send(message.m_header, static_cast<std::size_t>(message.datagram_size()),
                from == nullptr ? 0 : from->serial, from == nullptr ? getuid() : from->uid);
-  if (m_report.monitors.is_watched()) show_sent(to, result, message, from);
+  if (m_report.monitors.is_watched()) show_sent(to, result, message, from, begun_ns);
   if (result == outlet::QUEUED && !had_queue) {
     m_report.events.note(EVENT_DOES_NOT_READ, to.label);
     if (!watch_for(to, way.fd(), watch::ROOM)) give_up(to, "what it does not read cannot be sent later");
@@ -105,23 +108,25 @@ bool roster::serve(bool held) {
 // --- what monitors see ---
 
 void roster::show(record_event_e event, const peer* from, std::string_view receiver, const KXmessage& message,
-                  std::string_view reason) {
+                  std::string_view reason, std::uint64_t time_ns) {
   if (!m_report.monitors.is_watched()) return;
   record about = {event};
   about.sender = from == nullptr ? "kxcore" : from->label;
   about.receiver = receiver;
   about.service = service_of(message);
   about.reason = reason;
+  about.time_ns = time_ns;
   about.flags = is_management(message) ? record_is_management : 0;
   about.pid = from == nullptr ? getpid() : from->pid;
   about.sent_ns = from == nullptr ? 0 : m_report.monitors.last_arrival().sent_ns;
   m_report.monitors.show(about, message.m_header, static_cast<std::size_t>(message.datagram_size()));
 }
 
-void roster::show_sent(const peer& to, outlet::result_e result, const KXmessage& message, const peer* from) {
+void roster::show_sent(const peer& to, outlet::result_e result, const KXmessage& message, const peer* from,
+                       std::uint64_t begun_ns) {
   switch (result) {
     case outlet::SENT:
-      return show(RECORD_SENT, from, to.label, message);
+      return show(RECORD_SENT, from, to.label, message, {}, begun_ns);
     case outlet::QUEUED:
       return show(RECORD_QUEUED, from, to.label, message);
     case outlet::FULL:

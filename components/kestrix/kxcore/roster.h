@@ -55,7 +55,7 @@ class roster {
 
   // Shows monitors a message of a component, or of the core (null), and what becomes of it.
   void show(record_event_e event, const peer* from, std::string_view receiver, const KXmessage& message,
-            std::string_view reason = {});
+            std::string_view reason = {}, std::uint64_t time_ns = 0);
 
   // Answers a request with an error in place of whom it was sent to. It is not open any more.
   void fail(peer& requester, const open_request& request, const char* reason);
@@ -89,7 +89,8 @@ class roster {
   }
   std::string_view service_of(const KXmessage& message) const;
   bool watch_for(peer& owner, int fd, watch::kind_e kind);
-  void show_sent(const peer& to, outlet::result_e result, const KXmessage& message, const peer* from);
+  void show_sent(const peer& to, outlet::result_e result, const KXmessage& message, const peer* from,
+                 std::uint64_t begun_ns);
   void show_delivered(const peer& to, const datagram& message, unsigned long sender);
   void flush(peer& to, outlet& way);
   void forget(std::unique_ptr<peer> gone);

@@ -46,7 +46,8 @@ bool matches(const std::string& pattern, std::string_view text) {
 
 std::string traffic::open(const std::string& directory, gid_t group) {
   mkdir(directory.c_str(), 0711);
-  if (!is_own_directory(directory)) return directory + " is not a directory that only kxcore can write to: remove it";
+  if (!is_own_directory(directory))
+    return directory + " is not a directory that only kxcore can write to: remove it";
   m_directory = directory;
   const std::string path = directory + socket_name;
   unlink(path.c_str());
@@ -150,8 +151,9 @@ bool traffic::wants(const monitor& of, const record& about) {
 void traffic::send(monitor& to, record about, const void* body, std::size_t size) {
   about.sequence = to.sequence;
   about.lost = to.lost;
-  about.time_ns = now_ns(CLOCK_REALTIME);
-  about.monotonic_ns = now_ns(CLOCK_MONOTONIC);
+  const std::uint64_t now = now_ns(CLOCK_REALTIME);
+  if (about.time_ns == 0) about.time_ns = now;
+  about.monotonic_ns = now_ns(CLOCK_MONOTONIC) - (now - about.time_ns);
   unsigned char header[record_max_header];
   iovec parts[] = {{header, write_record_header(about, header)}, {const_cast<void*>(body), size}};
   msghdr message = {};

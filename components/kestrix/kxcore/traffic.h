@@ -46,7 +46,8 @@ class traffic {
   void arrived(const arrival& what) { m_arrival = what; }
   const arrival& last_arrival() const { return m_arrival; }
 
-  // Shows a record to the monitors that want it. Numbers, losses and the time are filled in here.
+  // Shows a record to the monitors that want it. Numbers and losses are filled in here, and the times; the
+  // time only when it is 0.
   void show(const record& about, const void* body, std::size_t size);
 
  private:
