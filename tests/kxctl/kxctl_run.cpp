@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -69,6 +70,12 @@ run::run(const std::string& line, const std::function<void()>& prepare)
 
 std::string run::out() const { return content(m_out.get()); }
 std::string run::err() const { return content(m_err.get()); }
+
+bool run::has_ended() const {
+  siginfo_t ended = {};
+  return waitid(P_PID, static_cast<id_t>(pid()), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+         ended.si_pid != 0;
+}
 
 int run::end(int signal) { return m_process.end(signal); }
 
@@ -175,4 +182,11 @@ void bus_with_core::SetUp() {
   ASSERT_TRUE(comes_true([] { return is_bound("/tmp/kxcore/kxcore-d"); }));
 }
 
-void bus_with_core::TearDown() { core->end(SIGKILL); }
+void bus_with_core::TearDown() {
+  if (core != nullptr) end_core(SIGKILL);
+}
+
+void bus_with_core::end_core(int signal) {
+  core->end(signal);
+  core.reset();
+}

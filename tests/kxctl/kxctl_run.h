@@ -21,6 +21,9 @@ class run {
   // Its words are separated by spaces, with '~' for a space within one. `prepare` runs in the process before.
   explicit run(const std::string& line, const std::function<void()>& prepare = nullptr);
 
+  pid_t pid() const { return m_process.pid(); }
+  bool has_ended() const;  // it is not waited for
+
   // Of kxctl: the name of its component.
   const std::string& name() const { return m_name; }
   std::string out() const;
@@ -85,6 +88,7 @@ class bus_with_core : public testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
+  void end_core(int signal);
 
   std::unique_ptr<run> core;
 };
