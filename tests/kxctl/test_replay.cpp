@@ -1,12 +1,15 @@
 // What is taken from a recording to be sent again, and how answers are compared.
+#include <unistd.h>
+
+#include <fstream>
+#include <regex>
 #include <sstream>
 
+#include "kxctl_run.h"
 #include "pcapng.h"
 #include "replay/comparison.h"
 #include "shell.h"
 #include "told.h"
-
-#include <gtest/gtest.h>
 
 namespace {
 
@@ -24,11 +27,15 @@ told answer_to(const told& asked, std::uint8_t type, const std::string& text, st
   return made;
 }
 
-recorded_calls calls_in(const std::vector<told>& all, const std::vector<std::string>& filtered = {}) {
+std::string recording_of(const std::vector<told>& all) {
   std::string bytes = pcapng_beginning();
   for (const told& each : all)
     append_packet(bytes, *parsed(each));
-  std::istringstream file(bytes);
+  return bytes;
+}
+
+recorded_calls calls_in(const std::vector<told>& all, const std::vector<std::string>& filtered = {}) {
+  std::istringstream file(recording_of(all));
   return recorded_calls(file, "file", "sysmon.metric", filter(filtered));
 }
 
@@ -146,4 +153,79 @@ TEST(comparison, tells_how_an_answer_differs) {
 TEST(comparison, leaves_out_only_fields_that_there_are) {
   for (const char* const wrong : {"0", "1x", "nothing", "-1"})
     EXPECT_THROW(ignored_fields({wrong}, nullptr), failure) << wrong;
+}
+
+namespace {
+
+class replays : public bus_with_core {
+ protected:
+  void SetUp() override {
+    bus_with_core::SetUp();
+    const told load = request(1, "load", 1 * ms), memory = request(2, "memory", 2 * ms);
+    told tick = request(0, "tick", 3 * ms);
+    tick.type = MSG_SIG;
+    std::ofstream("/tmp/kxcore/file") << recording_of({load, answer_to(load, MSG_RSP, "5", 2 * ms), memory,
+                                                       answer_to(memory, MSG_ERR, "no", 2 * ms), tick});
+  }
+  void TearDown() override {
+    unlink("/tmp/kxcore/file");
+    bus_with_core::TearDown();
+  }
+};
+
+}  // namespace
+
+TEST_F(replays, send_each_request_when_the_one_before_is_answered) {
+  stand_in server("server");
+  ASSERT_TRUE(server.ask(CMD_REG_FUNCTION, "sysmon.metric"));
+  run subject("kxctl --timeout 5 replay /tmp/kxcore/file sysmon.metric --rate max");
+  const auto answer = [&server](msg_type_e type, const std::string& text) {
+    const KXmessage asked = server.received();
+    EXPECT_EQ(0u, server.data.receive().size()) << "another one has come";
+    server.answer(asked, type, [&text](KXmessage& message) { message << text; });
+    return decode(asked).text();
+  };
+  EXPECT_EQ(R"("load")", answer(MSG_RSP, "5"));
+  EXPECT_EQ(R"("memory")", answer(MSG_RSP, "no"));
+  EXPECT_EQ(R"("tick")", decode(server.received()).text());
+  const std::string told = std::regex_replace(ended_with(subject), std::regex("[0-9.]+ .?s\\)"), "0)");
+  EXPECT_EQ(
+      "0: same        cmd 1 \"load\"  then RSP \"5\" (0)  now RSP \"5\" (0)\n"
+      "type        cmd 1 \"memory\"  then ERR \"no\" (0)  now RSP \"no\" (0)\n"
+      "sent        cmd 1 \"tick\"\n1 of 2 answers differ",
+      told);
+}
+
+TEST_F(replays, that_expect_the_same_end_with_1_when_there_is_no_answer) {
+  stand_in server("server");
+  ASSERT_TRUE(server.ask(CMD_REG_FUNCTION, "sysmon.metric"));
+  run subject("kxctl --timeout 0.1 replay /tmp/kxcore/file sysmon.metric --expect -n 1 --json");
+  const std::string told = ended_with(subject);
+  EXPECT_NE(std::string::npos, told.find(R"("now":null)")) << told;
+  EXPECT_NE(std::string::npos, told.find("! kxctl: 1 of 1 answers are not as recorded")) << told;
+  EXPECT_EQ('1', told[0]);
+}
+
+TEST_F(replays, as_a_server_answer_what_was_asked_and_refuse_the_rest) {
+  run subject("kxctl replay /tmp/kxcore/file sysmon.metric --as server --rate max -n 3");
+  EXPECT_EQ("0: ", kxctl("wait sysmon.metric"));
+  EXPECT_EQ("0: s \"5\"", kxctl("call sysmon.metric:1 s load"));
+  EXPECT_EQ("0: s \"5\"", kxctl("call sysmon.metric:1 s load"));
+  EXPECT_EQ("1: ! kxctl: the recording has no answer to this request", kxctl("call sysmon.metric:2 s load"));
+  EXPECT_EQ('0', ended_with(subject)[0]);
+}
+
+TEST_F(replays, say_what_is_wrong) {
+  const struct {
+    std::string line, end;
+  } rows[] = {
+      {"replay /tmp/kxcore/none x", "1: ! kxctl: /tmp/kxcore/none: No such file or directory"},
+      {"replay /tmp/kxcore/file x", "1: ! kxctl: /tmp/kxcore/file holds no request to 'x'"},
+      {"replay /tmp/kxcore/file x --as server", "1: ! kxctl: /tmp/kxcore/file holds no message of 'x'"},
+      {"replay /tmp/kxcore/file sysmon.metric", "1: ! kxctl: nobody offers 'sysmon.metric'"},
+      {"replay /tmp/kxcore/file x --rate 0", "2: ! kxctl: a rate is a number above 0, or max, not 0"},
+      {"replay /tmp/kxcore/file x --rate 1x", "2: ! kxctl: a rate is a number above 0, or max, not 1x"},
+      {"replay - x --step", "2: ! kxctl: with --step the recording is to be a file"}};
+  for (const auto& row : rows)
+    EXPECT_EQ(row.end, kxctl(row.line)) << row.line;
 }
