@@ -3,6 +3,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "printable.h"
 #include "value_types.h"
 
 namespace {
@@ -20,7 +21,7 @@ struct words_left {
   std::vector<std::string>::const_iterator next, end;
 };
 
-std::string quoted(const std::string& text) { return "'" + escaped(text) + "'"; }
+std::string quoted(const std::string& text) { return "'" + printable(text) + "'"; }
 
 // The digits of a number, decimal or hex behind "0x".
 std::optional<std::uint64_t> magnitude_of(std::string_view digits) {

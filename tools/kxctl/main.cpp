@@ -1,7 +1,9 @@
 // kxctl: the bus from a shell.
+#include <csignal>
 #include <cstdio>
 #include <exception>
 
+#include "printable.h"
 #include "shell.h"
 
 namespace {
@@ -11,25 +13,32 @@ int complain(status_e status, const char* why) {
   return status;
 }
 
+std::string usage_problem(const CLI::App& app, const CLI::ParseError& error) {
+  const std::vector<std::string> rest = app.remaining();
+  if (!app.get_subcommands().empty() || rest.empty()) return error.what();
+  return "there is no verb '" + printable(rest.front()) + "'";
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  std::signal(SIGPIPE, SIG_IGN);
   CLI::App app("See, call, record and replay the kestrix bus.", "kxctl");
   options given;
   app.set_version_flag("--version", "kxctl " KX_VERSION);
-  app.add_flag("--json", given.json, "Write JSON: one object, or one a line for what comes in time");
-  app.add_flag("--no-header", given.no_header, "No line with the names of columns");
-  app.add_option("--timeout", given.timeout_s, "Seconds after which whatever waits ends with status 124")
-      ->capture_default_str()
-      ->check(CLI::PositiveNumber);
+  add_common_options(app, given);
   app.require_subcommand(1);
   app.fallthrough();
+  add_bus_verbs(app, given);
+  add_table_verbs(app, given);
   add_record_verbs(app, given);
   try {
     app.parse(argc, argv);
     return DONE;
+  } catch (const CLI::Success& asked) {  // --help, --version
+    return app.exit(asked);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? DONE : USAGE;
+    return complain(USAGE, (usage_problem(app, error) + ": see kxctl --help").c_str());
   } catch (const failure& error) {
     return complain(error.status, error.what());
   } catch (const std::exception& error) {

@@ -39,6 +39,12 @@ struct options {
   }
 };
 
+// The options that every verb has.
+void add_common_options(CLI::App& app, options& given);
+
+// When a stream ends: never, unless the command line says so.
+steady::time_point end_of_stream(const CLI::App& app, const options& given);
+
 // A text for JSON, whatever its bytes are: what is no UTF-8 is replaced.
 inline std::string dump(const nlohmann::json& value) {
   return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);

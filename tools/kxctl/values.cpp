@@ -2,6 +2,7 @@
 
 #include <optional>
 
+#include "printable.h"
 #include "value_types.h"
 
 namespace {
@@ -30,6 +31,19 @@ std::string hex(const Bytes& bytes, const char* before_each) {
   for (const auto byte : bytes)
     text += before_each + hex(static_cast<unsigned char>(byte));
   return text;
+}
+
+// A text in quotes.
+std::string quoted(const std::string& text) {
+  std::string result;
+  for (const char c : text) {
+    if (c == '"' || c == '\\') result += '\\';
+    if (c == '\n')
+      result += "\\n";
+    else
+      result += c;
+  }
+  return '"' + printable(result) + '"';
 }
 
 // --- decoding ---
@@ -87,31 +101,11 @@ value number_value(const type_facts& facts, std::uint64_t number) {
   return {facts.type, static_cast<std::int64_t>((number ^ sign) - sign)};  // with the sign in all upper bits
 }
 
-std::string escaped(const std::string& text) {
-  const bool is_readable = is_utf8(text);
-  std::string result;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (c == '"' || c == '\\') {
-      result += {'\\', c};
-    } else if (c == '\n') {
-      result += "\\n";
-    } else if (c == '\t') {
-      result += "\\t";
-    } else if (byte < 0x20 || byte == 0x7F || (byte >= 0x80 && !is_readable)) {
-      result += "\\x" + hex(byte);
-    } else {
-      result += c;
-    }
-  }
-  return result;
-}
-
 std::string value::text() const {
   if (const auto* flag = std::get_if<bool>(&content)) return *flag ? "true" : "false";
   if (const auto* number = std::get_if<std::int64_t>(&content)) return std::to_string(*number);
   if (const auto* number = std::get_if<std::uint64_t>(&content)) return std::to_string(*number);
-  if (const auto* text = std::get_if<std::string>(&content)) return '"' + escaped(*text) + '"';
+  if (const auto* text = std::get_if<std::string>(&content)) return quoted(*text);
   const auto& buffer = std::get<bytes>(content);
   return std::to_string(buffer.size()) + hex(buffer, " 0x");
 }
@@ -163,4 +157,10 @@ decoded_payload decode(const unsigned char* bytes, std::size_t size) {
 
 decoded_payload decode(const KXmessage& message) {
   return decode(message.data + message.offset, static_cast<std::size_t>(message.size));
+}
+
+std::string reason_of(const KXmessage& refusal) {
+  const decoded_payload payload = decode(refusal);
+  if (payload.signature() == "s") return printable(std::get<std::string>(payload.values.front().content));
+  return payload.signature().empty() ? "it is refused, without a reason" : payload.text();
 }

@@ -13,10 +13,6 @@
 
 #include "KXmessage.h"
 
-// A text as one line for a terminal: control characters, backslashes and double quotes are escaped, and of a
-// text that is no UTF-8 all that is not ASCII.
-std::string escaped(const std::string& text);
-
 struct value {
   using bytes = std::vector<unsigned char>;
 
@@ -40,6 +36,9 @@ struct decoded_payload {
 // Decodes a payload, of whatever bytes.
 decoded_payload decode(const unsigned char* bytes, std::size_t size);
 decoded_payload decode(const KXmessage& message);
+
+// Why the other side has answered ERR, in its own words.
+std::string reason_of(const KXmessage& refusal);
 
 // Appends the values of a signature, written as arguments; returns why not, or an empty text. Then nothing is
 // appended. "ay" takes a count and as many bytes, as busctl has it.
