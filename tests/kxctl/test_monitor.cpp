@@ -26,6 +26,7 @@ namespace fs = std::filesystem;
 
 constexpr char directory[] = "/tmp/kxcore/.kxcore";
 constexpr char monitor_path[] = "/tmp/kxcore/.kxcore/monitor";
+constexpr char recording[] = "/tmp/kxcore/file.pcapng";
 constexpr char core_path[] = "/tmp/kxcore/kxcore";
 
 struct ended {
@@ -97,7 +98,10 @@ class core_side {
 
 class monitor_test : public testing::Test {
  protected:
-  monitor_test() { m_core.emplace(); }
+  monitor_test() {
+    m_core.emplace();
+    fs::remove(recording);
+  }
 
   // Runs kxctl with a core that says this, and nothing more as long as it runs.
   ended with(const std::vector<told>& records, const std::string& arguments) {
@@ -114,8 +118,7 @@ class monitor_test : public testing::Test {
     m_core->accept();
     for (const told& each : records)
       m_core->send(each);
-    while (content_of("/tmp/kxcore/out").empty() &&
-           fs::file_size("/tmp/kxcore/file.pcapng", m_ignored) <= 200)
+    while (content_of("/tmp/kxcore/out").empty())
       std::this_thread::yield();
     std::thread answer([&] {
       m_core->receive();
@@ -129,7 +132,6 @@ class monitor_test : public testing::Test {
 
   std::optional<core_side> m_core;
   decoded_payload m_hello;
-  std::error_code m_ignored;
 };
 
 TEST_F(monitor_test, shows_what_comes) {
@@ -250,7 +252,7 @@ TEST_F(monitor_test, says_that_standard_output_takes_no_more) {
 
 class captured : public monitor_test {
  protected:
-  static std::vector<std::string> packets(const std::string& path = "/tmp/kxcore/file.pcapng") {
+  static std::vector<std::string> packets(const std::string& path = recording) {
     std::ifstream from(path, std::ios::binary);
     pcapng_reader reader(from, path);
     std::vector<std::string> all;
@@ -309,7 +311,7 @@ TEST_F(captured, is_readable_when_it_is_killed) {
   program tool("capture -w /tmp/kxcore/file.pcapng");
   m_core->accept();
   m_core->send(told{});
-  while (fs::file_size("/tmp/kxcore/file.pcapng", m_ignored) <= 200 || m_ignored)
+  while (content_of(recording).size() <= pcapng_beginning().size())
     std::this_thread::yield();
   tool.end(SIGKILL);
   EXPECT_EQ(packets().size(), 1U);

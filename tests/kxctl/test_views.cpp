@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "shell.h"
 #include "showing.h"
 
 namespace {

@@ -1,5 +1,7 @@
 #include "audience.h"
 
+#include "shell.h"
+
 bool audience::take(std::string_view record) {
   const std::optional<entry> parsed = entry::parse(record);
   if (!parsed) {
@@ -11,10 +13,17 @@ bool audience::take(std::string_view record) {
   m_names.learn(*parsed);
   const exchanges::step step =
       m_exchanges.follow(*parsed);  // of all: an answer may be wanted without its request
-  if (!m_wanted.matches(*parsed)) return true;
+  if (!m_wanted.matches(*parsed) || is_ignored(*parsed)) return true;
   m_view.show({*parsed, step, m_lost});
   m_lost = 0;
   return ++m_shown != m_count;
+}
+
+// Before it is registered, a component is known by the path of its socket, in brackets.
+bool audience::is_ignored(const entry& what) const {
+  if (m_ignored.empty()) return false;
+  return what.head.sender == m_ignored || what.head.receiver == m_ignored ||
+         what.head.sender == "[/tmp/kxcore/" + m_ignored + "]";
 }
 
 void audience::finish() {

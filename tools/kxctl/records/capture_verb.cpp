@@ -68,7 +68,6 @@ void capture(const record_options& how, const capture_options& what) {
   if (chosen.file.empty()) chosen.file = default_path();
   const filter wanted(how.filter);
   const bool has_trigger = !what.on.empty();  // which may be anything
-  const auto end_at = how.end();
   monitor_client core(has_trigger ? "" : wanted.components(), has_trigger ? "" : wanted.services(),
                       how.given.deadline());
   if (chosen.file == "-") core.end_with_pipe(STDOUT_FILENO);
@@ -76,7 +75,7 @@ void capture(const record_options& how, const capture_options& what) {
   selection kept(wanted, *to, how.given.count);
   const auto take = [&kept](std::string_view record) { return kept.take(record); };
   const monitor_client::end_e end = core.watch(
-      take, [&to] { to->flush(); }, end_at);
+      take, [&to] { to->flush(); }, how.until);
   if (end != monitor_client::ENOUGH) core.drain(take);
   to->flush();
   std::fprintf(stderr, "kxctl: %s\n", to->summary().c_str());

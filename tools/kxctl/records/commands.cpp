@@ -1,6 +1,7 @@
 // The command line of the verbs for records.
 #include <memory>
 
+#include "description_source.h"
 #include "shell.h"
 #include "verbs.h"
 
@@ -10,7 +11,7 @@ constexpr char filter_help[] =
     "What is wanted: service=sysmon.* component=watch type=REQ,ERR cmd=1 id=0x1001 event!=refused mgmt";
 
 record_options common(const CLI::App& app, const options& given, std::vector<std::string> terms) {
-  return {given, app.get_option("--timeout")->count() > 0, std::move(terms)};
+  return {given, end_of_stream(app, given), std::move(terms)};
 }
 
 CLI::App* add_verb(CLI::App& app, options& given, const char* name, const char* help,
@@ -25,7 +26,7 @@ void add_monitor(CLI::App& app, options& given) {
       add_verb(app, given, "monitor", "Show all traffic, as it comes", "End after so many");
   const auto terms = std::make_shared<std::vector<std::string>>();
   verb->add_option("FILTER", *terms, filter_help);
-  verb->callback([&app, &given, terms] { monitor(common(app, given, *terms), {}); });
+  verb->callback([&app, &given, terms] { monitor(common(app, given, *terms), fetch_description); });
 }
 
 void add_capture(CLI::App& app, options& given) {

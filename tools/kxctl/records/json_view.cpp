@@ -1,4 +1,5 @@
 // Records as JSON, an object a line.
+#include "shell.h"
 #include "view.h"
 #include "wording.h"
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "printable.h"
+#include "shell.h"
 #include "view.h"
 
 namespace {

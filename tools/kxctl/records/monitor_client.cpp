@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 
 #include "KXmessage.h"
@@ -77,15 +76,16 @@ void monitor_client::greet(const std::string& components, const std::string& ser
 }
 
 monitor_client::end_e monitor_client::watch(const take_t& take, const std::function<void()>& caught_up,
-                                            std::optional<steady::time_point> end) {
+                                            steady::time_point until) {
   for (;;) {
     pollfd ready[] = {{m_socket.get(), POLLIN, 0}, {m_stop.fd(), POLLIN, 0}, {m_pipe, 0, 0}};
-    poll(ready, 3, end ? pause_until(*end) : -1);
-    if (m_stop.take()) return STOPPED;
-    if ((ready[2].revents & POLLERR) != 0) raise(SIGPIPE);  // as writing to it would
-    if (end && steady::now() >= *end) return TIME_OVER;
+    poll(ready, 3, pause_until(until));
+    if (ready[1].revents != 0) return STOPPED;
+    if ((ready[2].revents & POLLERR) != 0) throw failure(DONE, "");
+    if (steady::now() >= until) return TIME_OVER;
     const received_e got = receive(take);
     caught_up();
+    if (got == CORE_ENDED) fail_at_end();
     if (got == UNWANTED) return ENOUGH;
   }
 }
@@ -106,7 +106,7 @@ void monitor_client::drain(const take_t& take) {
     received_e got = RECEIVED;
     while (got == RECEIVED && !is_marked && steady::now() < end)
       got = receive(take_until_mark);
-    if (got == UNWANTED) return;
+    if (got == UNWANTED || got == CORE_ENDED) return;
   }
 }
 
@@ -121,9 +121,9 @@ monitor_client::received_e monitor_client::receive(const take_t& take) {
   }
   const int count = recvmmsg(m_socket.get(), messages, batch, MSG_DONTWAIT, nullptr);
   if (count < 0 && (errno == EAGAIN || errno == EINTR)) return NOTHING_YET;
-  if (count <= 0) fail_at_end();
+  if (count <= 0) return CORE_ENDED;
   for (int i = 0; i < count; ++i) {
-    if (messages[i].msg_len == 0) fail_at_end();  // no record is empty
+    if (messages[i].msg_len == 0) return CORE_ENDED;  // no record is empty
     if (!hand_on({static_cast<const char*>(parts[i].iov_base), messages[i].msg_len}, take)) return UNWANTED;
   }
   return RECEIVED;

@@ -3,13 +3,13 @@
 #define KXCTL_MONITOR_CLIENT_H
 
 #include <functional>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "interruption.h"
 #include "shell.h"
-#include "stop_signals.h"
+
 #include "unique_fd.h"
 
 class monitor_client {
@@ -18,7 +18,7 @@ class monitor_client {
   // out. Throws failure, with what to do, when that does not succeed.
   monitor_client(const std::string& components, const std::string& services, steady::time_point answer_by);
 
-  // Ends the program quietly when nobody reads any more what it writes to this pipe.
+  // From now on it is the end, a quiet one, when nobody reads this pipe any more.
   void end_with_pipe(int fd) { m_pipe = fd; }
 
   // Takes a record; false when it wants no more.
@@ -27,14 +27,13 @@ class monitor_client {
   // Hands records on until no more are wanted, the end of time, or a signal to stop; `caught_up` is called
   // whenever all have been handed on that were there. Throws failure when the core ends.
   enum end_e { ENOUGH, TIME_OVER, STOPPED };
-  end_e watch(const take_t& take, const std::function<void()>& caught_up,
-              std::optional<steady::time_point> end);
+  end_e watch(const take_t& take, const std::function<void()>& caught_up, steady::time_point until);
 
   // Hands on what is still on its way, so that every loss is told. Waits a moment, no longer.
   void drain(const take_t& take);
 
  private:
-  enum received_e { NOTHING_YET, RECEIVED, UNWANTED };
+  enum received_e { NOTHING_YET, RECEIVED, UNWANTED, CORE_ENDED };
 
   void connect_by(steady::time_point answer_by);
   void greet(const std::string& components, const std::string& services);
@@ -42,7 +41,7 @@ class monitor_client {
   bool hand_on(std::string_view record, const take_t& take);
   [[noreturn]] void fail_at_end() const;
 
-  stop_signals m_stop;
+  const interruption m_stop;
   unique_fd m_socket;
   int m_pipe = -1;
   std::vector<char> m_room;

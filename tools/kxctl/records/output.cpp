@@ -1,29 +1,23 @@
 #include "output.h"
 
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <iostream>
+
+#include "shell.h"
+#include "standard_output.h"
 
 namespace {
 
-bool has_colour() { return isatty(STDOUT_FILENO) != 0 && std::getenv("NO_COLOR") == nullptr; }
+constexpr std::streamoff long_output = 1 << 16;
 
 }  // namespace
 
-std::unique_ptr<view> make_text_view(const options& given, names& known) {
-  return given.json ? make_json_view(std::cout, known)
-                    : make_table_view(std::cout, known, !given.no_header, has_colour());
+void output::flush() {
+  write_out(m_stream.str());
+  m_stream.str("");
 }
 
-void flush_output() {
-  errno = 0;
-  if (std::cout.flush()) return;
-  throw failure(REFUSED,
-                std::string("standard output: ") + (errno != 0 ? strerror(errno) : "it takes no more"));
+void output::flush_if_long() {
+  if (m_stream.tellp() >= long_output) flush();
 }
 
 void tell_losses(std::uint64_t lost) {

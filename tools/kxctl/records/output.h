@@ -3,17 +3,21 @@
 #define KXCTL_OUTPUT_H
 
 #include <cstdint>
-#include <memory>
+#include <sstream>
 
 #include "monitor_client.h"
-#include "shell.h"
-#include "view.h"
 
-// Records for reading, or as JSON, on standard output.
-std::unique_ptr<view> make_text_view(const options& given, names& known);
+// Standard output, to which is written when there is enough, or when it is said. Throws failure when it takes
+// no more.
+class output {
+ public:
+  std::ostream& stream() { return m_stream; }
+  void flush();
+  void flush_if_long();
 
-// Throws failure when standard output takes no more.
-void flush_output();
+ private:
+  std::ostringstream m_stream;
+};
 
 void tell_losses(std::uint64_t lost);
 

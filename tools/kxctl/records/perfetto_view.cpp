@@ -4,6 +4,7 @@
 #include <map>
 
 #include "printable.h"
+#include "shell.h"
 #include "tracks.h"
 #include "view.h"
 #include "wording.h"

@@ -26,6 +26,7 @@ void recording_file::write(const std::string& blocks) {
     if (written < 0 && errno == EINTR) continue;
     if (written < 0) {
       const int error = errno;
+      if (error == EPIPE) throw failure(DONE, "");  // nobody reads it any more
       // A part of a block would be taken for a broken file. A pipe cannot be made shorter.
       if (ftruncate(m_fd, static_cast<off_t>(m_size)) != 0) m_size += done;
       throw failure(REFUSED, m_path + ": " + strerror(error));

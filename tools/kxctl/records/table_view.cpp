@@ -3,6 +3,8 @@
 
 #include "clock_text.h"
 #include "printable.h"
+#include "shell.h"
+#include "standard_output.h"
 #include "view.h"
 #include "wording.h"
 
@@ -78,4 +80,8 @@ class table_view : public view {
 
 std::unique_ptr<view> make_table_view(std::ostream& to, names& known, bool has_header, bool has_colour) {
   return std::make_unique<table_view>(to, known, has_header, has_colour);
+}
+
+std::unique_ptr<view> make_text_view(std::ostream& to, const options& given, names& known) {
+  return given.json ? make_json_view(to, known) : make_table_view(to, known, !given.no_header, is_coloured());
 }

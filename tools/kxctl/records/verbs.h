@@ -11,12 +11,8 @@
 // Options that all of them have.
 struct record_options {
   const options& given;
-  bool is_timed;                    // --timeout was given: it is the end of a stream
+  steady::time_point until;         // the end of a stream
   std::vector<std::string> filter;  // its terms
-
-  std::optional<steady::time_point> end() const {
-    return is_timed ? std::optional<steady::time_point>(given.deadline()) : std::nullopt;
-  }
 };
 
 struct show_options {

@@ -9,7 +9,8 @@
 #include "entry.h"
 #include "exchanges.h"
 #include "names.h"
-#include "shell.h"
+
+struct options;
 
 struct sight {
   const entry& what;
@@ -25,6 +26,8 @@ class view {
 };
 
 // What views use lives longer than they do.
+std::unique_ptr<view> make_text_view(std::ostream& to, const options& given,
+                                     names& known);  // one of the next two
 std::unique_ptr<view> make_table_view(std::ostream& to, names& known, bool has_header, bool has_colour);
 std::unique_ptr<view> make_json_view(std::ostream& to, names& known);
 std::unique_ptr<view> make_mermaid_view(std::ostream& to, names& known);
