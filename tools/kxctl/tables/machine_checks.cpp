@@ -108,7 +108,8 @@ void check_names(const std::string& sockets, findings& found) {
   std::map<std::string, int> bound;
   for (std::string line; std::getline(table, line);) {
     const std::size_t begin = line.find(bus_client::directory);
-    if (begin != std::string::npos) ++bound[line.substr(begin)];
+    const bool is_datagram = line.find(" 0002 ") < begin;  // what monitors connect to is none
+    if (begin != std::string::npos && is_datagram) ++bound[line.substr(begin)];
   }
   std::vector<std::string> twice;
   for (const auto& [path, count] : bound)
