@@ -58,7 +58,9 @@ class feed {
 
 // What is freed is held back no longer than it stays in the processor's cache, and few frames are noted of an
 // allocation; with less than two no leak would be told. ASAN_OPTIONS has the last word.
-extern "C" const char* __asan_default_options() { return "quarantine_size_mb=2:malloc_context_size=2"; }
+extern "C" const char* __asan_default_options() {
+  return "quarantine_size_mb=1:thread_local_quarantine_size_kb=64:malloc_context_size=2";
+}
 
 // Before the first input, in every fuzz target.
 extern "C" int LLVMFuzzerInitialize(int*, char***) {

@@ -14,9 +14,7 @@
 #include <algorithm>
 #include <bitset>
 #include <cerrno>
-#include <cstdarg>
 #include <cstring>
-#include <utility>
 
 #include "KXcomponent.h"
 #include "feed.h"
@@ -25,6 +23,9 @@ namespace network {
 
 constexpr int first_descriptor = 1 << 16;
 constexpr std::size_t max_unread = 3;
+
+std::bitset<1024> ended;  // the processes
+unsigned int now = 0;     // ms
 
 struct unread_datagram {
   std::size_t size;
@@ -36,39 +37,47 @@ struct receiver {
   const char* path;
   uid_t owner = 0;
   ino_t inode = 0;
-  bool is_open = false;
-  unsigned int life = 0;  // each time that it is bound it is another socket
-  std::size_t first = 0;
-  std::size_t count = 0;
+  unsigned int life = 0;  // another one each time that it is bound; 0: it is closed
+  std::size_t received = 0;
+  std::size_t taken = 0;
   unread_datagram unread[max_unread] = {};
 
-  const unread_datagram* take() {
-    if (count == 0) return nullptr;
-    --count;
-    return &unread[std::exchange(first, (first + 1) % max_unread)];
+  std::size_t count() const { return received - taken; }
+  const unread_datagram& take() { return unread[taken++ % max_unread]; }
+
+  void bind(uid_t by) {
+    static unsigned int last_life = 0;
+    owner = by;
+    inode = life = ++last_life;
+  }
+  void close() {
+    life = 0;
+    taken = received;
   }
 };
 
 struct descriptor {
-  enum kind_e { FREE, SOCKET, SOCKET_FILE, PROCESS, EPOLL } kind;
-  pid_t pid;
-  receiver* peer;     // the one that it is connected to, or whose file it is
+  bool is_open;
+  pid_t pid;          // of a process
+  receiver* peer;     // the one that a socket is connected to, or whose file this is
   unsigned int life;  // of the peer, when this was made
   epoll_event watched;
 
-  bool reaches() const { return peer->is_open && peer->life == life; }
+  bool reaches() const { return life != 0 && peer->life == life; }
+  bool is_ready() const {
+    if (pid != 0) return ended[static_cast<std::size_t>(pid)];
+    return !reaches() || peer->count() < max_unread;
+  }
 };
 
 receiver receivers[] = {{"/bus/a"}, {"/bus/a-d"}, {"/bus/b"}, {"/bus/b-d"}, {"/bus/s/a"}, {"/bus/s/a-d"}};
 descriptor descriptors[32];
-std::bitset<1024> ended;  // the processes
-unsigned int now = 0;     // ms
 
-bool is_free(const descriptor& each) { return each.kind == descriptor::FREE; }
+bool is_open(const descriptor& each) { return each.is_open; }
 
 descriptor& at(int fd) {
   descriptor& found = descriptors[fd - first_descriptor];
-  REQUIRE(!is_free(found));
+  REQUIRE(found.is_open);
   return found;
 }
 
@@ -77,10 +86,10 @@ const descriptor& at(const sockaddr* address) {
   return at(std::atoi(std::strrchr(reinterpret_cast<const sockaddr_un*>(address)->sun_path, '/') + 1));
 }
 
-int open(descriptor::kind_e kind, pid_t pid = 0, receiver* peer = nullptr) {
-  descriptor* const made = std::find_if(std::begin(descriptors), std::end(descriptors), is_free);
+int open(pid_t pid = 0, receiver* peer = nullptr) {
+  descriptor* const made = std::find_if_not(std::begin(descriptors), std::end(descriptors), is_open);
   REQUIRE(made != std::end(descriptors));
-  *made = {kind, pid, peer, peer == nullptr ? 0 : peer->life, {}};
+  *made = {true, pid, peer, peer == nullptr ? 0 : peer->life, {}};
   return first_descriptor + static_cast<int>(made - descriptors);
 }
 
@@ -91,16 +100,11 @@ int refuse(int error) {
 
 ssize_t deliver(const descriptor& to, const void* bytes, std::size_t size) {
   if (!to.reaches()) return refuse(ECONNREFUSED);
-  if (to.peer->count == max_unread) return refuse(EAGAIN);
-  unread_datagram& last = to.peer->unread[(to.peer->first + to.peer->count++) % max_unread];
+  if (to.peer->count() == max_unread) return refuse(EAGAIN);
+  unread_datagram& last = to.peer->unread[to.peer->received++ % max_unread];
   last.size = size;
   std::memcpy(last.bytes, bytes, size);
   return static_cast<ssize_t>(size);
-}
-
-bool is_ready(const descriptor& of) {
-  if (of.kind == descriptor::PROCESS) return ended[static_cast<std::size_t>(of.pid)];
-  return !of.reaches() || of.peer->count < max_unread;
 }
 
 }  // namespace network
@@ -109,24 +113,18 @@ unsigned int get_currentTime() { return network::now; }
 
 extern "C" {
 
-int socket(int, int, int) noexcept { return network::open(network::descriptor::SOCKET); }
-int dup(int) noexcept { return network::open(network::descriptor::SOCKET); }
-int epoll_create1(int) noexcept { return network::open(network::descriptor::EPOLL); }
+int socket(int, int, int) noexcept { return network::open(); }
+int dup(int) noexcept { return network::open(); }
+int epoll_create1(int) noexcept { return network::open(); }
 
-// The core makes one call so: it opens a process.
-long syscall(long number, ...) noexcept {
-  va_list arguments;
-  va_start(arguments, number);
-  const int descriptor = network::open(network::descriptor::PROCESS, va_arg(arguments, pid_t));
-  va_end(arguments);
-  return descriptor;
-}
-
-// By their own names the compiler takes poll to write only to its entry, and open to be another function.
+// By their own names the compiler takes poll to write only to its entry, and the others to be other
+// functions. The core makes one system call by its number.
+long open_process(long, pid_t pid) __asm__("syscall");
+long open_process(long, pid_t pid) { return network::open(pid); }
 int open_file(const char* path, int flags, mode_t mode) __asm__("open");
 int open_file(const char* path, int flags, mode_t mode) {
   for (network::receiver& each : network::receivers)
-    if (std::strcmp(each.path, path) == 0) return network::open(network::descriptor::SOCKET_FILE, 0, &each);
+    if (std::strcmp(each.path, path) == 0) return network::open(0, &each);
   return openat(AT_FDCWD, path, flags, mode);
 }
 
@@ -157,7 +155,7 @@ ssize_t sendto(int, const void* bytes, size_t size, int, const sockaddr* address
 int close(int fd) {
   static const auto system_close = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "close"));
   if (fd < network::first_descriptor) return system_close(fd);
-  network::at(fd).kind = network::descriptor::FREE;
+  network::at(fd).is_open = false;
   return 0;
 }
 
@@ -169,13 +167,12 @@ int epoll_ctl(int, int operation, int fd, epoll_event* event) noexcept {
 int epoll_wait(int, epoll_event* events, int, int) {
   int count = 0;
   for (const network::descriptor& each : network::descriptors)
-    if (!network::is_free(each) && each.watched.events != 0 && network::is_ready(each))
-      events[count++] = each.watched;
+    if (each.is_open && each.watched.events != 0 && each.is_ready()) events[count++] = each.watched;
   return count;
 }
 
 int poll_one(pollfd* entry, nfds_t, int) __asm__("poll");
-int poll_one(pollfd* entry, nfds_t, int) { return network::is_ready(network::at(entry->fd)) ? 1 : 0; }
+int poll_one(pollfd* entry, nfds_t, int) { return network::at(entry->fd).is_ready() ? 1 : 0; }
 
 }  // extern "C"
 
