@@ -1,5 +1,6 @@
 // The page "The bus from a shell": each command of it does what the page shows, but for the figures.
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <array>
 #include <cstdio>
@@ -58,10 +59,15 @@ TEST_F(shell_page, shows_what_its_commands_do) {
   char folder[] = "/tmp/kxctl-page-XXXXXX";
   ASSERT_NE(nullptr, mkdtemp(folder));
   setenv("PATH", (std::string(PROGRAMS) + ":" + getenv("PATH")).c_str(), 1);
-  const run sysmon(PROGRAMS "/sysmon");
+  child_process sysmon({PROGRAMS "/sysmon"});
   EXPECT_EQ("", output_of("kxctl wait sysmon.load"));
-  const run watch("sh -c sleep~100~|~exec~" PROGRAMS "/sysmon-watch");
-  EXPECT_EQ("", output_of("kxctl wait --component sysmon-watch; kxctl -n 1 listen sysmon.load >/dev/null"));
+  child_process watch([] {  // with an input that says nothing, and does not end
+    int ends[2];
+    if (pipe(ends) == 0 && dup2(ends[0], STDIN_FILENO) == 0)
+      execl(PROGRAMS "/sysmon-watch", "sysmon-watch", nullptr);
+    _exit(1);
+  });
+  EXPECT_EQ("", output_of("kxctl wait --component sysmon-watch; kxctl listen sysmon.load -n 1 >/dev/null"));
   const std::vector<sample> samples = samples_of(SHELL_PAGE);
   EXPECT_LT(10u, samples.size());
   for (const sample& each : samples)
