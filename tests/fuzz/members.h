@@ -50,7 +50,7 @@ struct member {
   unsigned int registration = 0;  // its number; 0: none
   bool is_reachable = false;      // its sockets are those that it has registered
   bool must_go = false;           // the core has noticed that it is not reachable
-  sender registered{};
+  sender registered{{}, 0, 0, 0};
   ino_t inodes[2] = {};  // of its files when it registered
   unsigned int grants = 0;
   unsigned int requests = 0;
