@@ -180,6 +180,7 @@ void watcher::await(unsigned char event, const std::string& what) {
 void bus_with_core::SetUp() {
   core = std::make_unique<run>("kxcore");
   ASSERT_TRUE(comes_true([] { return is_bound("/tmp/kxcore/kxcore-d"); }));
+  stand_in("early").leave();  // the core answers when it knows the pids of senders
 }
 
 void bus_with_core::TearDown() {

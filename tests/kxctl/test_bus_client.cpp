@@ -208,6 +208,7 @@ TEST_F(alone, a_core_that_tells_nothing_is_told_from_others) {
 TEST_F(alone, a_wait_goes_without_events) {
   core.refused = CMD_SUB_SIGNAL;
   EXPECT_EQ("0: ", core.serve("wait get"));
+  EXPECT_EQ("1 8 7 9(21) 2", core.told);
   EXPECT_EQ("124: ! kxctl: 'get' is still offered", core.serve("--timeout 0.1 wait --gone get"));
   EXPECT_EQ("0: ", core.serve("wait --component kxcore"));
   EXPECT_EQ("124: ! kxctl: 'nix' is not there in time", core.serve("--timeout 0.1 wait --component nix"));
@@ -256,6 +257,15 @@ TEST_F(alone, kxctl_ends_when_it_is_told_to) {
     core.killing = cmd;
     EXPECT_EQ("3: ! kxctl: kxcore tells its components to end: it stops", core.serve("listen tick"));
   }
+}
+
+TEST_F(alone, what_is_no_message_is_passed_over) {
+  core.registered = [this](KXmessage& message) {
+    const KXmessage kill = make_management(MSG_SIG, CMD_KILL_COMPONENT, own_message_id);
+    core.mgmt.send(core.mgmt.sender(), kill.m_header, 13);
+    message << std::string(data_path);
+  };
+  EXPECT_EQ("0: ", core.serve("call get"));
 }
 
 TEST_F(alone, a_dead_socket_of_its_name_is_replaced) {

@@ -6,6 +6,7 @@
 #include <regex>
 
 #include "columns.h"
+#include "core_services.h"
 #include "kxctl_run.h"
 
 namespace {
@@ -302,6 +303,12 @@ TEST_F(tables, complete_in_a_shell) {
     EXPECT_EQ(std::string("0: ") + row.candidates, kxctl(std::string("completion words -- ") + row.line))
         << row.line;
   }
+}
+
+TEST(rows, are_joined_where_both_tables_have_them) {
+  const core_services::rows left = {{{"key", "a"}, {"x", 1}}, {{"key", "b"}, {"x", 2}}};
+  const core_services::rows right = {{{"key", "b"}, {"y", 3}}, {{"key", "c"}, {"y", 4}}};
+  EXPECT_EQ(R"([{"key":"b","x":2,"y":3}])", nlohmann::json(joined(left, right, "key")).dump());
 }
 
 TEST(a_number, is_short) {

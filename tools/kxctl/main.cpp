@@ -19,10 +19,7 @@ std::string usage_problem(const CLI::App& app, const CLI::ParseError& error) {
   return "there is no verb '" + printable(rest.front()) + "'";
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  std::signal(SIGPIPE, SIG_IGN);
+int run(int argc, char** argv) {
   CLI::App app("See, call, record and replay the kestrix bus.", "kxctl");
   options given;
   app.set_version_flag("--version", "kxctl " KX_VERSION);
@@ -40,6 +37,15 @@ int main(int argc, char** argv) {
     return app.exit(asked);
   } catch (const CLI::ParseError& error) {
     return complain(USAGE, (usage_problem(app, error) + ": see kxctl --help").c_str());
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::signal(SIGPIPE, SIG_IGN);
+  try {
+    return run(argc, argv);
   } catch (const failure& error) {
     return complain(error.status, error.what());
   } catch (const std::exception& error) {

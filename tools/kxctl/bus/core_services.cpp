@@ -139,7 +139,7 @@ core_services::rows core_services::read(const table& which, const std::string& o
 }
 
 // Appends the rows of a page; the last key when there are more behind it, else "".
-std::string core_services::read_page(const table& which, KXmessage request, rows& to) {
+std::string core_services::read_page(const table& which, const KXmessage& request, rows& to) {
   const decoded_payload page = ask(this->*which.service, which.cmd, request);
   check(page.signature(), types_of(which.row));
   for (std::size_t next = head_size; next < page.values.size();) {

@@ -34,7 +34,7 @@ class core_services {
  private:
   struct table;
   rows read(const table& which, const std::string& of = "");
-  std::string read_page(const table& which, KXmessage request, rows& to);
+  std::string read_page(const table& which, const KXmessage& request, rows& to);
   decoded_payload ask(bus_client::proxy& service, std::uint8_t cmd, const KXmessage& request);
 
   bus_client& m_client;

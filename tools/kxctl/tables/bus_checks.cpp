@@ -66,7 +66,8 @@ void check_wishes(const std::vector<refusals>& all, const session::rows& service
       const std::string service = wanted_in_vain(each["reason"]);
       if (service.empty() || is_offered(services, service)) continue;
       std::string& by = wanted[service];
-      by += (by.empty() ? "" : ", ") + of.component + " (" + cell(each, "times") + " times)";
+      if (!by.empty()) by += ", ";
+      by.append(of.component).append(" (").append(cell(each, "times")).append(" times)");
     }
   for (const auto& [service, by] : wanted)
     found.push_back({finding::WARN, "nobody offers '" + service + "', which is wanted by " + by,

@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <sstream>
+#include <set>
 
 #include "bus_socket.h"
 #include "checks.h"
@@ -33,7 +33,7 @@ bool is_tmpfs(const std::string& path) {
   return statfs(path.c_str(), &system) == 0 && system.f_type == TMPFS_MAGIC;
 }
 
-std::string listed(const std::vector<std::string>& names) {
+std::string listed(const std::set<std::string>& names) {
   std::string text;
   for (const std::string& each : names)
     text += (text.empty() ? "" : ", ") + printable(each);
@@ -82,10 +82,10 @@ void check_directory(const std::string& path, findings& found) {
 }
 
 void check_stale_sockets(const std::string& path, findings& found) {
-  std::vector<std::string> stale;
+  std::set<std::string> stale;
   std::error_code error;
   for (const auto& each : std::filesystem::recursive_directory_iterator(path, error))
-    if (each.is_socket(error) && probe_socket(each.path()) == ECONNREFUSED) stale.push_back(each.path());
+    if (each.is_socket(error) && probe_socket(each.path()) == ECONNREFUSED) stale.insert(each.path());
   if (stale.empty()) return found.push_back({finding::OK, "no socket file is without a process", ""});
   found.push_back({finding::WARN, "socket files without a process: " + listed(stale),
                    "their programs were killed: remove the files, or start them again"});
@@ -111,9 +111,9 @@ void check_names(const std::string& sockets, findings& found) {
     const bool is_datagram = line.find(" 0002 ") < begin;  // what monitors connect to is none
     if (begin != std::string::npos && is_datagram) ++bound[line.substr(begin)];
   }
-  std::vector<std::string> twice;
+  std::set<std::string> twice;
   for (const auto& [path, count] : bound)
-    if (count > 1) twice.push_back(path);
+    if (count > 1) twice.insert(path);
   if (twice.empty()) return found.push_back({finding::OK, "no two programs have one name", ""});
   found.push_back({finding::FAIL, "two programs have one name: " + listed(twice),
                    "the earlier one gets nothing any more: end it, and give each a name of its own"});

@@ -74,7 +74,7 @@ std::string metrics_text(const group& which, const session::rows& rows) {
     const std::string name = std::string("kestrix_") + which.key + "_" + each.metric;
     text += "# HELP " + name + " " + each.help + "\n# TYPE " + name + " " + each.type + "\n";
     for (const json& row : rows)
-      text += name + label_of(row, which.key) + " " + std::to_string(number(row, each.key)) + "\n";
+      text.append(name).append(label_of(row, which.key)).append(" ").append(cell(row, each.key)).append("\n");
   }
   return text;
 }
