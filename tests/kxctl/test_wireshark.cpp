@@ -167,6 +167,14 @@ TEST_F(wireshark, has_the_fields_that_kxctl_shows) {
   EXPECT_EQ(in_wireshark(fields), expected);
 }
 
+TEST_F(wireshark, has_the_time_of_the_record_for_the_frame) {
+  write_recording();
+  columns shown = in_wireshark({"kx.record_time", "frame.time_epoch"});
+  for (std::string& each : shown["frame.time_epoch"])
+    each.erase(each.find('.'), 1);
+  EXPECT_EQ(shown["frame.time_epoch"], shown["kx.record_time"]);
+}
+
 // The frames that have something in this column, with it.
 std::string filled(const std::vector<std::string>& column) {
   std::string text;
@@ -191,6 +199,10 @@ const std::map<std::string, std::string> findings = {
     {"kx.time", "5: 0.000002500; 7: 0.000002500; 10: 7.000002500; "},
     {"kx.answer_in", "4: 5; 6: 7; 8: 10; "},
     {"frame.comment", "3: somebody else offers it; "},
+    {"frame.packet_flags_direction",
+     "1: 0x00000000; 2: 0x00000001; 3: 0x00000001; 4: 0x00000002; 5: 0x00000002; 6: 0x00000002; "
+     "7: 0x00000002; 8: 0x00000002; 9: 0x00000002; 10: 0x00000002; 11: 0x00000001; 12: 0x00000002; "
+     "13: 0x00000002; 14: 0x00000002; 15: 0x00000002; 16: 0x00000002; 17: 0x00000000; 18: 0x00000000; "},
     {"_ws.expert.message",
      "2: No answer in this recording; 3: somebody else offers it,Refused: somebody else offers it; 7: The "
      "answer is ERR; "
