@@ -73,6 +73,12 @@ for _, each in ipairs(VALUES) do table.insert(kx.fields, each.field) end
 kx.experts = {}
 for _, each in pairs(expert) do table.insert(kx.experts, each) end
 
+-- Adds a field, when somebody looks at it: in a long recording most of the time would go into this.
+local function put(tree, what, range, value)
+  if not tree:referenced(what) then return end
+  if value then tree:add(what, range, value) else tree:add(what, range) end
+end
+
 -- Frames that belong together, found in the first pass: a siid and an id come into use again.
 local open, further, answer_of, request_of
 
@@ -150,7 +156,9 @@ end
 -- Adds a value, whose tag is at `at`; it as text. One without bytes has no range of its own.
 local function add_value(kind, buffer, at, begin, size, tree)
   if size > 0 then
-    tree:add_packet_field(kind.field, buffer(begin, size), kind.letter == "s" and ENC_UTF_8 or ENC_BIG_ENDIAN)
+    if tree:referenced(kind.field) then
+      tree:add_packet_field(kind.field, buffer(begin, size), kind.letter == "s" and ENC_UTF_8 or ENC_BIG_ENDIAN)
+    end
     return text_of(kind, buffer(begin, size))
   end
   if kind.letter == "s" then
@@ -181,14 +189,14 @@ end
 
 local function add_message(record, buffer, tree)
   local header = tree:add(kx, buffer(0, 14), "Header")
-  header:add(field.dst_siid, buffer(0, 4))
-  header:add(field.src_siid, buffer(4, 4))
-  header:add(field.type, buffer(8, 1))
-  header:add(field.cmd, buffer(9, 1))
+  put(header, field.dst_siid, buffer(0, 4))
+  put(header, field.src_siid, buffer(4, 4))
+  put(header, field.type, buffer(8, 1))
+  put(header, field.cmd, buffer(9, 1))
   if record.is_management and COMMANDS[record.cmd] then
     header:add(field.command, buffer(9, 1), COMMANDS[record.cmd])
   end
-  header:add(field.msg_id, buffer(10, 4))
+  put(header, field.msg_id, buffer(10, 4))
   if buffer:len() == 14 then return "" end
   local payload = tree:add(kx, buffer(14), "Payload")
   local signature, words = add_payload(buffer(14):tvb(), payload)
@@ -210,13 +218,13 @@ local function read_record(buffer, tree)
   local at = 0
   for _, each in ipairs({ { "version", 1 }, { "event", 1 }, { "length", 2 }, { "sequence", 4 }, { "lost", 4 },
     { "time", 8 }, { "monotonic", 8 }, { "sent", 8 }, { "pid", 4 }, { "management", 1 } }) do
-    head:add(field[each[1]], buffer(at, each[2]))
+    put(head, field[each[1]], buffer(at, each[2]))
     at = at + each[2]
   end
   for _, name in ipairs({ "from", "to", "service", "reason" }) do
     local size = buffer(at, 1):uint()
     record[name] = size > 0 and buffer(at + 1, size):string(ENC_UTF_8) or ""
-    head:add(field[name], size > 0 and buffer(at + 1, size) or buffer(at, 1), record[name])
+    put(head, field[name], size > 0 and buffer(at + 1, size) or buffer(at, 1), record[name])
     at = at + 1 + size
   end
   record.has_arrived = record.event == SENT or record.event == DELIVERED or record.event == RECEIVED

@@ -109,6 +109,11 @@ TEST_F(exchanges_test, begin_again_when_a_request_with_an_id_in_use_is_refused) 
   EXPECT_EQ(follow(make_told(RECORD_REFUSED)), exchanges::ASKED);
 }
 
+TEST_F(exchanges_test, begin_again_when_a_request_with_an_id_in_use_is_dropped) {
+  follow(told{});
+  EXPECT_EQ(follow(make_told(RECORD_DROPPED)), exchanges::ASKED);
+}
+
 TEST_F(exchanges_test, begin_with_a_delivery_when_the_recording_begins_late) {
   EXPECT_EQ(follow(make_told(RECORD_DELIVERED)), exchanges::ASKED);
 }
@@ -225,6 +230,15 @@ TEST_F(spans_of_an_exchange, are_all_in_the_core_when_that_answers) {
   told answer = answer_to(request(0), 110);
   answer.from = "kxcore";
   EXPECT_EQ(done(request(0), answer).in_core_ns(), 115 * us);
+}
+
+TEST_F(spans_of_an_exchange, do_not_end_with_an_answer_that_is_refused) {
+  told refused = answer_to(request(0), 60);
+  refused.event = RECORD_REFUSED;
+  follow(request(0));
+  follow(refused);
+  follow(answer_to(request(0), 110));
+  EXPECT_EQ(m_last.in_server_ns(), 100 * us);
 }
 
 TEST_F(spans_of_an_exchange, are_nothing_when_a_clock_was_set_back) {

@@ -48,6 +48,8 @@ class program {
                    around + ' ' + sibling_program("kxctl") + ' ' + arguments +
                        " >/tmp/kxcore/out 2>/tmp/kxcore/error"}) {}
 
+  pid_t pid() const { return m_process.pid(); }
+
   ended end(int signal = 0) {
     const int status = m_process.end(signal);
     return {status, content_of("/tmp/kxcore/out"), content_of("/tmp/kxcore/error")};
@@ -171,9 +173,21 @@ TEST_F(monitor_test, ends_at_its_time_with_a_core_that_says_nothing) {
 TEST_F(monitor_test, shows_what_has_come_before_the_core_ended) {
   program tool("--json monitor");
   m_core->accept();
+  kill(tool.pid(), SIGSTOP);  // so that it finds both
   m_core->send(told{});
   m_core->close();
+  kill(tool.pid(), SIGCONT);
   EXPECT_EQ(nlohmann::json::parse(tool.end().out)["service"], "sysmon.metric");
+}
+
+TEST_F(monitor_test, does_not_show_its_own_traffic) {
+  program tool("--no-header monitor -n 1");
+  told own;
+  own.from = "kxctl-" + std::to_string(tool.pid());
+  m_core->accept();
+  m_core->send(own);
+  m_core->send(told{});
+  EXPECT_EQ(tool.end().out.find("kxctl"), std::string::npos);
 }
 
 TEST_F(monitor_test, ends_with_the_core) {
@@ -345,6 +359,68 @@ INSTANTIATE_TEST_SUITE_P(
                           "kxctl: --ring and --rotate want a file: name it with -w\n"},
                     usage{"capture -w /nowhere/x", "kxctl: /nowhere/x: No such file or directory\n"}));
 
+// A recording of one request, as `kxctl show` shows it.
+class recorded : public testing::Test {
+ protected:
+  recorded() { write(whole()); }
+  static std::string whole() {
+    std::string bytes = pcapng_beginning();
+    append_packet(bytes, *parsed(told{}));
+    return bytes;
+  }
+  static void write(const std::string& bytes) { std::ofstream(recording, std::ios::binary) << bytes; }
+  static ended show(const std::string& arguments = "") {
+    return run("--no-header show " + std::string(recording) + ' ' + arguments);
+  }
+};
+
+struct way {
+  const char* arguments;
+  const char* beginning;  // of what is shown
+};
+
+class ways : public recorded, public testing::WithParamInterface<way> {};
+
+TEST_P(ways, show_it) {
+  const std::string out = show(GetParam().arguments).out;
+  EXPECT_EQ(out.substr(0, std::string(GetParam().beginning).size()), GetParam().beginning)
+      << GetParam().arguments;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    recorded, ways,
+    testing::Values(way{"--sequence", "sequenceDiagram\n"}, way{"--sequence mermaid", "sequenceDiagram\n"},
+                    way{"--sequence svg", "<svg "}, way{"--perfetto", "{\"displayTimeUnit\""},
+                    way{"--stats", "sysmon.metric   "}, way{"--stats --json", "{\"calls\":1,"},
+                    way{"--json", "{\"cmd\":1,"}, way{"--stats --json cmd=2", ""}));
+
+TEST_F(recorded, is_shown_from_standard_input) {
+  EXPECT_EQ(run("show - --sequence <" + std::string(recording)).out.substr(0, 16), "sequenceDiagram\n");
+}
+
+TEST_F(recorded, is_shown_as_far_as_it_is_whole) {
+  write(whole() + "\x06");
+  EXPECT_NE(show("--sequence").out.find("p0->>p1"), std::string::npos);
+}
+
+TEST_F(recorded, says_where_it_breaks_off) {
+  write(whole() + "\x06");
+  EXPECT_EQ(show().error, "kxctl: " + std::string(recording) + ": it breaks off, in the block at byte " +
+                              std::to_string(whole().size()) + '\n');
+}
+
+TEST_F(recorded, ends_with_1_where_it_breaks_off) {
+  write(whole() + "\x06");
+  EXPECT_EQ(show().status, 1);
+}
+
+TEST_F(recorded, is_missed_when_there_is_none) {
+  fs::remove(recording);
+  EXPECT_EQ(show().error, "kxctl: " + std::string(recording) + ": No such file or directory\n");
+}
+
+TEST_F(recorded, is_not_shown_in_two_ways) { EXPECT_EQ(show("--stats --perfetto").status, 2); }
+
 TEST(without_a_core, a_monitor_says_what_to_do) {
   unlink(core_path);
   EXPECT_EQ(run("monitor").error, "kxctl: no kxcore runs here: start one, or see `kxctl doctor`\n");
@@ -361,12 +437,12 @@ TEST(with_a_core_without_monitors, a_monitor_ends_with_4) {
   unlink(core_path);
 }
 
-TEST(with_a_core_that_has_died, a_monitor_ends_with_3) {
+TEST(with_a_core_that_has_died, a_monitor_says_what_to_do) {
   fs::create_directory(directory);
   const unique_fd left(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   const sockaddr_un address = socket_address(monitor_path);
   bind(left.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
-  EXPECT_EQ(run("monitor").status, 3);
+  EXPECT_EQ(run("monitor").error, "kxctl: no kxcore runs here: start one, or see `kxctl doctor`\n");
   fs::remove_all(directory);
 }
 

@@ -305,7 +305,7 @@ class wrong_sizes : public testing::TestWithParam<const char*> {};
 TEST_P(wrong_sizes, are_refused) { EXPECT_THROW(bytes_of(GetParam(), "--x"), failure); }
 
 INSTANTIATE_TEST_SUITE_P(amounts, wrong_sizes,
-                         testing::Values("", "0", "M", "-1M", "8X", "8MM", "1e99", "nan", " 1"));
+                         testing::Values("", "0", "M", "-1M", "8X", "8MM", "1e99", "9999G", "nan", " 1"));
 
 TEST(amounts, of_time_are_read) { EXPECT_EQ(span_of("0.5s", "--x"), 500'000'000U); }
 

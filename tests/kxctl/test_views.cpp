@@ -129,6 +129,13 @@ TEST(table, tells_losses_that_a_record_told_that_is_left_out) {
   EXPECT_EQ(shown.substr(0, 27), "(12 records were lost here)");
 }
 
+TEST(table, tells_losses_once) {
+  told late = request();
+  late.lost = 12;
+  const std::string shown = table({late, request()});
+  EXPECT_EQ(shown.find("lost"), shown.rfind("lost")) << shown;
+}
+
 TEST(table, shows_a_payload_that_does_not_parse) {
   told broken = request();
   broken.payload = "\xee";
@@ -217,6 +224,27 @@ TEST(an_audience, counts_what_is_wanted_only) {
   audience heard(none, known, *shown, 1);
   EXPECT_TRUE(heard.take(request().bytes()));
 }
+
+// What a component "kxctl-1" sends or gets, or tries before it is registered.
+class ignored : public testing::TestWithParam<std::pair<const char*, const char*>> {};
+
+TEST_P(ignored, are_not_shown) {
+  std::ostringstream to;
+  names known;
+  const filter all({});
+  const auto shown = make_json_view(to, known);
+  audience heard(all, known, *shown, 0);
+  heard.ignore("kxctl-1");
+  told own = request();
+  own.from = GetParam().first;
+  own.to = GetParam().second;
+  heard.take(own.bytes());
+  EXPECT_EQ(to.str(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(an_audience, ignored,
+                         testing::Values(std::pair("kxctl-1", "kxcore"), std::pair("kxcore", "kxctl-1"),
+                                         std::pair("[/tmp/kxcore/kxctl-1]", "kxcore")));
 
 TEST(an_audience, says_at_the_end_what_was_no_record) {
   std::ostringstream to;

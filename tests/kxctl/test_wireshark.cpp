@@ -74,6 +74,19 @@ std::vector<told> recorded() {
   dropped.lost = 17;
   told event = make_told(RECORD_EVENT);
   event.type = MSG_SIG;
+  told waits = request(10, "");
+  waits.event = RECORD_QUEUED;
+  told in_vain = waits;
+  in_vain.event = RECORD_DROPPED;
+  told verdict = in_vain.answer(MSG_ERR);
+  verdict.from = "kxcore";
+  told again = request(11, "");
+  again.event = RECORD_DELIVERED;
+  told slow = again.answer(MSG_RSP);
+  slow.event = RECORD_QUEUED;
+  told arrived = slow;
+  arrived.event = RECORD_DELIVERED;
+  arrived.time_ns += 1'000'000;
   return {make_told(RECORD_COMPONENTS),
           offer,
           refused,
@@ -91,6 +104,14 @@ std::vector<told> recorded() {
           request(8, bytes_of("\x09\x01\x06\0")),  // cut off
           request(9, values),
           event,
+          waits,
+          in_vain,
+          verdict,
+          request(11, ""),
+          again,
+          slow,
+          arrived,
+          arrived,
           make_told(RECORD_MARK)};
 }
 
@@ -167,6 +188,14 @@ TEST_F(wireshark, has_the_fields_that_kxctl_shows) {
   EXPECT_EQ(in_wireshark(fields), expected);
 }
 
+TEST_F(wireshark, has_the_time_of_the_record_for_the_frame) {
+  write_recording();
+  columns shown = in_wireshark({"kx.record_time", "frame.time_epoch"});
+  for (std::string& each : shown["frame.time_epoch"])
+    each.erase(each.find('.'), 1);
+  EXPECT_EQ(shown["frame.time_epoch"], shown["kx.record_time"]);
+}
+
 // The frames that have something in this column, with it.
 std::string filled(const std::vector<std::string>& column) {
   std::string text;
@@ -188,16 +217,23 @@ const std::map<std::string, std::string> findings = {
     {"kx.value.b", "15: 1; 16: 1; "},
     {"kx.value.x", "16: -2; "},
     {"kx.value.t", "16: 18446744073709551615; "},
-    {"kx.time", "5: 0.000002500; 7: 0.000002500; 10: 7.000002500; "},
-    {"kx.answer_in", "4: 5; 6: 7; 8: 10; "},
+    {"kx.time", "5: 0.000002500; 7: 0.000002500; 10: 7.000002500; 20: 0.000002500; 24: 0.001002500; "},
+    {"kx.answer_in", "4: 5; 6: 7; 8: 10; 18: 20; 22: 24; "},
     {"frame.comment", "3: somebody else offers it; "},
+    {"frame.packet_flags_direction",
+     "1: 0x00000000; 2: 0x00000001; 3: 0x00000001; 4: 0x00000002; 5: 0x00000002; 6: 0x00000002; "
+     "7: 0x00000002; 8: 0x00000002; 9: 0x00000002; 10: 0x00000002; 11: 0x00000001; 12: 0x00000002; "
+     "13: 0x00000002; 14: 0x00000002; 15: 0x00000002; 16: 0x00000002; 17: 0x00000000; 18: 0x00000002; 19: "
+     "0x00000001; 20: 0x00000002; "
+     "21: 0x00000002; 22: 0x00000002; 23: 0x00000002; 24: 0x00000002; 25: 0x00000002; 26: 0x00000000; "},
     {"_ws.expert.message",
      "2: No answer in this recording; 3: somebody else offers it,Refused: somebody else offers it; 7: The "
      "answer is ERR; "
      "10: The answer is ERR; 11: Records were lost before this,Dropped: ,No answer in this recording; "
      "12: It does not parse,No answer in this recording; 13: It does not parse,No answer in this recording; "
      "14: It does not parse,No answer in this recording; 15: It does not parse,No answer in this recording; "
-     "16: No answer in this recording; "}};
+     "16: No answer in this recording; 19: Dropped: ; 20: The answer is ERR; 21: No answer in this "
+     "recording; "}};
 
 TEST_F(wireshark, finds_what_there_is) {
   write_recording();
@@ -208,6 +244,18 @@ TEST_F(wireshark, finds_what_there_is) {
   for (const auto& each : in_wireshark(fields))
     found[each.first] = filled(each.second);
   EXPECT_EQ(found, findings);
+}
+
+TEST_F(wireshark, takes_nothing_for_a_record_whose_texts_do_not_fit_into_it) {
+  std::string bytes = told{}.bytes();
+  bytes[3] = 45;  // the length of its header
+  entry wrong = {};
+  wrong.bytes = bytes;
+  std::string whole = pcapng_beginning();
+  append_packet(whole, wrong);
+  std::ofstream(file, std::ios::binary) << whole;
+  EXPECT_EQ(filled(in_wireshark({"_ws.expert.message"})["_ws.expert.message"]),
+            "1: No record of version 1; ");
 }
 
 TEST_F(wireshark, survives_records_that_are_cut_anywhere) {
