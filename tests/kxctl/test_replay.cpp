@@ -71,7 +71,7 @@ verdict_e compared(const std::optional<recorded_answer>& then, const std::option
 
 }  // namespace
 
-TEST(recorded, requests_come_in_their_order_with_their_first_answers) {
+TEST(recordings, requests_come_in_their_order_with_their_first_answers) {
   const told first = request(1, "load", 1 * ms), second = request(2, "memory", 2 * ms);
   const auto recorded =
       calls_in({first, second, answer_to(second, MSG_ERR, "no", 4 * ms),
@@ -79,7 +79,7 @@ TEST(recorded, requests_come_in_their_order_with_their_first_answers) {
   EXPECT_EQ(R"(REQ 1 "load" = RSP "5" 6 ms, REQ 1 "memory" = ERR "no" 2 ms)", text_of(recorded.calls()));
 }
 
-TEST(recorded, requests_count_once_and_when_they_arrived) {
+TEST(recordings, requests_count_once_and_when_they_arrived) {
   told waiting = request(1, "late", 1 * ms), refused = request(2, "refused", 2 * ms);
   waiting.event = RECORD_QUEUED;
   told delivered = waiting;
@@ -88,7 +88,7 @@ TEST(recorded, requests_count_once_and_when_they_arrived) {
   EXPECT_EQ(R"(REQ 1 "late")", text_of(calls_in({waiting, delivered, refused}).calls()));
 }
 
-TEST(recorded, only_what_is_asked_for_counts) {
+TEST(recordings, only_what_is_asked_for_counts) {
   told other = request(1, "other", 1 * ms), management = request(2, "management", 2 * ms);
   other.service = "another.service";
   management.is_management = true;
@@ -99,7 +99,7 @@ TEST(recorded, only_what_is_asked_for_counts) {
   EXPECT_EQ(R"(REQ 2 "second")", text_of(calls_in({load, second}, {"cmd=2"}).calls()));
 }
 
-TEST(recorded, signals_of_a_service_are_told_from_those_to_it_by_its_siid) {
+TEST(recordings, signals_of_a_service_are_told_from_those_to_it_by_its_siid) {
   told to_service = request(0, "to it", 1 * ms), of_service = request(0, "of it", 2 * ms);
   to_service.type = of_service.type = MSG_SIG;
   of_service.src = 2, of_service.dst = 9;
@@ -110,7 +110,7 @@ TEST(recorded, signals_of_a_service_are_told_from_those_to_it_by_its_siid) {
   EXPECT_EQ(R"(SIG 1 "of it")", text_of(recorded.signals()));
 }
 
-TEST(recorded, the_siid_of_a_service_that_was_offered_later_is_in_the_answer) {
+TEST(recordings, the_siid_of_a_service_that_was_offered_later_is_in_the_answer) {
   told offer = request(7, "", 1 * ms);
   offer.is_management = true, offer.cmd = CMD_REG_SIGNAL, offer.dst = offer.src = 1;
   offer.payload =

@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -37,7 +38,7 @@ peer::peer(std::string component_name, const sender& from, const std::string& da
     : serial(next_serial()),
       name(std::move(component_name)),
       mgmt_path(from.path),
-      label(std::string_view(mgmt_path).substr(std::strlen(bus_path))),
+      label(std::string_view(mgmt_path).substr(std::min(std::strlen(bus_path), mgmt_path.size()))),
       data_path(data_socket),
       mgmt_file(std::move(mgmt_socket)),
       data_file(data_socket_file.identity()),
