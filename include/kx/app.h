@@ -64,7 +64,7 @@ class app final : public port, private KXinterface {
   /// line says that it waits, and signals do not end it meanwhile); the core does not answer; it refuses the
   /// component, or one of its services, in its own words. Once. Passes on what handlers throw; the
   /// application is then on the bus until it is destroyed.
-  int run() {
+  int run() override {
     if (m_component == nullptr) return fail(m_bind_failure);
     try {
       look_for_core();
@@ -164,6 +164,14 @@ class app final : public port, private KXinterface {
   bool m_quits = false;
   int m_status = 0;
 };
+
+/// The main function of an application that is written as a function of its port: makes the kx::app `name`
+/// and returns what `application(kx::port&)` does, as a rule what the port's run returns.
+template <class Application>
+int run(std::string name, Application application) {
+  app made(std::move(name));
+  return application(made);
+}
 
 }  // namespace kx
 

@@ -139,6 +139,10 @@ class port {
   /// The name of the component.
   virtual const std::string& name() const = 0;
 
+  /// Joins the bus, runs the hooks and the loop, and returns when the application has left. Once.
+  /// @return the status of quit, 0 when it was told to end otherwise, 1 when it could not start
+  virtual int run() = 0;
+
   /// Ends the loop when what is being handled is done; `status` is what run returns then. Before the loop it
   /// ends as soon as it begins.
   virtual void quit(int status = 0) = 0;
@@ -194,13 +198,13 @@ class port {
     auto events = use("kxcore.events", kind::signal, m_events);
     if (events) m_events.held = std::move(*events);
     const bool is_complete = find_all();  // also what has come since the last look
-    if (is_told()) return;
+    if (m_events.held != nullptr) return;
     m_follows = !is_complete;
     if (m_follows) add_timer(retry_ms, this, static_retry, 0);
   }
 
-  // Whether the core tells when services come and go.
-  bool is_told() const { return m_events.held != nullptr; }
+  // Whether services can be used: from the end of the start on.
+  bool is_joined() const { return m_stage == USED; }
 
  protected:
   port() = default;

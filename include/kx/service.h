@@ -69,6 +69,8 @@ class service_state;
 /// too, which need no answer. When the service has gone, answers go nowhere.
 class request {
  public:
+  /// Nothing to answer.
+  request() = default;
   request(request&&) noexcept = default;
   request& operator=(request&& other) noexcept {
     std::swap(m_service, other.m_service);
@@ -88,11 +90,12 @@ class request {
     return send(answer, MSG_RSP);
   }
 
-  /// Answers that it is not carried out, and why: a text for people, of which 2,000 bytes are sent.
-  result<> refuse(std::string_view why) {
+  /// Answers that it is not carried out, and why: a text for people, of which 2,000 bytes are sent. Nothing
+  /// when the request is not open.
+  void refuse(std::string_view why) {
     KXmessage answer;
     write(answer, why.substr(0, 2000));
-    return send(answer, MSG_ERR);
+    send(answer, MSG_ERR);
   }
 
   /// Whether it is to be answered: not a one-way message, and not answered yet.
@@ -117,7 +120,7 @@ class request {
   }
 
   std::shared_ptr<detail::offering> m_service;  // null when it is answered, or moved away
-  msg_header_t m_header;
+  msg_header_t m_header{};
 };
 
 namespace detail {

@@ -18,7 +18,8 @@ class user : public part {
   user(port& at, std::string name, kind of) : part(at), m_name(std::move(name)), m_kind(of) {}
 
   bool find() override {
-    if (m_link != nullptr || m_port == nullptr) return true;
+    if (is_found() || m_port == nullptr) return true;
+    if (!m_port->is_joined()) return false;
     auto used = m_port->use(m_name, m_kind, *this);
     if (!used) m_failure = used.error();
     m_link = std::move(*used);
