@@ -22,7 +22,7 @@ class tester {
     note("get " + told(m_thermostat.call<int>(GET)));
     for (const int degrees : {4, 5, 30, 31})
       note("set " + told(m_thermostat.call<int>(SET, degrees)));
-    note("set " + told(m_thermostat.call<int>(SET, 7u)).substr(0, 34));
+    note("set " + told(m_thermostat.call<int>(SET, 7u)).substr(0, 33));
     note("get " + told(m_thermostat.call<int>(GET)));
     m_thermostat.async<int>(SELF_TEST).then([this](const kx::result<int>& faults) {
       note("faults " + told(faults));
@@ -75,7 +75,7 @@ TEST(a_thermostat, that_is_written_with_the_classes_does_the_same) {
   EXPECT_EQ(expected, serves_over_kxcore(CLASSES_COMMAND));
 }
 
-TEST(a_thermostat, refuses_a_second_self_test_and_serves_the_next_one) {
+TEST(a_thermostat, tests_itself_again) {
   kx::testing::bus bus;
   kx::testing::app server(bus, "thermostat");
   kx::testing::app user(bus, "tester");
@@ -83,8 +83,10 @@ TEST(a_thermostat, refuses_a_second_self_test_and_serves_the_next_one) {
   std::string happened;
   server.while_running([&] {
     user.start();
-    for (int i = 0; i < 2; ++i)
-      happened += told(client.call<int>(SELF_TEST)) + "@" + std::to_string(user.now()) + " ";
+    for (int i = 0; i < 2; ++i) {
+      happened += told(client.call<int>(SELF_TEST));
+      happened += "@" + std::to_string(user.now()) + " ";
+    }
   });
   thermostat(server);
   EXPECT_EQ("0@400 0@800 ", happened);

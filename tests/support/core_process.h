@@ -17,6 +17,7 @@
 
 #include "child_process.h"
 #include "kx/app.h"
+#include "kx/loop.h"
 
 // A command whose words are separated by bars.
 inline std::vector<std::string> words_of(std::string command) {
@@ -39,13 +40,14 @@ class core_process {
   child_process m_program;
 };
 
-// A process in which an application runs, from when it is ready on.
+// A process in which an application runs, from when its loop runs.
 class app_process {
  public:
   app_process(const char* name, const std::function<int(kx::port&)>& application)
       : m_ends(make_pipe()), m_program([&] {
           kx::app app(name);
-          app.on_ready([this] { EXPECT_EQ(1, write(m_ends[1], "x", 1)); });
+          kx::timer in_loop(app, [this] { EXPECT_EQ(1, write(m_ends[1], "x", 1)); });
+          in_loop.once(std::chrono::milliseconds(0));
           _exit(application(app));
         }) {
     char ready = 0;
