@@ -48,10 +48,10 @@ class user {
     m_app.on_closing([this] { note("closing, " + std::to_string(m_maths.late()) + " late"); });
   }
 
-  std::vector<std::string> happened;
+  std::string happened;
 
  private:
-  void note(const std::string& text) { happened.push_back(text); }
+  void note(const std::string& text) { happened += text + "\n"; }
 
   // What the core grants, and what not.
   void look_around() {
@@ -123,23 +123,23 @@ class user {
                                         [this](int number, const std::string& text) { hear(number, text); }};
 };
 
-std::vector<std::string> happens_on_the_bus_of_tests() {
+std::string happens_on_the_bus_of_tests() {
   kx::testing::bus bus;
   kx::testing::app server(bus, "server");
   kx::testing::app using_it(bus, "user");
   user tested(using_it);
   using_it.while_running([&] { bus.advance(60s); });
-  server.while_running([&] { tested.happened.push_back("status " + std::to_string(using_it.run())); });
+  server.while_running([&] { tested.happened += "status " + std::to_string(using_it.run()); });
   serve(server);
   return tested.happened;
 }
 
-std::vector<std::string> happens_over_kxcore() {
+std::string happens_over_kxcore() {
   const core_process core;
   app_process server("server", serve);
   kx::app using_it("user");
   user tested(using_it);
-  tested.happened.push_back("status " + std::to_string(using_it.run()));
+  tested.happened += "status " + std::to_string(using_it.run());
   return tested.happened;
 }
 

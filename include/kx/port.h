@@ -10,117 +10,16 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
 #include "KXmessage.h"
+#include "kx/detail/part.h"
+#include "kx/link.h"
 #include "kx/result.h"
 #include "kx/values.h"
 
 namespace kx {
-
-/// A command of a service: any integer or enumerator from 0 to 255.
-struct command {
-  std::uint8_t code;  ///< as it travels
-  template <class T, class = std::enable_if_t<std::is_integral_v<T> || std::is_enum_v<T>>>
-  constexpr command(T value)  // NOLINT(google-explicit-constructor): commands are written as numbers
-      : code(static_cast<std::uint8_t>(value)) {}
-};
-
-/// The kind of a service.
-enum class kind { function, signal };
-
-/// Who gets the messages of a service.
-class receiver {
- public:
-  /// Handles one message, on the thread of the loop. It is the caller's, and others may have read in it.
-  virtual void receive(KXmessage& message) = 0;
-
- protected:
-  ~receiver() = default;
-};
-
-/// One end of a service on the bus. Destroying it takes it off the bus.
-class link {
- public:
-  /// What became of a synchronous request.
-  enum class outcome {
-    answered,   ///< the message holds the answer
-    own,        ///< not sent: the application itself offers the service
-    not_sent,   ///< the message could not be sent
-    no_answer,  ///< none came within 10 seconds
-  };
-
-  link() = default;
-  link(const link&) = delete;
-  link& operator=(const link&) = delete;
-  virtual ~link() = default;
-
-  /// The ids of this end and of the service's.
-  /// @{
-  virtual std::uint32_t siid() const = 0;
-  virtual std::uint32_t service_siid() const = 0;
-  /// @}
-
-  /// Sends a message of which the header's msg_type and cmd, and the payload, are set. Of an end that uses a
-  /// service it is addressed here, and then has its msg_id; who offers one addresses it. May block for about
-  /// two seconds when the core takes nothing. @return whether it was sent
-  virtual bool send(KXmessage& message) = 0;
-
-  /// Sends a request in the same way, and waits for the answer, which takes its place. Not of an end that
-  /// offers.
-  virtual outcome call(KXmessage& message) = 0;
-};
-
-class port;
-
-namespace detail {
-
-// What an application has on its port. It is joined to the bus when that is, and outlives neither its owner's
-// nor the port's end with anything of it on the bus.
-class part : public receiver, public std::enable_shared_from_this<part> {
- public:
-  explicit part(port& at) : m_port(&at) {}
-  part(const part&) = delete;
-  part& operator=(const part&) = delete;
-  virtual ~part() = default;
-
-  // Joins the bus, if it offers something. An error at the start of the application ends that.
-  virtual result<> offer() { return {}; }
-  // Joins the bus, if it uses something; whether that is done.
-  virtual bool find() { return true; }
-  // What the core tells about a service: that it is offered, or else withdrawn.
-  virtual void hear(bool /*is_offered*/, const std::string& /*service*/) {}
-  // Leaves the port, for ever; a second time, nothing.
-  virtual void leave() { m_port = nullptr; }
-  void receive(KXmessage& /*message*/) override {}
-
- protected:
-  port* m_port;  // null after leave
-};
-
-// An owner's hold of a part, which leaves when this goes.
-template <class Part>
-class owned {
- public:
-  explicit owned(std::shared_ptr<Part> held) : m_held(std::move(held)) {}
-  owned(owned&&) noexcept = default;
-  owned& operator=(owned&& other) noexcept {
-    std::swap(m_held, other.m_held);
-    return *this;
-  }
-  ~owned() {
-    if (m_held != nullptr) m_held->leave();
-  }
-  Part* operator->() const { return m_held.get(); }
-  const std::shared_ptr<Part>& get() const { return m_held; }
-
- private:
-  std::shared_ptr<Part> m_held;
-};
-
-}  // namespace detail
 
 /// A place on a bus, with the loop that serves it. All of it belongs to the thread of that loop.
 ///

@@ -15,19 +15,11 @@
 #include <utility>
 #include <vector>
 
-#include "kx/port.h"
+#include "kx/result.h"
+#include "kx/testing/directory.h"
+#include "kx/values.h"
 
 namespace kx::testing {
-
-/// Who is on the bus, as the core sees it.
-class member {
- public:
-  /// The name of the component.
-  virtual const std::string& member_name() const = 0;
-
- protected:
-  ~member() = default;
-};
 
 /// What kxcore decides, with its ids and in its words; without its limits, its lines and its services other
 /// than kxcore.events.
@@ -52,12 +44,8 @@ class core {
   /// Forgets everything, as one that was killed and started again.
   void restart() {
     m_members.clear();
-    m_services.clear();
-    m_ends.clear();
     m_open.clear();
-    m_next_siid = 0x7FFFFFF1;  // behind two services that are not served here
-    create("kxcore.events", kind::signal)->is_core = true;
-    m_next_siid = 2;
+    m_directory.clear();
     m_next_id = ids;
   }
 
@@ -73,11 +61,12 @@ class core {
     if (!is_registered(by)) return;
     tell(2, by, "", why);
     m_members.erase(&by);
-    fail_open([&](const request& each) { return holder_of(each.to) == &by; }, "the component is gone");
+    fail_open([&](const request& each) { return m_directory.holder_of(each.to) == &by; },
+              "the component is gone");
     m_open.erase(
         std::remove_if(m_open.begin(), m_open.end(), [&](const request& each) { return each.by == &by; }),
         m_open.end());
-    for (const std::uint32_t siid : siids_of(by))
+    for (const std::uint32_t siid : m_directory.siids_of(by))
       give_up(by, siid, "the component is gone");
   }
   /// @}
@@ -90,12 +79,12 @@ class core {
     if (!is_registered(by)) return refusal("the sender is not registered");
     if (const std::string reason = check_name(name); !reason.empty()) return refusal(reason);
     if (name.compare(0, 7, "kxcore.") == 0) return refusal("'" + name + "' is a name of the core's");
-    std::shared_ptr<service> offered = find(name);
+    std::shared_ptr<directory::service> offered = m_directory.find(name);
     if (offered != nullptr && offered->owner != nullptr)
       return refusal("'" + name + "' is offered by " + offered->owner->member_name());
     if (offered == nullptr || offered->of != of ||
         (of == kind::function && offered->last_owner == m_members[&by]))
-      offered = create(name, of);
+      offered = m_directory.create(name, of);
     offered->owner = &by;
     offered->last_owner = m_members[&by];
     tell(3, by, name, "");
@@ -105,14 +94,12 @@ class core {
   result<grant> use(member& by, const std::string& name, kind of) {
     if (!is_registered(by)) return refusal("the sender is not registered");
     if (const std::string reason = check_name(name); !reason.empty()) return refusal(reason);
-    const std::shared_ptr<service> used = find(name);
+    const std::shared_ptr<directory::service> used = m_directory.find(name);
     if (used == nullptr || !(used->owner != nullptr || (used->is_core && m_tells)))
       return refusal("nobody offers '" + name + "'");
     if (used->of != of)
       return refusal("'" + name + "' is a " + (used->of == kind::signal ? "signal" : "function"));
-    const std::uint32_t siid = of == kind::signal ? used->users_siid : take_siid();
-    if (of == kind::function) m_ends[siid] = {used, &by};
-    used->users.push_back(&by);
+    const std::uint32_t siid = m_directory.subscribe(by, used);
     m_next_id += ids;
     tell(5, by, name, "");
     return grant{siid, used->siid, m_next_id - ids, m_next_id};
@@ -128,10 +115,10 @@ class core {
   void route(member& by, const KXmessage& message) {
     const request way = request_of(by, message);
     if (!is_registered(by)) return refuse(way, "the sender is not registered");
-    const auto entry = m_ends.find(way.to);
-    if (entry == m_ends.end()) return refuse(way, "no service has this siid");
-    const end to = entry->second;
-    service& serving = *to.of;
+    const directory::end* const found = m_directory.at(way.to);
+    if (found == nullptr) return refuse(way, "no service has this siid");
+    const directory::end to = *found;
+    directory::service& serving = *to.of;
     const bool is_from_service = way.from == serving.siid;
     if (way.to != serving.siid && !is_from_service)
       return refuse(way, "only its service reaches a proxy or subscribers");
@@ -147,29 +134,11 @@ class core {
 
   /// Whether the component that offers a service takes no messages.
   void set_full(const std::string& name, bool is_full) {
-    if (const auto found = find(name)) found->is_full = is_full;
+    if (const auto found = m_directory.find(name)) found->is_full = is_full;
   }
 
  private:
   static constexpr std::uint32_t ids = 4096;
-
-  struct service {
-    std::string name;
-    kind of;
-    std::uint32_t siid;
-    std::uint32_t users_siid;      // of a signal
-    member* owner = nullptr;       // null: not offered at present
-    unsigned long last_owner = 0;  // number of the registration that offered it last
-    std::vector<member*> users{};
-    bool is_core = false;
-    bool is_full = false;
-  };
-
-  // What a siid belongs to: the stub or the subscribers of a service, or one user of it.
-  struct end {
-    std::shared_ptr<service> of;
-    member* user = nullptr;
-  };
 
   struct request {
     member* by;
@@ -201,67 +170,24 @@ class core {
     return entry == m_members.end() ? nullptr : entry->first;
   }
 
-  std::shared_ptr<service> find(const std::string& name) const {
-    const auto entry = m_services.find(name);
-    return entry == m_services.end() ? nullptr : entry->second;
-  }
-
-  std::uint32_t take_siid() { return m_next_siid++; }
-
-  std::shared_ptr<service> create(const std::string& name, kind of) {
-    auto made = std::make_shared<service>(service{name, of, take_siid(), no_siid});
-    m_ends[made->siid] = {made};
-    if (of == kind::signal) m_ends[made->users_siid = take_siid()] = {made};
-    m_services[name] = made;
-    return made;
-  }
-
-  const member* holder_of(std::uint32_t siid) const {
-    const auto entry = m_ends.find(siid);
-    if (entry == m_ends.end()) return nullptr;
-    return entry->second.user != nullptr ? entry->second.user : entry->second.of->owner;
-  }
-
-  std::vector<std::uint32_t> siids_of(const member& of) const {
-    std::vector<std::uint32_t> siids;
-    for (const auto& [siid, held] : m_ends) {
-      const std::vector<member*>& users = held.of->users;
-      const bool is_owner = siid == held.of->siid && held.of->owner == &of;
-      const auto uses = siid == held.of->users_siid ? std::count(users.begin(), users.end(), &of)
-                                                    : (is_owner || held.user == &of ? 1 : 0);
-      siids.insert(siids.end(), static_cast<std::size_t>(uses), siid);
-    }
-    return siids;
-  }
-
   // `why` is null for what the member wants itself.
   void give_up(member& by, std::uint32_t siid, const char* why) {
-    const auto entry = m_ends.find(siid);
-    if (entry == m_ends.end()) return;
-    const std::shared_ptr<service> held = entry->second.of;
+    const directory::end* const found = m_directory.at(siid);
+    if (found == nullptr) return;
+    const std::shared_ptr<directory::service> held = found->of;
     if (siid == held->siid) {
       if (held->owner != &by) return;
       held->owner = nullptr;
       fail_open([siid](const request& each) { return each.to == siid; }, "the service is withdrawn");
       tell(4, by, held->name, why != nullptr ? why : "it was withdrawn");
     } else {
-      const auto user = std::find(held->users.begin(), held->users.end(), &by);
-      if (user == held->users.end()) return;
-      held->users.erase(user);
-      if (siid != held->users_siid) m_ends.erase(siid);
+      if (!m_directory.unsubscribe(by, siid, *held)) return;
       tell(6, by, held->name, why != nullptr ? why : "it ended its subscription");
     }
-    release_if_unused(held);
+    m_directory.release_if_unused(held);
   }
 
-  void release_if_unused(const std::shared_ptr<service>& released) {
-    if (released->is_core || released->owner != nullptr || !released->users.empty()) return;
-    m_ends.erase(released->siid);
-    m_ends.erase(released->users_siid);
-    if (find(released->name) == released) m_services.erase(released->name);
-  }
-
-  void fan_out(const service& signal, const KXmessage& message) {
+  void fan_out(const directory::service& signal, const KXmessage& message) {
     KXmessage copy = message;
     copy.m_header->dst_siid = htonl(signal.users_siid);
     std::vector<member*> receivers = signal.users;
@@ -305,7 +231,7 @@ class core {
 
   // Tells an event of kxcore.events.
   void tell(std::uint8_t what, const member& by, const std::string& of, const std::string& details) {
-    const auto events = find("kxcore.events");
+    const auto events = m_directory.find("kxcore.events");
     if (events == nullptr) return;
     KXmessage signal;
     signal.m_header->src_siid = htonl(events->siid);
@@ -319,10 +245,8 @@ class core {
   bool m_tells = true;
   std::map<member*, unsigned long> m_members;  // with the numbers of their registrations
   unsigned long m_registrations = 0;
-  std::map<std::string, std::shared_ptr<service>> m_services;
-  std::map<std::uint32_t, end> m_ends;
+  directory m_directory;
   std::vector<request> m_open;
-  std::uint32_t m_next_siid = 2;
   std::uint32_t m_next_id = ids;
 };
 
