@@ -238,6 +238,30 @@ TEST_F(kx_start, a_signal_ends_an_application_in_order) {
   EXPECT_EQ(33, server.end(SIGTERM));
 }
 
+TEST_F(kx_start, a_signal_is_not_lost_while_the_core_is_asked_for_something) {
+  const core_process core;
+  kx::app app("tested");
+  kx::timer timer(app, [&] {
+    kill(getpid(), SIGTERM);
+    const kx::client asking(app, "nobody");
+  });
+  timer.once(0ms);
+  EXPECT_EQ(0, app.run());
+}
+
+TEST_F(kx_start, an_end_is_not_lost_when_a_service_is_found_at_the_same_time) {
+  const core_process core;
+  app_process server("server", serve);
+  kx::app app("tested");
+  kx::client client(app, "maths");
+  kx::client missing(app, "brief");
+  app.on_ready([&] {
+    static_cast<void>(client.call<>(OFFER));  // the loop begins with what the core tells of it
+    app.quit(6);
+  });
+  EXPECT_EQ(6, app.run());
+}
+
 TEST_F(kx_start, what_the_application_ends_in_its_start_ends_it) {
   const core_process core;
   for (const bool in_up : {true, false}) {

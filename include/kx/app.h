@@ -81,7 +81,6 @@ class app final : public port, private KXinterface {
 
   void quit(int status = 0) override {
     m_status = status;
-    m_quits = true;
     if (m_component != nullptr) m_component->end_loop();
   }
 
@@ -137,7 +136,7 @@ class app final : public port, private KXinterface {
   }
   void startup_phase2(KXcomponent*) override {
     use_all();
-    if (m_quits) m_component->sendKillMsgToSelf();  // which no exchange with the core takes any more
+    m_component->loop_follows();
   }
 
   void look_for_core() {
@@ -161,7 +160,6 @@ class app final : public port, private KXinterface {
   std::optional<end_notice> m_end;
   std::string m_bind_failure;
   bool m_waits = true;
-  bool m_quits = false;
   int m_status = 0;
 };
 

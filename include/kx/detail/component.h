@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 
 #include "KXclientComponent.h"
@@ -42,8 +43,17 @@ class component : public KXclientComponent {
   bool has(unsigned int siid) const { return m_siid_map.count(siid) != 0; }
   bool has_sent() const { return m_has_sent; }
 
-  // Ends the loop, which has begun, after what it does now.
-  void end_loop() { __atomic_store_n(&m_running, false, __ATOMIC_RELAXED); }
+  // Ends the loop after what it does now, or when it has begun: see loop_follows. Not by a message to itself,
+  // which an exchange with the core might take.
+  void end_loop() {
+    m_ends = true;
+    __atomic_store_n(&m_running, false, __ATOMIC_RELAXED);
+  }
+
+  // The start is over.
+  void loop_follows() {
+    if (m_ends) add_msec_timer(0, this, static_end, 0);
+  }
 
   // Goes on without the bus when the core cannot be reached, and this must not.
   void register_component() override {
@@ -54,6 +64,12 @@ class component : public KXclientComponent {
 
   void unregister_component() override {
     if (m_is_registered) KXclientComponent::unregister_component();
+  }
+
+  // An exchange sets aside what arrives meanwhile, and the loop would drop an order to end.
+  bool interconnect_service(KXconnection* connection, KXmessage& message) override {
+    const end_heeded heeded{*this};
+    return KXclientComponent::interconnect_service(connection, message);
   }
 
   // A core that takes requests and does not answer would be waited for without limit.
@@ -72,6 +88,23 @@ class component : public KXclientComponent {
   }
 
  private:
+  struct end_heeded {
+    component& of;
+    ~end_heeded() {
+      if (std::any_of(of.m_waiting_queue.begin(), of.m_waiting_queue.end(), is_kill)) of.end_loop();
+    }
+  };
+
+  static bool is_kill(const KXmessage& message) {
+    return ntohl(message.m_header->src_siid) == management_siid &&
+           message.m_header->cmd == CMD_KILL_COMPONENT;
+  }
+  static int static_end(void* context, int /*number*/) {
+    static_cast<component*>(context)->end_loop();
+    return -1;
+  }
+
+  bool m_ends = false;
   bool m_is_registered = false;
   bool m_has_sent = false;  // the last data message
 };
