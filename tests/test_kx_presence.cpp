@@ -28,6 +28,14 @@ TEST_F(kx_presence, a_service_that_comes_later_is_found) {
   EXPECT_EQ("5", told(client.call<int>(ADD, 4)));
 }
 
+TEST_F(kx_presence, what_happens_to_other_services_is_not_told) {
+  watch(client);
+  start();
+  { const kx::service other(server, "other"); }
+  bus.settle();
+  EXPECT_EQ("available ", happened);
+}
+
 TEST_F(kx_presence, a_client_that_nobody_asks_finds_its_service_too) {
   user.start();
   server.start();
@@ -141,6 +149,15 @@ TEST_F(kx_presence, a_client_may_be_destroyed_when_its_service_is_gone) {
   server.stop();
   bus.settle();
   EXPECT_EQ(nullptr, brief);
+}
+
+TEST_F(kx_presence, a_handler_may_replace_itself) {
+  client.on_available([this, text = std::string(100, 'x')] {
+    client.on_available(nullptr);
+    happened += text;
+  });
+  start();
+  EXPECT_EQ(std::string(100, 'x'), happened);
 }
 
 TEST_F(kx_presence, more_can_be_made_when_a_service_is_found) {

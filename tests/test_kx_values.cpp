@@ -182,8 +182,16 @@ TEST(kx_values, the_count_of_a_vector_takes_no_memory_that_its_elements_do_not_n
 
 TEST(kx_values, a_buffer_that_is_in_use_takes_as_much_as_a_new_one) {
   buffer_t used = two_bytes();
-  used.offset = 2040;
-  EXPECT_TRUE(kx::read(with(std::string(0, 'x'), two_bytes()), *std::make_unique<std::string>(), used));
+  used.offset = buffer_t::capacity - used.size;
+  kx::read(with(two_bytes(), std::string()), used, *std::make_unique<std::string>());
+  EXPECT_EQ(payload_of(with(two_bytes())), payload_of(with(used)));
+}
+
+TEST(kx_values, a_text_of_more_than_a_byte_can_count_is_read_back) {
+  const std::string text(1000, 'x');
+  std::string back;
+  kx::read(with(text), back);
+  EXPECT_EQ(text, back);
 }
 
 class kx_room : public seam_test {};

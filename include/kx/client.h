@@ -201,6 +201,7 @@ class [[nodiscard]] async_call {
 /// is unknown to it, and calls are refused with "the sender is not registered".
 class client {
  public:
+  /// Of the service of this name; which need not be there yet.
   client(port& at, std::string service)
       : m_state(std::make_shared<detail::client_state>(at, std::move(service))) {
     at.add(m_state.get());

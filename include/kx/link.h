@@ -13,6 +13,7 @@ namespace kx {
 /// A command of a service: any integer or enumerator from 0 to 255.
 struct command {
   std::uint8_t code;  ///< as it travels
+  /// From a number or an enumerator; what is not in a byte is left out.
   template <class T, class = std::enable_if_t<std::is_integral_v<T> || std::is_enum_v<T>>>
   constexpr command(T value)  // NOLINT(google-explicit-constructor): commands are written as numbers
       : code(static_cast<std::uint8_t>(value)) {}

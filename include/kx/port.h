@@ -80,7 +80,10 @@ class port {
   virtual std::int64_t now() const = 0;
   /// @}
 
-  // Takes a part in, and joins it to the bus if the others are.
+  /// For the objects of this layer.
+  /// @{
+
+  /// Takes a part in, and joins it to the bus if the others are.
   result<> add(const std::shared_ptr<detail::part>& added) {
     forget_gone();
     m_parts.push_back(added);
@@ -90,7 +93,7 @@ class port {
     return offered;
   }
 
-  // Has the core tell when services come and go; where it does not, looks for missing ones each second.
+  /// Has the core tell when services come and go; where it does not, looks for missing ones each second.
   void follow() {
     if (m_follows || m_stage != USED) return;
     m_follows = true;
@@ -102,14 +105,15 @@ class port {
     if (m_follows) add_timer(retry_ms, this, static_retry, 0);
   }
 
-  // Whether services can be used: from the end of the start on.
+  /// Whether services can be used: from the end of the start on.
   bool is_joined() const { return m_stage == USED; }
+  /// @}
 
  protected:
   port() = default;
 
-  // The phases of a start. What cannot be offered ends it.
-  // @{
+  /// The phases of a start, in this order. What cannot be offered ends it.
+  /// @{
   void go_up() {
     if (m_up) m_up();
   }
@@ -126,15 +130,15 @@ class port {
     if (!find_all()) follow();
     if (m_ready) m_ready();
   }
-  // @}
+  /// @}}
 
-  // The beginning of the end.
+  /// The beginning of the end.
   void close() {
     if (m_closing && m_stage == USED) m_closing();
     m_stage = CLOSED;
   }
 
-  // Takes all parts off the port. The last that a bus does with it; once more it does nothing.
+  /// Takes all parts off the port. The last that a bus does with it; once more it does nothing.
   void dismiss() {
     m_stage = CLOSED;
     each_part([](detail::part& each) { each.leave(); });

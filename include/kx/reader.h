@@ -15,6 +15,7 @@ namespace kx {
 /// nothing is taken that has another tag than the type that is wanted. One thread; `message` must outlive it.
 class reader {
  public:
+  /// Begins at the beginning of the payload.
   explicit reader(const KXmessage& message) : m_message(message) { message.pos = 0; }
 
   /// Whether the next value has this tag and at least `width` bytes behind it.

@@ -23,8 +23,8 @@ enum class errc {
 
 /// Why there is no value. An object of its own, or that of a result.
 struct error {
-  errc code = errc::none;
-  std::string reason{};  ///< for people; of a refusal the words of who refused. May be empty.
+  errc code = errc::none;  ///< what it is
+  std::string reason{};    ///< for people; of a refusal the words of who refused. May be empty.
 };
 
 /// The values of an answer, or an error. None of its operations throws, but for what the values throw.
@@ -54,8 +54,10 @@ class result {
   /// @}
 
   /// Whether there is a value.
+  /// @{
   bool ok() const { return m_error.code == errc::none; }
   explicit operator bool() const { return ok(); }
+  /// @}
 
   /// The value; a default one when there is an error.
   /// @{

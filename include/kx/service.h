@@ -71,12 +71,16 @@ class request {
  public:
   /// Nothing to answer.
   request() = default;
-  request(request&&) noexcept = default;
+  /// The other one has nothing to answer any more. What this one still had is refused.
+  /// @{
+  request(request&& other) noexcept = default;
   request& operator=(request&& other) noexcept {
-    std::swap(m_service, other.m_service);
-    std::swap(m_header, other.m_header);
+    request replaced(std::move(*this));
+    m_service = std::move(other.m_service);
+    m_header = other.m_header;
     return *this;
   }
+  /// @}
   ~request() {
     if (is_open()) refuse("the service has not answered it");
   }

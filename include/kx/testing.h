@@ -129,6 +129,7 @@ class bus {
 /// test says so.
 class app final : public port, private member {
  public:
+  /// A component of this name. It is on the bus from start, or run, on.
   app(bus& on, std::string name) : m_bus(on), m_name(std::move(name)) {}
 
   /// As a component that ends in order.

@@ -50,6 +50,50 @@ struct is_tuple<std::array<T, size>> : std::true_type {};
 template <class T>
 constexpr bool is_aggregate = is_tuple<T>::value || std::is_aggregate_v<T>;
 
+template <std::size_t count>
+using members = std::integral_constant<std::size_t, count>;
+
+template <class T>
+auto tie_members(T& of, members<1>) {
+  auto& [a] = of;
+  return std::tie(a);
+}
+template <class T>
+auto tie_members(T& of, members<2>) {
+  auto& [a, b] = of;
+  return std::tie(a, b);
+}
+template <class T>
+auto tie_members(T& of, members<3>) {
+  auto& [a, b, c] = of;
+  return std::tie(a, b, c);
+}
+template <class T>
+auto tie_members(T& of, members<4>) {
+  auto& [a, b, c, d] = of;
+  return std::tie(a, b, c, d);
+}
+template <class T>
+auto tie_members(T& of, members<5>) {
+  auto& [a, b, c, d, e] = of;
+  return std::tie(a, b, c, d, e);
+}
+template <class T>
+auto tie_members(T& of, members<6>) {
+  auto& [a, b, c, d, e, f] = of;
+  return std::tie(a, b, c, d, e, f);
+}
+template <class T>
+auto tie_members(T& of, members<7>) {
+  auto& [a, b, c, d, e, f, g] = of;
+  return std::tie(a, b, c, d, e, f, g);
+}
+template <class T>
+auto tie_members(T& of, members<8>) {
+  auto& [a, b, c, d, e, f, g, h] = of;
+  return std::tie(a, b, c, d, e, f, g, h);
+}
+
 template <class T>
 auto fields_of(T& of) {
   if constexpr (is_tuple<std::remove_const_t<T>>::value) {
@@ -57,31 +101,7 @@ auto fields_of(T& of) {
   } else {
     constexpr std::size_t count = count_fields<std::remove_const_t<T>>();
     static_assert(count >= 1 && count <= 8, "an aggregate that travels has 1 to 8 members");
-    if constexpr (count == 1) {
-      auto& [a] = of;
-      return std::tie(a);
-    } else if constexpr (count == 2) {
-      auto& [a, b] = of;
-      return std::tie(a, b);
-    } else if constexpr (count == 3) {
-      auto& [a, b, c] = of;
-      return std::tie(a, b, c);
-    } else if constexpr (count == 4) {
-      auto& [a, b, c, d] = of;
-      return std::tie(a, b, c, d);
-    } else if constexpr (count == 5) {
-      auto& [a, b, c, d, e] = of;
-      return std::tie(a, b, c, d, e);
-    } else if constexpr (count == 6) {
-      auto& [a, b, c, d, e, f] = of;
-      return std::tie(a, b, c, d, e, f);
-    } else if constexpr (count == 7) {
-      auto& [a, b, c, d, e, f, g] = of;
-      return std::tie(a, b, c, d, e, f, g);
-    } else {
-      auto& [a, b, c, d, e, f, g, h] = of;
-      return std::tie(a, b, c, d, e, f, g, h);
-    }
+    return tie_members(of, members<count>{});
   }
 }
 
