@@ -188,6 +188,7 @@ TEST_F(kx_start, a_core_that_has_ended_ends_the_start) {
   leave_dead_socket(fake_core::mgmt_path);
   seam::fake_clock(100);
   EXPECT_EQ("tested: kxcore does not answer at /tmp/kxcore/kxcore\n1", started());
+  EXPECT_EQ(102, seam::now()) << "only the registration is tried";
   unlink(fake_core::mgmt_path);
 }
 
@@ -223,9 +224,11 @@ TEST_F(kx_start, a_service_that_is_taken_ends_the_start) {
             started([&](kx::app& app) { taken = std::make_unique<kx::service>(app, "maths"); }));
 }
 
-TEST_F(kx_start, an_application_that_could_not_start_has_left_no_socket) {
+TEST_F(kx_start, an_application_that_could_not_start_has_left_the_bus) {
   const core_process core;
-  started([](kx::app& app) { app.on_up([&app] { kx::service(app, ""); }), app.quit(); });
+  kx::app app("tested");
+  const kx::service service(app, "kxcore.reserved");
+  app.run();
   EXPECT_NE(0, access("/tmp/kxcore/tested", F_OK));
 }
 
@@ -317,6 +320,53 @@ TEST_F(kx_start, a_call_of_a_service_of_its_own_is_not_made) {
       "not sent: 'own' is the application's own: only an asynchronous call reaches it, "
       "refused: the service has no command 1",
       outcome);
+}
+
+TEST_F(kx_start, a_call_says_whether_it_was_sent) {
+  const core_process core;
+  const app_process server("server", serve);
+  std::string outcome;
+  kx::app app("tested");
+  kx::client client(app, "maths");
+  app.on_ready([&] {
+    seam::fake_clock(100);
+    outcome = told(client.call<int>(LATER));
+    seam::fail(seam::SENDTO, ECONNREFUSED, 3);
+    outcome += ", " + told(client.call<int>(LATER));
+    seam::disarm();
+    app.quit();
+  });
+  app.run();
+  EXPECT_EQ("no answer: 'maths' does not answer, not sent: the message could not be sent", outcome);
+}
+
+TEST_F(kx_start, a_one_way_message_leaves_a_client_what_it_is) {
+  const core_process core;
+  const app_process server("server", serve);
+  kx::app app("tested");
+  auto client = std::make_unique<kx::client>(app, "maths");
+  app.on_ready([&] {
+    client->send(ADD, 1);
+    client.reset();
+    app.quit();
+  });
+  app.run();
+  EXPECT_FALSE(seam::logged("KXproxy::disconnect")) << "it has left as the user of a signal";
+}
+
+TEST_F(kx_start, a_service_that_the_core_cannot_be_told_of_goes_all_the_same) {
+  const core_process core;
+  kx::app app("tested");
+  auto service = std::make_unique<kx::service>(app, "own");
+  app.on_ready([&] {
+    seam::fake_clock(100);
+    seam::fail(seam::SENDTO, ECONNREFUSED, 3);
+    service.reset();
+    seam::disarm();
+    app.quit();
+  });
+  app.run();
+  EXPECT_EQ(1, seam::times_logged("sending message to")) << "there is nobody left to withdraw";
 }
 
 TEST_F(kx_start, timers_and_descriptors_run_in_the_loop) {

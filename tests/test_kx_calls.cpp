@@ -175,6 +175,22 @@ TEST_F(kx_calls, a_one_way_message_says_when_it_is_not_sent) {
             told(client.send(TELL, std::string(3000, 'x'))));
 }
 
+TEST_F(kx_calls, an_answer_has_the_command_and_the_id_of_its_request) {
+  struct : kx::receiver {
+    void receive(KXmessage& message) override { answer = message; }
+    KXmessage answer;
+  } plain;
+  start();
+  const auto link = user.use("maths", kx::kind::function, plain);
+  KXmessage request;
+  request.m_header->msg_type = MSG_REQ;
+  request.m_header->cmd = ADD;
+  (*link)->send(request);
+  bus.settle();
+  EXPECT_EQ(ADD, plain.answer.m_header->cmd);
+  EXPECT_EQ(request.m_header->msg_id, plain.answer.m_header->msg_id);
+}
+
 // --- asynchronous calls ---
 
 TEST_F(kx_calls, answers_find_their_requests_in_any_order) {
@@ -216,6 +232,15 @@ TEST_F(kx_calls, a_deadline_may_be_farther_than_a_timer_of_the_loop_reaches) {
   EXPECT_EQ("", happened);
   bus.advance(1ms);
   EXPECT_EQ("no answer: 'maths' does not answer ", happened);
+}
+
+TEST_F(kx_calls, a_deadline_without_end_is_far_away) {
+  start();
+  client.async<int>(LATER).within(std::chrono::milliseconds::max()).then(noting());
+  bus.advance(1h);
+  kept.at(0).reply(1);
+  bus.settle();
+  EXPECT_EQ("1 ", happened);
 }
 
 TEST_F(kx_calls, an_answer_at_the_last_moment_counts) {
@@ -449,6 +474,16 @@ TEST_F(kx_loop, a_timer_that_is_started_again_begins_anew) {
   timer.once(100ms);
   bus.advance(250ms);
   EXPECT_EQ("150 ", happened);
+}
+
+TEST_F(kx_loop, a_timer_runs_after_fifteen_minutes_at_most) {
+  for (const std::chrono::milliseconds period : {-1ms, 900'001ms, std::chrono::milliseconds::max()}) {
+    const auto began = user.now();
+    kx::timer timer(user, [&] { happened += std::to_string(user.now() - began) + " "; });
+    timer.once(period);
+    bus.advance(2'000s);
+  }
+  EXPECT_EQ("900000 900000 900000 ", happened);
 }
 
 TEST_F(kx_loop, a_timer_ends_with_its_owner) {

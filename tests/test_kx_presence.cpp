@@ -170,6 +170,19 @@ TEST_F(kx_presence, more_can_be_made_when_a_service_is_found) {
   EXPECT_EQ("5", told(made.at(99)->call<int>(ADD, 4)));
 }
 
+TEST_F(kx_presence, what_comes_and_goes_while_services_are_found_keeps_nobody_from_it) {
+  auto first = std::make_unique<kx::client>(user, "maths");
+  kx::client second(user, "maths");
+  const kx::client third(user, "maths");
+  std::unique_ptr<kx::client> made;
+  second.on_available([&] {
+    first.reset();
+    made = std::make_unique<kx::client>(user, "maths");
+  });
+  start();
+  EXPECT_TRUE(third.is_available());
+}
+
 // --- applications ---
 
 TEST_F(kx_presence, the_hooks_run_in_their_order) {
@@ -206,6 +219,15 @@ TEST_F(kx_presence, a_name_that_is_taken_ends_the_start) {
   kx::service taken(other, "maths");
   EXPECT_EQ("refused: 'maths' is offered by server", told(other.start()));
   EXPECT_FALSE(other.runs());
+}
+
+TEST_F(kx_presence, an_application_that_does_not_start_has_nothing_to_close) {
+  server.start();
+  kx::testing::app other(bus, "other");
+  other.on_closing([this] { happened += "closing"; });
+  const kx::service taken(other, "maths");
+  other.start();
+  EXPECT_EQ("", happened);
 }
 
 TEST_F(kx_presence, a_name_that_is_taken_later_is_told_by_the_service) {

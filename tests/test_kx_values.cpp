@@ -194,6 +194,12 @@ TEST(kx_values, a_text_of_more_than_a_byte_can_count_is_read_back) {
   EXPECT_EQ(text, back);
 }
 
+TEST(kx_values, a_vector_that_is_in_use_holds_what_was_read_and_nothing_else) {
+  std::vector<int> used = {1, 2};
+  kx::read(with(std::vector<int>{3}), used);
+  EXPECT_EQ(std::vector<int>{3}, used);
+}
+
 class kx_room : public seam_test {};
 
 TEST_F(kx_room, a_payload_is_filled_to_the_last_byte) {

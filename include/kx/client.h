@@ -75,7 +75,8 @@ class client_state : public user {
     } else {
       failure = {errc::no_answer, ""};
     }
-    const std::int64_t deadline = m_port->now() + limit.count();
+    constexpr std::chrono::milliseconds longest = std::chrono::hours(24 * 365);
+    const std::int64_t deadline = m_port->now() + std::min(limit, longest).count();
     m_pending.add({sent.m_header->msg_id, deadline, std::move(failure), std::move(done)});
     if (deadline < m_next_look) look_at(deadline);
   }
@@ -158,8 +159,8 @@ class client_state : public user {
 template <class... R>
 class [[nodiscard]] async_call {
  public:
-  /// How long to wait for the answer; 10 seconds unless it is said. An answer after that is dropped and
-  /// counted (client::late).
+  /// How long to wait for the answer, a year at most; 10 seconds unless it is said. An answer after that is
+  /// dropped and counted (client::late).
   async_call&& within(std::chrono::milliseconds limit) && {
     m_limit = limit;
     return std::move(*this);
@@ -179,9 +180,9 @@ class [[nodiscard]] async_call {
 
  private:
   friend class client;
-  explicit async_call(detail::client_state& of) : m_client(&of) {}
+  explicit async_call(std::shared_ptr<detail::client_state> of) : m_client(std::move(of)) {}
 
-  detail::client_state* m_client;
+  std::shared_ptr<detail::client_state> m_client;
   KXmessage m_message;
   error m_failure;
   std::chrono::milliseconds m_limit{10'000};
@@ -222,7 +223,7 @@ class client {
   /// `client.async<int>(CMD, arguments...).within(500ms).then(handler)`. At most 4095 at a time.
   template <class... R, class... A>
   async_call<R...> async(command number, const A&... arguments) {
-    async_call<R...> made(*m_state.get());
+    async_call<R...> made(m_state.get());
     if (m_state->is_full()) {
       made.m_failure = {errc::not_sent, "too many requests are under way"};
     } else {

@@ -23,7 +23,10 @@ class timer_state : public part {
     if (m_port == nullptr) return;
     m_repeats = repeats;
     m_armed = ++m_last;
-    m_port->add_timer(static_cast<int>(period.count()), this, static_ring, m_armed);
+    constexpr std::chrono::milliseconds longest = std::chrono::minutes(15);
+    const bool is_in_reach = period >= std::chrono::milliseconds(0) && period < longest;
+    const std::chrono::milliseconds reached = is_in_reach ? period : longest;
+    m_port->add_timer(static_cast<int>(reached.count()), this, static_ring, m_armed);
   }
 
   // The handler's own timer ends when that returns.

@@ -145,7 +145,8 @@ class service_state : public offering {
     const auto self = std::static_pointer_cast<offering>(shared_from_this());
     request asked(self, *message.m_header);
     const auto entry = m_handlers.find(asked.command());
-    if (entry == m_handlers.end()) return refuse(asked, "the service has no command ");
+    if (entry == m_handlers.end())
+      return asked.refuse("the service has no command " + std::to_string(asked.command()));
     const std::shared_ptr<handler> called = entry->second;  // which may replace itself
     (*called)(asked, message);
   }
@@ -156,15 +157,11 @@ class service_state : public offering {
     std::tuple<T...> arguments;
     reader from(message);
     const bool fits = std::apply([&from](T&... each) { return read(from, each...); }, arguments);
-    if (!fits && asked.is_open()) asked.refuse("the arguments do not fit: " + from.reason());
-    if (fits) std::apply([&](T&... each) { called(asked, std::move(each)...); }, arguments);
+    if (!fits) return asked.refuse("the arguments do not fit: " + from.reason());
+    std::apply([&](T&... each) { called(asked, std::move(each)...); }, arguments);
   }
 
  private:
-  static void refuse(request& asked, const char* why) {
-    if (asked.is_open()) asked.refuse(why + std::to_string(asked.command()));
-  }
-
   std::map<std::uint8_t, std::shared_ptr<handler>> m_handlers;
 };
 

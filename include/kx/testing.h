@@ -147,7 +147,7 @@ class app final : public port, private member {
     go_up();
     result<> offered = offer_all();
     if (!offered) {
-      leave();
+      stop();
       return offered;
     }
     use_all();
