@@ -127,12 +127,12 @@ class client_state : public user {
     }
   }
 
-  // One timer for all: it runs until the earliest deadline that there was when it was started.
+  // One timer for all: it runs until the earliest deadline that there was when it was started, or as far as a
+  // timer reaches.
   void look_at(std::int64_t deadline) {
-    constexpr std::int64_t longest = 900'000;
     m_next_look = deadline;
-    m_timer->start(std::chrono::milliseconds(std::clamp(deadline - m_port->now(), std::int64_t{0}, longest)),
-                   false);
+    const std::int64_t wait = std::max(deadline - m_port->now(), std::int64_t{0});
+    m_timer->start(std::chrono::milliseconds(wait), false);
   }
 
   void expire() {

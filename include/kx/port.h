@@ -99,10 +99,8 @@ class port {
     m_follows = true;
     auto events = use("kxcore.events", kind::signal, m_events);
     if (events) m_events.held = std::move(*events);
-    const bool is_complete = find_all();  // also what has come since the last look
-    if (m_events.held != nullptr) return;
-    m_follows = !is_complete;
-    if (m_follows) add_timer(retry_ms, this, static_retry, 0);
+    find_all();  // also what has come since the last look
+    if (m_events.held == nullptr) add_timer(retry_ms, this, static_retry, 0);
   }
 
   /// Whether services can be used: from the end of the start on.
