@@ -53,15 +53,17 @@ class user {
  private:
   void note(const std::string& text) { happened += text + "\n"; }
 
+  struct : kx::receiver {
+    void receive(KXmessage&) override {}
+  } nobody;
+
+  static std::string siids(const kx::result<std::unique_ptr<kx::link>>& granted) {
+    if (!granted) return granted.error().reason;
+    return std::to_string((*granted)->siid()) + " of " + std::to_string((*granted)->service_siid());
+  }
+
   // What the core grants, and what not.
   void look_around() {
-    struct : kx::receiver {
-      void receive(KXmessage&) override {}
-    } nobody;
-    const auto siids = [](const kx::result<std::unique_ptr<kx::link>>& granted) {
-      if (!granted) return granted.error().reason;
-      return std::to_string((*granted)->siid()) + " of " + std::to_string((*granted)->service_siid());
-    };
     for (const char* const name : {"maths", "mine", "mine", "kxcore.x", "", "a\n"})
       note(siids(m_app.offer(name, kx::kind::function, "none", nobody)));
     for (const char* const name : {"maths", "tick", "nobody", "", "kxcore.events"})
@@ -105,6 +107,7 @@ class user {
 
   void again() {
     m_brief.on_available([this] {
+      note(siids(m_app.use("brief", kx::kind::function, nobody)));
       note(told(m_brief.call<int>(ADD)));
       m_maths.send(EMIT, 3);
     });

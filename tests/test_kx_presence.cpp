@@ -254,6 +254,24 @@ TEST_F(kx_presence, objects_may_outlive_their_application) {
   EXPECT_EQ("not sent: it has left the bus", told(offered.offered()));
 }
 
+TEST_F(kx_presence, a_component_that_takes_the_name_of_another_replaces_it) {
+  watch(client);
+  start();
+  kx::testing::app again(bus, "server");
+  kx::service back(again, "maths");
+  EXPECT_EQ("=", told(again.start()));
+  bus.settle();
+  EXPECT_EQ("available gone available ", happened);
+}
+
+TEST_F(kx_presence, a_process_that_is_killed_closes_nothing) {
+  server.on_closing([this] { happened += "closing"; });
+  start();
+  server.crash();
+  server.stop();
+  EXPECT_EQ("", happened);
+}
+
 // --- faults of the bus ---
 
 TEST_F(kx_presence, a_component_that_does_not_read_is_told_to_who_asks_it) {
