@@ -170,17 +170,19 @@ TEST_F(kx_presence, more_can_be_made_when_a_service_is_found) {
   EXPECT_EQ("5", told(made.at(99)->call<int>(ADD, 4)));
 }
 
-TEST_F(kx_presence, what_comes_and_goes_while_services_are_found_keeps_nobody_from_it) {
+TEST_F(kx_presence, what_comes_and_goes_while_news_are_told_keeps_nobody_from_them) {
   auto first = std::make_unique<kx::client>(user, "maths");
   kx::client second(user, "maths");
   const kx::client third(user, "maths");
   std::unique_ptr<kx::client> made;
-  second.on_available([&] {
+  second.on_gone([&] {
     first.reset();
     made = std::make_unique<kx::client>(user, "maths");
   });
   start();
-  EXPECT_TRUE(third.is_available());
+  server.stop();
+  bus.settle();
+  EXPECT_FALSE(third.is_available());
 }
 
 // --- applications ---

@@ -182,6 +182,7 @@ TEST(kx_values, the_count_of_a_vector_takes_no_memory_that_its_elements_do_not_n
 
 TEST(kx_values, a_buffer_that_is_in_use_takes_as_much_as_a_new_one) {
   buffer_t used = two_bytes();
+  used.size = 1;
   used.offset = buffer_t::capacity - used.size;
   kx::read(with(two_bytes(), std::string()), used, *std::make_unique<std::string>());
   EXPECT_EQ(payload_of(with(two_bytes())), payload_of(with(used)));
