@@ -309,6 +309,14 @@ TEST_F(kx_calls, a_handler_may_be_larger_than_the_room_for_small_ones) {
   EXPECT_EQ("5", happened);
 }
 
+TEST_F(kx_calls, what_a_handler_owns_goes_with_it) {
+  const auto owned = std::make_shared<int>(0);
+  start();
+  client.async<int>(ADD, 1).then([owned](const kx::result<int>&) {});
+  bus.settle();
+  EXPECT_EQ(1, owned.use_count());
+}
+
 TEST_F(kx_calls, the_handlers_of_a_client_that_has_gone_do_not_run) {
   {
     kx::client brief(user, "maths");

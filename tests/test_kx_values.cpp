@@ -211,6 +211,10 @@ TEST_F(kx_room, nothing_is_written_when_the_values_take_one_byte_more) {
   EXPECT_EQ(0, with(1, std::string(2034 - 5 - 3, 'x')).size);
 }
 
+TEST_F(kx_room, a_list_of_texts_takes_what_its_texts_take) {
+  EXPECT_EQ(0, with(std::vector<std::string>(2, std::string(1100, 'x'))).size);
+}
+
 TEST_F(kx_room, what_has_no_room_is_not_worth_a_line) {
   KXmessage message;
   kx::write(message, std::vector<int>(500));
