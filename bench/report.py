@@ -9,9 +9,10 @@ import pathlib
 import statistics
 import sys
 
-KXLIB, POLL = "kxlib", "bare sockets, poll"
+KXLIB, LAYER, POLL = "kxlib", "kxlib, layer kx", "bare sockets, poll"
 GOALS = [  # pinned: what, over what, limit, whether it is an upper one
     ("rtt", POLL, 1.10, True),
+    ("rtt", LAYER, 0.97, False),
     ("rtt", "sd-bus", 0.65, True),
     ("rtt", "ZeroMQ", 0.35, True),
     ("oneway", POLL, 0.90, False),
@@ -34,7 +35,7 @@ Written by `scripts/bench`, which measures everything again.
 All programs send datagrams (or messages, or for D-Bus the number and the text of a datagram) of 64 bytes. A round
 trip is a synchronous call of one process to another, which answers with the same content. With kxlib and sd-bus the
 server reads the request and writes the answer, and the client checks it; bare sockets, ZeroMQ and nng send the bytes
-back unread and check nothing. kxlib goes over kxcore, D-Bus over a dbus-daemon, ZeroMQ and nng from process to
+back unread and check nothing. *Layer kx* is kxlib with the typed calls and services of `kx/`. kxlib goes over kxcore, D-Bus over a dbus-daemon, ZeroMQ and nng from process to
 process, which spares them two of the four hops. *Bare sockets* are the same four hops between three processes with
 nothing but sendto and recvfrom, *poll* with a poll before each receive: the plainest bus with a core in the middle,
 not the fastest, as kxcore receives several datagrams at a time and sends over connected sockets.
@@ -90,6 +91,8 @@ def read_growth(path):
 
 
 def shown(values):
+    if not values:
+        return "–"
     digits = 0 if all(value.is_integer() for value in values) else 1 if max(values) >= 10 else 2
     return f"{statistics.median(values):,.{digits}f} ({min(values):,.{digits}f}–{max(values):,.{digits}f})"
 
@@ -112,7 +115,7 @@ def verdict(met):
 
 def bus_table(rounds):
     columns = [(mode, where) for mode in TITLES for where in ("pinned", "free")]
-    rows = [[bus] + [shown(rounds[column][bus]) for column in columns] for bus in rounds[columns[0]]]
+    rows = [[bus] + [shown(rounds[column].get(bus, [])) for column in columns] for bus in rounds[columns[0]]]
     return markdown_table([""] + [f"{TITLES[mode]}, {where}" for mode, where in columns], rows)
 
 

@@ -1,0 +1,5 @@
+#include "thermostat.h"
+
+#include "kx/app.h"
+
+int main() { return kx::run("thermostat", thermostat); }
