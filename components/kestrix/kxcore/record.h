@@ -24,7 +24,7 @@ enum record_event_e : std::uint8_t {
 constexpr std::uint8_t record_version = 1;
 constexpr std::uint8_t record_is_management = 1;  // flag
 constexpr std::size_t record_texts_offset = 41;
-constexpr std::size_t record_max_header = record_texts_offset + 4 * 256;
+constexpr std::size_t record_max_header = record_texts_offset + std::size_t{4} * 256;
 
 struct record {
   record_event_e event;
