@@ -79,32 +79,45 @@ local function put(tree, what, range, value)
   if value then tree:add(what, range, value) else tree:add(what, range) end
 end
 
--- Frames that belong together, found in the first pass: a siid and an id come into use again.
-local open, further, answer_of, request_of
+-- What belongs together, found in the first pass: a siid and an id come into use again. All of it is numbers, by the
+-- frame of the request or the answer: objects would cost much time in a long recording.
+local open  -- the frame of the request, by its ends and its id
+local asked_s, asked_ns, has_arrived, is_for_core, further, answer_of, request_of, after
 
-function kx.init() open, further, answer_of, request_of = {}, {}, {}, {} end
+function kx.init()
+  open, asked_s, asked_ns, has_arrived, is_for_core = {}, {}, {}, {}, {}
+  further, answer_of, request_of, after = {}, {}, {}, {}
+end
+
+-- A number in Lua does not hold all of it.
+local function seconds_and_ns(time)
+  local second = UInt64(1000000000)
+  return (time / second):tonumber(), (time % second):tonumber()
+end
 
 local function key_of(client, client_siid, server_siid, id)
   return string.format("%s\0%u\0%u\0%u", client, client_siid, server_siid, id)
 end
 
 -- Whether the record tells of a request again: that has waited in the core, or was received there.
-local function is_further(record, known)
+local function is_further(record, request)
   local has_waited = record.event == DELIVERED or record.event == DROPPED
-  return has_waited and not known.has_arrived
-    or record.event == REFUSED and known.has_arrived and known.to == "kxcore"
+  return has_waited and not has_arrived[request]
+    or record.event == REFUSED and has_arrived[request] and is_for_core[request]
 end
 
 local function note_request(record, number)
   local key = key_of(record.from, record.src_siid, record.dst_siid, record.msg_id)
-  local known = open[key]
-  if not known or not is_further(record, known) then
-    known = { number = number, to = record.to, asked = record.sent > UInt64(0) and record.sent or record.time }
-    open[key] = known
-  else
+  local request = open[key]
+  if request and is_further(record, request) then
     further[number] = true
+  else
+    request = number
+    open[key] = number
+    asked_s[number], asked_ns[number] = seconds_and_ns(record.sent > UInt64(0) and record.sent or record.time)
+    is_for_core[number] = record.to == "kxcore" or nil
   end
-  known.has_arrived = known.has_arrived or record.has_arrived
+  if record.has_arrived then has_arrived[request] = true end
 end
 
 local function note_answer(record, number)
@@ -112,19 +125,18 @@ local function note_answer(record, number)
   local request = open[key]
   if not request or not record.has_arrived then return end
   open[key] = nil
-  answer_of[request.number] = number
-  local none = UInt64(0)
-  request_of[number] = { number = request.number, after = record.time > request.asked and record.time - request.asked or none }
+  answer_of[request] = number
+  request_of[number] = request
+  local s, ns = seconds_and_ns(record.time)
+  after[number] = math.max((s - asked_s[request]) * 1e9 + ns - asked_ns[request], 0)
 end
 
 local function add_links(number, tree)
-  local request = request_of[number]
-  if request then
-    tree:add(field.request_in, request.number):set_generated()
-    tree:add(field.after, request.after):set_generated()
-    local second = UInt64(1000000000)
-    tree:add(field.after_time, NSTime((request.after / second):tonumber(), (request.after % second):tonumber()))
-      :set_generated()
+  local span = after[number]
+  if span then
+    tree:add(field.request_in, request_of[number]):set_generated()
+    tree:add(field.after, UInt64(span % 2 ^ 32, math.floor(span / 2 ^ 32))):set_generated()
+    tree:add(field.after_time, NSTime(math.floor(span / 1e9), span % 1e9)):set_generated()
   end
   if answer_of[number] then tree:add(field.answer_in, answer_of[number]):set_generated() end
 end

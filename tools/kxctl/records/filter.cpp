@@ -142,6 +142,7 @@ void filter::add(const std::string& term) {
 
 void filter::add(const std::string& key, const std::vector<std::string>& values, bool negated) {
   std::vector<test_t> any;
+  any.reserve(values.size());
   for (const std::string& value : values)
     any.push_back(key_named(key).test_for(value));
   m_tests.push_back([any, negated](const entry& what) {

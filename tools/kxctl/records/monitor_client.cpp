@@ -57,7 +57,7 @@ monitor_client::monitor_client(const std::string& components, const std::string&
 
 void monitor_client::connect_by(steady::time_point answer_by) {
   m_socket = unique_fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  const int pause_ms = std::max(pause_until(answer_by), 1);
+  const long pause_ms = std::max(pause_until(answer_by), 1);
   timeval pause = {};
   pause.tv_sec = pause_ms / 1000;
   pause.tv_usec = pause_ms % 1000 * 1000;
