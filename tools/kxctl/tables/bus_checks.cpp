@@ -60,17 +60,16 @@ void check_grants(const session::rows& components, findings& found) {
 }
 
 void check_wishes(const std::vector<refusals>& all, const session::rows& services, findings& found) {
-  std::map<std::string, std::string> wanted;  // the service, by whom
+  std::map<std::string, std::string> wanted;  // each with by whom, in words
   for (const refusals& of : all)
     for (const json& each : of.reasons) {
       const std::string service = wanted_in_vain(each["reason"]);
       if (service.empty() || is_offered(services, service)) continue;
-      std::string& by = wanted[service];
-      if (!by.empty()) by += ", ";
-      by.append(of.component).append(" (").append(cell(each, "times")).append(" times)");
+      std::string& text = wanted[service];
+      text += (text.empty() ? "nobody offers '" + service + "', which is wanted by " : ", ");
+      text += of.component + " (" + cell(each, "times") + " times)";
     }
-  for (const auto& [service, by] : wanted)
-    found.push_back({finding::WARN, "nobody offers '" + service + "', which is wanted by " + by,
-                     "start the component that offers it, or mend the name"});
+  for (const auto& [service, text] : wanted)
+    found.push_back({finding::WARN, text, "start the component that offers it, or mend the name"});
   if (wanted.empty()) found.push_back({finding::OK, "no service is wanted in vain", ""});
 }

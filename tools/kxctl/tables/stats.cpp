@@ -72,7 +72,8 @@ std::string metrics_text(const group& which, const session::rows& rows) {
   std::string text;
   for (const counter& each : which.counters) {
     const std::string name = std::string("kestrix_") + which.key + "_" + each.metric;
-    text += "# HELP " + name + " " + each.help + "\n# TYPE " + name + " " + each.type + "\n";
+    text.append("# HELP ").append(name).append(" ").append(each.help);
+    text.append("\n# TYPE ").append(name).append(" ").append(each.type).append("\n");
     for (const json& row : rows)
       text.append(name).append(label_of(row, which.key)).append(" ").append(cell(row, each.key)).append("\n");
   }
