@@ -14,9 +14,8 @@ enum verdict_e { NO, UNSURE, YES };
 
 class core_model {
  public:
-  member members[3] = {{network::receivers[0], network::receivers[1]},
-                       {network::receivers[2], network::receivers[3]},
-                       {network::receivers[4], network::receivers[5]}};
+  member members[3] = {member(&network::receivers[0]), member(&network::receivers[2]),
+                       member(&network::receivers[4])};
   std::size_t registered = 0;  // members
   unsigned int answers = 0;    // to strangers, in this interval
   holdings held;

@@ -1,6 +1,5 @@
 // The core's rooms between members whose sockets and processes are in memory: the input chooses who sends
-// what and in whose name, who reads, and who goes and comes. What the core does is compared with a model of
-// the rules.
+// what and in whose name, who reads, who goes and comes. What the core does is compared with a model.
 #include <arpa/inet.h>
 
 #include <string_view>
@@ -181,9 +180,10 @@ class world {
     } else if (is_granted && facts_of(asked.cmd).kind == WITHDRAWAL) {
       m_model.give_back(who, asked.siid);
     }
+    const bool is_known = who.is(from) && !who.must_go;
     const bool is_answered =
-        asked.type == MSG_REQ && (who.is(from) ? who.is_reachable : m_model.answers_stranger(who.mgmt, from));
-    who.must_go = who.must_go || (asked.type == MSG_REQ && who.is(from) && !who.is_reachable);
+        asked.type == MSG_REQ && (is_known ? who.is_reachable : m_model.answers_stranger(who.mgmt, from));
+    who.must_go = who.must_go || (asked.type == MSG_REQ && is_known && !who.is_reachable);
     forget();
     REQUIRE(who.mgmt.count() == (is_answered ? 1 : 0));
     if (!is_answered) m_model.held.last_offered[asked.name] = 0;

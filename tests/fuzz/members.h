@@ -43,6 +43,8 @@ struct demand {
 inline bool lives(pid_t pid) { return pid > 0 && !network::ended[static_cast<std::size_t>(pid)]; }
 
 struct member {
+  explicit member(network::receiver* sockets) : mgmt(sockets[0]), data(sockets[1]) {}
+
   network::receiver& mgmt;
   network::receiver& data;
   pid_t pid = 0;
@@ -50,7 +52,7 @@ struct member {
   unsigned int registration = 0;  // its number; 0: none
   bool is_reachable = false;      // its sockets are those that it has registered
   bool must_go = false;           // the core has noticed that it is not reachable
-  sender registered{{}, 0, 0, 0};
+  sender registered{};
   ino_t inodes[2] = {};  // of its files when it registered
   unsigned int grants = 0;
   unsigned int requests = 0;

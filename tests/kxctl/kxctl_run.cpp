@@ -184,6 +184,7 @@ void bus_with_core::SetUp() {
 }
 
 void bus_with_core::TearDown() {
+  EXPECT_EQ("kxcore kxcore-d", files());
   if (core != nullptr) end_core(SIGKILL);
 }
 

@@ -84,6 +84,7 @@ class watcher : public stand_in {
   std::set<std::pair<unsigned char, std::string>> m_seen;
 };
 
+// Nothing is left on the bus at the end.
 class bus_with_core : public testing::Test {
  protected:
   void SetUp() override;

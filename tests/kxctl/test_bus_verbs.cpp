@@ -1,4 +1,4 @@
-// The verbs that send and receive: call, send, emit, listen and wait.
+// The verbs that send and receive: call, send, emit and listen.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr unsigned char registered = 1, gone = 2, offered = 3, subscribed = 5;
+constexpr unsigned char gone = 2, offered = 3, subscribed = 5;
 
 using fill = std::function<void(KXmessage&)>;
 
@@ -28,18 +28,10 @@ void broken(KXmessage& message) {
   message.incr_size(1);
 }
 
-class verbs : public bus_with_core {
- protected:
-  void TearDown() override {
-    EXPECT_EQ("kxcore kxcore-d", files());
-    bus_with_core::TearDown();
-  }
-};
-
-class calls : public verbs {
+class calls : public bus_with_core {
  protected:
   void SetUp() override {
-    verbs::SetUp();
+    bus_with_core::SetUp();
     server = std::make_unique<stand_in>("server");
     server->ask(
         CMD_REG_FUNCTION, "get", 0,
@@ -47,7 +39,7 @@ class calls : public verbs {
   }
   void TearDown() override {
     server.reset();
-    verbs::TearDown();
+    bus_with_core::TearDown();
   }
 
   // What a call ends with that is answered so.
@@ -62,7 +54,7 @@ class calls : public verbs {
   KXmessage request;
 };
 
-class signals : public verbs {
+class signals : public bus_with_core {
  protected:
   // A signal of a server.
   static KXmessage signal_of(const stand_in& server, unsigned char cmd, unsigned int value) {
@@ -280,53 +272,4 @@ TEST_F(signals, end_with_the_reason_when_they_cannot_be_written) {
   const auto fill_disk = [] { dup2(open("/dev/full", O_WRONLY | O_CLOEXEC), STDOUT_FILENO); };
   run list("kxctl list", fill_disk);
   EXPECT_EQ("1: ! kxctl: cannot write to standard output: No space left on device", ended_with(list));
-}
-
-TEST_F(verbs, wait_for_what_is_there_already) {
-  stand_in server("server");
-  server.ask(CMD_REG_FUNCTION, "get");
-  EXPECT_EQ("0: ", kxctl("wait get"));
-  EXPECT_EQ("0: ", kxctl("wait --component server"));
-  EXPECT_EQ("0: ", kxctl("wait --gone nix"));
-  EXPECT_EQ("0: ", kxctl("wait --gone --component nix"));
-}
-
-TEST_F(verbs, wait_for_what_comes) {
-  watcher bus;
-  run service("kxctl wait get");
-  run component("kxctl wait --component server");
-  for (const run* each : {&service, &component})
-    bus.await(registered, each->name());
-  stand_in server("server");
-  server.ask(CMD_REG_FUNCTION, "get");
-  EXPECT_EQ("0: ", ended_with(service));
-  EXPECT_EQ("0: ", ended_with(component));
-}
-
-TEST_F(verbs, wait_for_what_goes) {
-  watcher bus;
-  stand_in server("server");
-  server.ask(CMD_REG_FUNCTION, "get");
-  run service("kxctl wait --gone get");
-  run component("kxctl wait --gone --component server");
-  for (const run* each : {&service, &component})
-    bus.await(subscribed, each->name());
-  server.tell(CMD_UNREG_FUNCTION, server.siid);
-  EXPECT_EQ("0: ", ended_with(service));
-  server.leave();
-  EXPECT_EQ("0: ", ended_with(component));
-}
-
-TEST_F(verbs, wait_no_longer_than_they_may) {
-  stand_in server("server");
-  EXPECT_EQ("124: ! kxctl: 'get' is not offered in time", kxctl("--timeout 0.05 wait get"));
-  EXPECT_EQ("124: ! kxctl: 'server' is still there", kxctl("--timeout 0.05 wait --gone --component server"));
-}
-
-TEST_F(verbs, leave_no_line_in_the_log_of_the_core) {
-  kxctl("--timeout 0.05 wait get");
-  kxctl("list");
-  kxctl("--timeout 0.05 emit --wait tick");
-  watcher bus;  // the core has read what they have told it
-  EXPECT_EQ("", core->err());
 }

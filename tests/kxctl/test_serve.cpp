@@ -10,11 +10,6 @@ namespace {
 
 class served : public bus_with_core {
  protected:
-  void TearDown() override {
-    EXPECT_EQ("kxcore kxcore-d", files());
-    bus_with_core::TearDown();
-  }
-
   // What a call ends with that is served so.
   static std::string called(const std::string& options, const std::string& values = "") {
     run server("kxctl serve " + options);
