@@ -1,6 +1,6 @@
 #include "record.h"
 
-#include <cstring>
+#include <algorithm>
 
 namespace {
 
@@ -17,8 +17,7 @@ class writer {
   void text(std::string_view value) {
     const std::string_view taken = value.substr(0, max_text);
     number(taken.size(), 1);
-    std::memcpy(m_next, taken.data(), taken.size());
-    m_next += taken.size();
+    m_next = std::copy(taken.begin(), taken.end(), m_next);
   }
   std::size_t size() const { return static_cast<std::size_t>(m_next - m_begin); }
 
