@@ -634,6 +634,8 @@ class watched_core : public whole_core {
 }  // namespace
 
 TEST_F(watched_core, knows_when_messages_were_sent_while_a_monitor_is_there) {
+  if (std::string(KXCORE_COMMAND).find('|') != std::string::npos)
+    GTEST_SKIP() << "an emulator hands on no times";
   auto seeing = std::make_unique<watcher>();
   seeing->greet(), subject.serve();
   seeing->seen();

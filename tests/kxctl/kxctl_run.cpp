@@ -57,6 +57,12 @@ bool is_readable(int fd) {
 
 }  // namespace
 
+std::string kxctl_in_shell() {
+  std::string command = KXCTL_COMMAND;
+  std::replace(command.begin(), command.end(), '|', ' ');
+  return command;
+}
+
 run::run(const std::string& line, const std::function<void()>& prepare)
     : m_out(memfd_create("out", MFD_CLOEXEC)),
       m_err(memfd_create("err", MFD_CLOEXEC)),

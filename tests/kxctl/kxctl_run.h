@@ -42,6 +42,9 @@ class run {
 std::string ended_with(run& program, int signal = 0);
 std::string kxctl(const std::string& line);
 
+// What a shell runs as kxctl: behind its emulator when it is built for another processor.
+std::string kxctl_in_shell();
+
 // Waits until it is so; false when that takes too long.
 bool comes_true(const std::function<bool()>& is_so);
 

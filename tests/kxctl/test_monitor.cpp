@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "child_process.h"
+#include "kxctl_run.h"
 #include "payload.h"
 #include "pcapng.h"
 #include "socket_address.h"
@@ -44,9 +45,9 @@ std::string content_of(const std::string& path) {
 class program {
  public:
   explicit program(const std::string& arguments, const std::string& around = "exec")
-      : m_process({"sh", "-c",
-                   around + ' ' + sibling_program("kxctl") + ' ' + arguments +
-                       " >/tmp/kxcore/out 2>/tmp/kxcore/error"}) {}
+      : m_process(
+            {"sh", "-c",
+             around + ' ' + kxctl_in_shell() + ' ' + arguments + " >/tmp/kxcore/out 2>/tmp/kxcore/error"}) {}
 
   pid_t pid() const { return m_process.pid(); }
 
@@ -59,12 +60,14 @@ class program {
   child_process m_process;
 };
 
-ended run(const std::string& arguments) { return program(arguments).end(); }
+ended after(const std::string& arguments) { return program(arguments).end(); }
 
 // The core's side of the socket.
 class core_side {
  public:
   core_side() : m_listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
+    const timeval patience = {10, 0};
+    setsockopt(m_listener.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     fs::create_directory(directory);
     unlink(monitor_path);
     const sockaddr_un address = socket_address(monitor_path);
@@ -254,7 +257,9 @@ TEST_F(monitor_test, asks_again_when_the_mark_was_lost) {
   EXPECT_EQ(questions.size(), 2U);
 }
 
-TEST_F(monitor_test, refuses_a_bad_filter_before_it_connects) { EXPECT_EQ(run("monitor type=x").status, 2); }
+TEST_F(monitor_test, refuses_a_bad_filter_before_it_connects) {
+  EXPECT_EQ(after("monitor type=x").status, 2);
+}
 
 TEST_F(monitor_test, says_that_standard_output_takes_no_more) {
   program tool("monitor -n 1 >/dev/full; true", "f() { \"$@\"; echo $? >/tmp/kxcore/status; }; f");
@@ -336,28 +341,19 @@ TEST_F(captured, does_not_ask_the_core_to_leave_out_what_the_trigger_may_want) {
   EXPECT_EQ(m_hello.text(), "1 \"\" \"\"");
 }
 
-struct usage {
-  const char* arguments;
-  const char* error;
-};
-
-class wrong_captures : public monitor_test, public testing::WithParamInterface<usage> {};
-
-TEST_P(wrong_captures, are_refused) {
-  EXPECT_EQ(with({told{}}, GetParam().arguments).error, GetParam().error);
+TEST_F(monitor_test, refuses_captures_that_make_no_sense) {
+  const struct {
+    const char *arguments, *error;
+  } rows[] = {
+      {"capture --ring 8M",
+       "kxctl: --ring and --on belong together: what is kept, and what makes it be written\n"},
+      {"capture -w - --ring 8M --on type=ERR", "kxctl: --ring and --rotate want a file: name it with -w\n"},
+      {"capture -w - --rotate 10M:5", "kxctl: --ring and --rotate want a file: name it with -w\n"},
+      {"capture -w /nowhere/x", "kxctl: /nowhere/x: No such file or directory\n"},
+  };
+  for (const auto& row : rows)
+    EXPECT_EQ(with({told{}}, row.arguments).error, row.error);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    monitor_test, wrong_captures,
-    testing::Values(usage{"capture --ring 8M",
-                          "kxctl: --ring and --on belong together: what is kept, and what makes "
-                          "it be written\n"},
-                    usage{"capture -w - --ring 8M --on type=ERR",
-                          "kxctl: --ring and --rotate want a file: name it "
-                          "with -w\n"},
-                    usage{"capture -w - --rotate 10M:5",
-                          "kxctl: --ring and --rotate want a file: name it with -w\n"},
-                    usage{"capture -w /nowhere/x", "kxctl: /nowhere/x: No such file or directory\n"}));
 
 // A recording of one request, as `kxctl show` shows it.
 class recorded : public testing::Test {
@@ -370,7 +366,7 @@ class recorded : public testing::Test {
   }
   static void write(const std::string& bytes) { std::ofstream(recording, std::ios::binary) << bytes; }
   static ended show(const std::string& arguments = "") {
-    return run("--no-header show " + std::string(recording) + ' ' + arguments);
+    return after("--no-header show " + std::string(recording) + ' ' + arguments);
   }
 };
 
@@ -395,7 +391,7 @@ INSTANTIATE_TEST_SUITE_P(
                     way{"--json", "{\"cmd\":1,"}, way{"--stats --json cmd=2", ""}));
 
 TEST_F(recorded, is_shown_from_standard_input) {
-  EXPECT_EQ(run("show - --sequence <" + std::string(recording)).out.substr(0, 16), "sequenceDiagram\n");
+  EXPECT_EQ(after("show - --sequence <" + std::string(recording)).out.substr(0, 16), "sequenceDiagram\n");
 }
 
 TEST_F(recorded, is_shown_as_far_as_it_is_whole) {
@@ -423,17 +419,17 @@ TEST_F(recorded, is_not_shown_in_two_ways) { EXPECT_EQ(show("--stats --perfetto"
 
 TEST(without_a_core, a_monitor_says_what_to_do) {
   unlink(core_path);
-  EXPECT_EQ(run("monitor").error, "kxctl: no kxcore runs here: start one, or see `kxctl doctor`\n");
+  EXPECT_EQ(after("monitor").error, "kxctl: no kxcore runs here: start one, or see `kxctl doctor`\n");
 }
 
 TEST(without_a_core, a_monitor_ends_with_3) {
   unlink(core_path);
-  EXPECT_EQ(run("monitor").status, 3);
+  EXPECT_EQ(after("monitor").status, 3);
 }
 
 TEST(with_a_core_without_monitors, a_monitor_ends_with_4) {
   std::ofstream(core_path) << "";
-  EXPECT_EQ(run("monitor").status, 4);
+  EXPECT_EQ(after("monitor").status, 4);
   unlink(core_path);
 }
 
@@ -442,7 +438,7 @@ TEST(with_a_core_that_has_died, a_monitor_says_what_to_do) {
   const unique_fd left(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   const sockaddr_un address = socket_address(monitor_path);
   bind(left.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
-  EXPECT_EQ(run("monitor").error, "kxctl: no kxcore runs here: start one, or see `kxctl doctor`\n");
+  EXPECT_EQ(after("monitor").error, "kxctl: no kxcore runs here: start one, or see `kxctl doctor`\n");
   fs::remove_all(directory);
 }
 

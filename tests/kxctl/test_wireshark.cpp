@@ -6,7 +6,7 @@
 #include <map>
 #include <sstream>
 
-#include "child_process.h"
+#include "kxctl_run.h"
 #include "pcapng.h"
 #include "showing.h"
 
@@ -178,8 +178,7 @@ TEST_F(wireshark, has_the_fields_that_kxctl_shows) {
   columns expected;
   std::vector<std::string> fields;
   const std::string events = "event=sent,queued,delivered,refused,dropped,received,event,mark,components";
-  const auto objects =
-      lines_of(sibling_program("kxctl") + " --json show " + file + ' ' + events + " 2>/dev/null");
+  const auto objects = lines_of(kxctl_in_shell() + " --json show " + file + ' ' + events + " 2>/dev/null");
   for (const auto& each : members) {
     fields.push_back(each.first);
     for (const std::string& object : objects)
