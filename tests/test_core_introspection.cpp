@@ -201,6 +201,8 @@ TEST_F(told, nothing_where_a_question_makes_no_sense) {
               {"kxcore.directory", 3, {"get"}, "ERR \"the payload does not parse\""},
               {"kxcore.directory", 3, {"none", ""}, "ERR \"nobody offers 'none'\""},
               {"kxcore.directory", 4, {"none"}, "ERR \"nobody offers 'none'\""},
+              {"kxcore.directory", 1, {"", ""}, "ERR \"the payload does not parse\""},
+              {"kxcore.stats", 1, {"", ""}, "ERR \"the payload does not parse\""},
               {"kxcore.stats", 0, {""}, "ERR \"this service has no such command\""},
               {"kxcore.stats", 4, {""}, "ERR \"this service has no such command\""},
               {"kxcore.stats", 2, {}, "ERR \"the payload does not parse\""},
@@ -282,7 +284,7 @@ TEST_F(told, queues_losses_and_what_a_component_has_not_read) {
     serve_data(at("client"), make_message(static_cast<unsigned>(number("get")),
                                           static_cast<unsigned>(number("client.get")), MSG_SIG, 0, 1));
   EXPECT_LT(0u, server.data.total().lost);
-  const std::size_t most = server.data.total().highest_queue;
+  const std::size_t most = server.data.total().highest_queue + server.mgmt.total().highest_queue;
   seam::fail(seam::SEND, 0, 0);
   const std::string row = page("kxcore.stats", 1, {"other"});
   std::ostringstream expected;
@@ -294,7 +296,7 @@ TEST_F(told, queues_losses_and_what_a_component_has_not_read) {
   EXPECT_EQ(" 3", row.substr(row.size() - 2));
   EXPECT_LT(server.data.queued(), queued + most);
   play("SEND fails 0 0; serve");
-  EXPECT_EQ(most, server.data.total().highest_queue);
+  EXPECT_EQ(most, server.data.total().highest_queue + server.mgmt.total().highest_queue);
 }
 
 TEST_F(told, why_messages_were_not_accepted_of_each_component_and_of_strangers) {
@@ -328,7 +330,11 @@ TEST_F(told, events_of_the_bus_to_who_listens) {
                "7 \"[/tmp/kxcore/stranger]\" \"\" \"SUB-FUNCTION: the sender is not registered\""},
               {"late offers x; late uses get; late leaves",
                "3 \"late\" \"x\" \"\", 5 \"late\" \"get\" \"\", 2 \"late\" \"\" \"it unregistered\", "
-               "4 \"late\" \"x\" \"the component is gone\", 6 \"late\" \"get\" \"the component is gone\""}};
+               "4 \"late\" \"x\" \"the component is gone\", 6 \"late\" \"get\" \"the component is gone\""},
+              {"late registers; late hears tick; late hears tick; late leaves",
+               "1 \"late\" \"\" \"\", 5 \"late\" \"tick\" \"\", 5 \"late\" \"tick\" \"\", "
+               "2 \"late\" \"\" \"it unregistered\", 6 \"late\" \"tick\" \"the component is gone\", "
+               "6 \"late\" \"tick\" \"the component is gone\""}};
   play("asking registers; asking hears kxcore.events");
   at("asking").data.receive();
   for (const auto& row : rows) {
@@ -363,12 +369,12 @@ TEST_F(told, nothing_is_kept_of_events_that_nobody_hears) {
 
 TEST_F(told, events_that_wait_are_bounded) {
   report.events.listen(true);
-  for (int i = 0; i < 3000; ++i)
+  for (int i = 0; i < 9000; ++i)
     report.events.note(EVENT_REGISTERED, std::to_string(i));
   int kept = 0;
   for (; report.events.has_some(); ++kept)
     EXPECT_EQ(std::to_string(kept), report.events.take().component);
-  EXPECT_EQ(1024, kept);
+  EXPECT_EQ(4096, kept);
 }
 
 TEST_F(told, components_by_their_paths_below_the_bus_directory) {
@@ -526,7 +532,7 @@ TEST_F(told, what_does_not_fit_into_a_connection_is_counted_in_the_next_record) 
   subject->say(mark), serve_monitors();
   look();
   EXPECT_EQ(RECORD_MARK, subject->last.event);
-  EXPECT_EQ((sent + 2) / 3, seen - 1 + lost);
+  EXPECT_EQ(sent + (sent + 2) / 3, seen - 1 + lost) << "nobody hears the signals";
   EXPECT_LT(0u, lost);
   play("client REQ get client.get 5 > server = REQ 5");
   EXPECT_TRUE(subject->take());
@@ -581,6 +587,36 @@ TEST_F(told, eight_monitors_and_no_more_until_one_has_ended) {
   watch()->take();
   play("client REQ get client.get 5");
   EXPECT_EQ("SENT client>server get", all.front()->seen());
+}
+
+TEST_F(told, monitors_that_do_not_greet_give_way) {
+  std::vector<std::unique_ptr<watcher>> silent;
+  EXPECT_EQ("", report.monitors.open(monitor_directory, nobody));
+  for (std::size_t i = 0; i < traffic::max_monitors; ++i)
+    silent.push_back(std::make_unique<watcher>()), serve_monitors();
+  watch();
+  EXPECT_TRUE(report.monitors.is_watched());
+}
+
+TEST_F(told, monitors_that_say_too_much_are_let_go) {
+  const auto subject = watch();
+  subject->seen();
+  KXmessage mark;
+  mark << 1u;
+  unsigned int answered = 0;
+  for (unsigned int said = 0; said < 2 * traffic::max_packets && report.monitors.is_watched(); ++said) {
+    subject->say(mark), serve_monitors();
+    if (subject->take()) ++answered;
+  }
+  EXPECT_EQ(traffic::max_packets, 1 + answered) << "with the greeting";
+  EXPECT_FALSE(report.monitors.is_watched());
+}
+
+TEST_F(told, signals_that_nobody_hears) {
+  const auto subject = watch();
+  subject->seen();
+  play("server SIG tick tick 0");
+  EXPECT_EQ("DROPPED server tick (nobody subscribes to the signal)", subject->seen());
 }
 
 TEST_F(told, monitors_are_of_the_user_of_the_core_or_of_a_group) {

@@ -297,6 +297,23 @@ work where the system does not tell the ends of processes
   lines cannot watch a descriptor of other: No space left on device = 1
 )");
 
+TEST_F(registrations, that_end_before_the_core_reads_what_they_give_back_are_not_refused_it) {
+  raw_component& client = at("client");
+  const auto gives_back = [&] {
+    for (const KXmessage& notice : {client.make(CMD_UNSUB_FUNCTION, "", number("client.get"), MSG_SIG),
+                                    client.make(CMD_UNREG_COMPONENT, "", 0, MSG_SIG)})
+      serve_mgmt(client, notice);
+  };
+  peers.give_up(*peers.at_mgmt(client.mgmt.path()), "its socket is gone");
+  peers.forget_gone();
+  gives_back();
+  EXPECT_EQ(1, seam::times_logged("refused UNSUB-FUNCTION of [")) << "its socket is open";
+  seam::clear_lines();
+  unlink(client.mgmt.path().c_str());
+  gives_back();
+  EXPECT_EQ(0, seam::times_logged("refused"));
+}
+
 TEST_F(registrations, of_processes_that_end_in_one_look_end_unless_a_child_goes_on) {
   child_process first([] { pause(); }), second([] { pause(); }), third([] { pause(); });
   at("first").pid = first.pid(), at("second").pid = second.pid(), at("third").pid = third.pid();

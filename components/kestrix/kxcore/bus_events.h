@@ -41,7 +41,7 @@ class bus_events {
   bus_event take();  // the oldest of them
 
  private:
-  static constexpr std::size_t max_waiting = 1024;
+  static constexpr std::size_t max_waiting = 4096;  // more than two components note that hold all they may
 
   std::uint32_t m_generation = 0;
   bool m_is_heard = false;

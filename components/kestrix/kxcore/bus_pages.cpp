@@ -99,7 +99,7 @@ std::string bus_pages::component_counters(KXmessage& page, const std::string& af
     row << number(of.of_its_own.dropped);
     row << number(of.data.total().lost + of.mgmt.total().lost);
     row << small(of.data.queued() + of.mgmt.queued());
-    row << small(of.data.total().highest_queue);
+    row << small(of.data.total().highest_queue + of.mgmt.total().highest_queue);
     row << of.data.unread();
     row << of.grants;
     return text(of.label);

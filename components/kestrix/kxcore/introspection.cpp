@@ -53,7 +53,7 @@ std::string introspection::answer_directory(const KXmessage& request, KXmessage&
   payload values(request);
   std::string name;
   std::string after;
-  if (!values.take(name) || (cmd == USERS && !values.take(after))) return unparsable;
+  if (!values.take(name) || (cmd == USERS && !values.take(after)) || !values.is_at_end()) return unparsable;
   if (cmd == COMPONENTS) return m_pages.components(reply, name), std::string();
   if (cmd == SERVICES) return m_pages.services(reply, name), std::string();
   const std::shared_ptr<service> named = m_peers.services().find_offered(name);
@@ -70,7 +70,7 @@ std::string introspection::answer_stats(const KXmessage& request, KXmessage& rep
   payload values(request);
   std::string name;
   std::string after;
-  if (!values.take(name) || (cmd == REASONS && !values.take(after))) return unparsable;
+  if (!values.take(name) || (cmd == REASONS && !values.take(after)) || !values.is_at_end()) return unparsable;
   if (cmd == COMPONENT_COUNTERS) return m_pages.component_counters(reply, name), std::string();
   if (cmd == SERVICE_COUNTERS) return m_pages.service_counters(reply, name), std::string();
   peer* const named = name.empty() ? nullptr : m_peers.at_mgmt(bus_path + name);

@@ -61,6 +61,7 @@ void registrar::serve(const sender& from, const KXmessage& message) {
   if (header.msg_type != MSG_REQ && header.msg_type != MSG_SIG)
     return m_strangers.drop(received.from, from, "it is neither a request nor a notice", &message);
   m_strangers.show(RECORD_RECEIVED, received.from, from, &message);
+  if (is_of_the_past(received)) return;
 
   KXmessage reply = make_management(MSG_RSP, header.cmd, ntohl(header.msg_id));
   const std::string refusal = carry_out(received, reply);  // it may be the end of the sender
@@ -70,6 +71,15 @@ void registrar::serve(const sender& from, const KXmessage& message) {
     reply << refusal;
   }
   if (header.msg_type == MSG_REQ) respond(from, reply);
+}
+
+// Whether it is what a component gave back at its end, when a message to its closed sockets has told the core
+// of that end before.
+bool registrar::is_of_the_past(const request& received) const {
+  const bool gives_back = facts_of(received.cmd()).kind == WITHDRAWAL;
+  if (received.from != nullptr || !gives_back || !m_strangers.is_on_bus(received.origin.path)) return false;
+  const socket_file file(received.origin.path);
+  return !file.exists() || m_peers.is_closed(file);
 }
 
 void registrar::refuse(const request& received, const std::string& name, const std::string& reason) {

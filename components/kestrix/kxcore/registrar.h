@@ -41,6 +41,7 @@ class registrar {
   };
   static const command commands[];
 
+  bool is_of_the_past(const request& received) const;
   std::string carry_out(const request& received, KXmessage& reply);
   void refuse(const request& received, const std::string& name, const std::string& reason);
   void respond(const sender& to, const KXmessage& reply);

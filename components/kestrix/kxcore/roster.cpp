@@ -171,8 +171,10 @@ void roster::fail_all_to(std::uint32_t siid, const char* reason) {
 
 // --- the end of a component ---
 
-bool roster::is_unreachable(const peer& of) const {
-  const sockaddr_un address = of.mgmt_file.address();
+bool roster::is_unreachable(const peer& of) const { return is_closed(of.mgmt_file); }
+
+bool roster::is_closed(const socket_file& file) const {
+  const sockaddr_un address = file.address();
   return connect(m_probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
          errno == ECONNREFUSED;
 }
@@ -233,8 +235,10 @@ void roster::release(peer& gone) {
   fail_all(is_asked, reason);
   for (const std::uint32_t siid : gone.siids) {
     const endpoint& held = *m_services.find(siid);
-    m_report.events.note(held.role == endpoint::STUB ? EVENT_WITHDRAWN : EVENT_UNSUBSCRIBED, gone.label,
-                         held.of->name, reason);
+    const bool is_shared = held.role == endpoint::SUBSCRIBERS;
+    for (unsigned int left = is_shared ? held.of->users.at(&gone).count : 1; left > 0; --left)
+      m_report.events.note(held.role == endpoint::STUB ? EVENT_WITHDRAWN : EVENT_UNSUBSCRIBED, gone.label,
+                           held.of->name, reason);
   }
   m_services.forget(gone);
 }

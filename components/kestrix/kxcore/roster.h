@@ -73,6 +73,9 @@ class roster {
   // has none; one that goes on as a child of the one that registered has.
   bool is_unreachable(const peer& of) const;
 
+  // Whether nobody holds the socket of this file open.
+  bool is_closed(const socket_file& file) const;
+
   // Forgets who was given up; how many they were.
   unsigned int forget_gone();
 

@@ -93,7 +93,8 @@ void router::fan_out(peer& from, KXmessage& message, service& signal) {
     return fail(from, message, forward(from, message, *asked.component));
   }
   if (message.m_header->msg_type == MSG_REQ) from.open.add(way);
-  const char* reason = "nobody subscribes to the signal";
+  constexpr const char* nobody = "nobody subscribes to the signal";
+  const char* reason = nobody;
   bool is_taken = false;
   for (const auto& subscriber : signal.users) {
     peer& receiver = *subscriber.first;
@@ -105,6 +106,7 @@ void router::fan_out(peer& from, KXmessage& message, service& signal) {
   }
   message.m_header->msg_id = htonl(way.msg_id);
   if (is_taken) return count(signal, message);
+  if (reason == nobody) m_peers.show(RECORD_DROPPED, &from, {}, message, reason);
   fail(from, message, reason);
 }
 

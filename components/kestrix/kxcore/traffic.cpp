@@ -91,6 +91,7 @@ void traffic::admit() {
     if (socket.get() < 0) return;
     epoll_event entry = {};
     entry.events = EPOLLIN;
+    if (m_monitors.size() == max_monitors) forget_silent();
     if (m_monitors.size() == max_monitors ||
         epoll_ctl(m_epoll.get(), EPOLL_CTL_ADD, socket.get(), &entry) != 0)
       continue;
@@ -102,13 +103,26 @@ void traffic::admit() {
   }
 }
 
+void traffic::forget_silent() {
+  const auto silent = std::find_if(m_monitors.begin(), m_monitors.end(),
+                                   [](const monitor& each) { return !each.is_greeted; });
+  if (silent != m_monitors.end()) m_monitors.erase(silent);
+}
+
+bool traffic::says_too_much(monitor& by) {
+  const std::uint64_t interval = now_ns(CLOCK_MONOTONIC) / (packets_interval_ms * 1'000'000ULL);
+  if (interval != by.interval) by.packets = 0;
+  by.interval = interval;
+  return ++by.packets > max_packets;
+}
+
 // Takes what a monitor says; false when it has ended, or says what it should not.
 bool traffic::listen(monitor& to, const std::function<void(const show_t& show)>& state) {
   for (int turns = 0; turns < 16; ++turns) {
     KXmessage said;
     const ssize_t size = recv(to.socket.get(), said.data + said.offset, 1024, MSG_DONTWAIT);
     if (size < 0) return errno == EAGAIN || errno == EINTR;
-    if (size == 0) return false;
+    if (size == 0 || says_too_much(to)) return false;
     said.incr_size(static_cast<int>(size));
     if (to.is_greeted) {
       send(to, {RECORD_MARK}, nullptr, 0);

@@ -18,7 +18,11 @@
 
 class traffic {
  public:
-  static constexpr std::size_t max_monitors = 8;
+  static constexpr std::size_t max_monitors = 8;  // who has not greeted gives way to the next one
+
+  // A monitor that sends more packets in such an interval is let go: each costs the bus as much as a message.
+  static constexpr unsigned int max_packets = 64;
+  static constexpr unsigned int packets_interval_ms = 100;
 
   // Why there can be no monitors, or an empty text. The socket's file is the user's alone, and of `group` too
   // unless that is -1. `directory`, which is created, belongs to the core. To be called again when the files
@@ -58,10 +62,14 @@ class traffic {
     std::string services{};
     std::uint32_t sequence = 0;
     std::uint32_t lost = 0;
+    std::uint64_t interval = 0;  // the number of the present one
+    unsigned int packets = 0;    // that it has sent in it
   };
 
   void admit();
+  void forget_silent();
   bool listen(monitor& to, const std::function<void(const show_t& show)>& state);
+  static bool says_too_much(monitor& by);
   std::string greet(monitor& added, const KXmessage& hello);
   static bool wants(const monitor& of, const record& about);
   static void send(monitor& to, record about, const void* body, std::size_t size);

@@ -21,6 +21,9 @@ class payload {
     return text.find('\0') == std::string::npos;
   }
 
+  // Whether nothing is left.
+  bool is_at_end() const { return m_message.pos >= m_message.size; }
+
   bool take(unsigned int& value) {
     if (!next_is(TAG_UINT32, sizeof value)) return false;
     m_message >> value;
