@@ -38,7 +38,8 @@ class client {
         m_ignored(what.ignore, find_description()) {}
 
   void run(const std::vector<recorded_call>& calls) {
-    const std::size_t count = m_given.count == 0 ? calls.size() : std::min<std::size_t>(calls.size(), m_given.count);
+    const std::size_t count =
+        m_given.count == 0 ? calls.size() : std::min<std::size_t>(calls.size(), m_given.count);
     for (std::size_t i = 0; i < count; ++i) {
       pace(calls, i);
       if (m_what.step && !ask_for(calls[i])) break;
