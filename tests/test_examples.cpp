@@ -69,6 +69,7 @@ TEST(an_example_watch, prints_what_becomes_of_a_thermostat_that_comes_and_goes) 
   EXPECT_EQ("22 degrees\nit has gone\n22 degrees\nit has gone\n", printed([&] { watch(user); }));
 }
 
+// [silence]
 TEST(an_example_watch, prints_that_a_thermostat_does_not_answer) {
   kx::testing::bus bus;
   kx::testing::app user(bus, "watch");
@@ -78,5 +79,6 @@ TEST(an_example_watch, prints_that_a_thermostat_does_not_answer) {
   user.while_running([&] { thermostat(server); });
   EXPECT_EQ("it is not set: 'thermostat' does not answer\n", printed([&] { watch(user); }));
 }
+// [silence]
 
 }  // namespace
