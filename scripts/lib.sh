@@ -3,7 +3,8 @@
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
 
-build_packages=(g++ cmake ninja-build pkg-config libgtest-dev libcli11-dev nlohmann-json3-dev librapidxml-dev)
+build_packages=(g++ cmake ninja-build pkg-config libgtest-dev libcli11-dev nlohmann-json3-dev librapidxml-dev
+  python3-lxml python3-jinja2)
 
 die() {
   printf '%s: %s\n' "${0##*/}" "$*" >&2

@@ -12,7 +12,7 @@ namespace {
 
 // --- the same script on both ---
 
-enum commands { ADD = 1, FAIL, LATER, EMIT, OFFER, WITHDRAW, TAKE };
+enum served { ADD = 1, FAIL, LATER, EMIT, OFFER, WITHDRAW, TAKE };
 
 int serve(kx::port& app) {
   kx::service maths(app, "maths");

@@ -75,6 +75,10 @@ TEST(a_thermostat, that_is_written_with_the_classes_does_the_same) {
   EXPECT_EQ(expected, serves_over_kxcore(CLASSES_COMMAND));
 }
 
+TEST(a_thermostat, that_is_made_from_a_description_does_the_same) {
+  EXPECT_EQ(expected, serves_over_kxcore(DESCRIBED_COMMAND));
+}
+
 TEST(a_thermostat, tests_itself_again) {
   kx::testing::bus bus;
   kx::testing::app server(bus, "thermostat");

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "kx/client.h"
 #include "kx/service.h"
@@ -25,19 +26,19 @@ inline std::string told(const kx::result<int>& outcome) {
 }
 
 // A service and who uses it, on the bus of the test.
-class kx_bus : public testing::Test {
- protected:
-  enum commands { ADD = 1, LATER, SILENT, LONG, TELL };
+enum commands { ADD = 1, LATER, SILENT, LONG, TELL };
 
+struct kx_bus : testing::Test {
   void SetUp() override {
     service.on<int>(ADD, [](kx::request& asked, int number) { asked.reply(number + 1); });
     service.on<>(LATER, [this](kx::request& asked) { kept.push_back(std::move(asked)); });
     service.on<>(SILENT, [](kx::request&) {});
     service.on<>(LONG, [this](kx::request& asked) {
-      happened += told(asked.reply(std::string(3000, 'x'))) + (asked.is_open() ? ", open" : "");
+      note(asked.reply(std::string(3000, 'x')));
+      note(asked.is_open() ? "open" : "closed");
     });
     service.on<int>(TELL, [this](kx::request& asked, int number) {
-      happened += std::to_string(number) + (asked.is_open() ? " open " : " ");
+      note(std::to_string(number) + (asked.is_open() ? " open" : ""));
     });
   }
 
@@ -46,9 +47,19 @@ class kx_bus : public testing::Test {
     EXPECT_EQ("=", told(user.start()));
   }
 
-  // What a handler of an asynchronous call notes.
-  auto noting() {
-    return [this](const kx::result<int>& outcome) { happened += told(outcome) + " "; };
+  // What happens, in a row.
+  // @{
+  void note(const std::string& what) { happened += what + "; "; }
+  template <class... T>
+  void note(const kx::result<T...>& outcome) {
+    note(told(outcome));
+  }
+  // @}
+
+  // Notes the answer when it comes.
+  void ask(int command) {
+    client.async<int>(command).then([this](const kx::result<int>& outcome) { note(outcome); });
+    bus.settle();
   }
 
   kx::testing::bus bus;
@@ -59,5 +70,36 @@ class kx_bus : public testing::Test {
   std::vector<kx::request> kept;
   std::string happened;
 };
+
+// A test of its own: when both applications run, what is played, and what has been noted of it in the end.
+struct scene {
+  const char* name;
+  std::string expected;
+  void (*play)(kx_bus& at);
+};
+
+class played_scene : public kx_bus {
+ public:
+  explicit played_scene(const scene& shown) : m_scene(shown) {}
+
+ private:
+  void TestBody() override {
+    start();
+    m_scene.play(*this);
+    bus.settle();
+    EXPECT_EQ(m_scene.expected, happened);
+  }
+
+  const scene& m_scene;
+};
+
+// The rows of a table are to live as long as the tests.
+template <std::size_t count>
+bool add_scenes(const char* suite, const char* file, const scene (&scenes)[count]) {
+  for (const scene& each : scenes)
+    testing::RegisterTest(suite, each.name, nullptr, nullptr, file, 0,
+                          [&each]() -> kx_bus* { return new played_scene(each); });
+  return true;
+}
 
 #endif
