@@ -107,7 +107,7 @@ bool comes_true(const std::function<bool()>& is_so) {
 std::string files() {
   std::set<std::string> names;
   for (const auto& each : std::filesystem::directory_iterator("/tmp/kxcore"))
-    if (each.path().filename().string().front() != '.') names.insert(each.path().filename());
+    if (each.is_socket()) names.insert(each.path().filename());
   std::string text;
   for (const std::string& each : names)
     text += (text.empty() ? "" : " ") + each;

@@ -48,7 +48,7 @@ std::string kxctl_in_shell();
 // Waits until it is so; false when that takes too long.
 bool comes_true(const std::function<bool()>& is_so);
 
-// The names of the files in the bus directory.
+// The names of the sockets in the bus directory.
 std::string files();
 
 // A component made of raw sockets, registered with the core, that offers and uses services as a test has it.

@@ -226,10 +226,10 @@ TEST_F(spans_of_an_exchange, begin_when_a_request_that_has_waited_is_delivered) 
   EXPECT_EQ(m_last.in_server_ns(), 20 * us);
 }
 
-TEST_F(spans_of_an_exchange, are_all_in_the_core_when_that_answers) {
+TEST_F(spans_of_an_exchange, are_of_the_server_when_the_core_answers_in_its_place) {
   told answer = answer_to(request(0), 110);
   answer.from = "kxcore";
-  EXPECT_EQ(done(request(0), answer).in_core_ns(), 115 * us);
+  EXPECT_EQ(done(request(0), answer).in_server_ns(), 100 * us);
 }
 
 TEST_F(spans_of_an_exchange, do_not_end_with_an_answer_that_is_refused) {

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "bus_events.h"
 #include "told.h"
 #include "wording.h"
 
@@ -20,6 +21,15 @@ told offer(const std::string& service, const std::string& comment) {
   made.payload = text_payload("sysmon") + text_payload(service) + text_payload(comment) +
                  text_payload("none") + std::string("\x06\0\0\0\0", 5);
   return made;
+}
+
+// What the core tells of a service.
+told event_of(const std::string& service, unsigned char what) {
+  told event = make_told(RECORD_EVENT);
+  event.type = MSG_SIG;
+  event.cmd = what;
+  event.service = service;
+  return event;
 }
 
 class described : public testing::Test {
@@ -72,18 +82,20 @@ TEST_F(described, management_messages_are_not_asked_for) {
   EXPECT_EQ(m_fetched, 0);
 }
 
-TEST(names, are_learned_from_an_offer) {
+TEST(names, are_learned_from_an_offer_that_is_granted) {
   names known;
   known.learn(*parsed(offer("sysmon.metric", thermometer)));
+  EXPECT_EQ(command_text(*parsed(told{}), known), "1");
+  known.learn(*parsed(event_of("sysmon.metric", EVENT_OFFERED)));
   EXPECT_EQ(command_text(*parsed(told{}), known), "read");
 }
 
-TEST(names, are_not_learned_from_an_offer_that_is_refused) {
-  names known;
-  told refused = offer("sysmon.metric", thermometer);
-  refused.event = RECORD_REFUSED;
-  known.learn(*parsed(refused));
-  EXPECT_EQ(command_text(*parsed(told{}), known), "1");
+TEST_F(described, services_are_asked_again_when_they_were_offered_again) {
+  command_text(*parsed(m_request), m_known);
+  for (const unsigned char what : {EVENT_WITHDRAWN, EVENT_OFFERED})
+    m_known.learn(*parsed(event_of("sysmon.metric", what)));
+  command_text(*parsed(m_request), m_known);
+  EXPECT_EQ(m_fetched, 2);
 }
 
 TEST(names, are_not_learned_from_another_command) {
@@ -91,12 +103,14 @@ TEST(names, are_not_learned_from_another_command) {
   told other = offer("sysmon.metric", thermometer);
   other.cmd = CMD_SUB_FUNCTION;
   known.learn(*parsed(other));
+  known.learn(*parsed(event_of("sysmon.metric", EVENT_OFFERED)));
   EXPECT_EQ(command_text(*parsed(told{}), known), "1");
 }
 
 TEST(names, are_not_learned_for_the_services_of_the_core) {
   names known;
   known.learn(*parsed(offer("kxcore.directory", thermometer)));
+  known.learn(*parsed(event_of("kxcore.directory", EVENT_OFFERED)));
   told request;
   request.service = "kxcore.directory";
   EXPECT_EQ(command_text(*parsed(request), known), "components");

@@ -251,7 +251,7 @@ TEST(an_audience, says_at_the_end_what_was_no_record) {
   const auto shown = make_json_view(to, known);
   audience heard(all, known, *shown, 0);
   heard.take("\x02");
-  EXPECT_THROW(heard.finish(), failure);
+  EXPECT_THROW(heard.complain(), failure);
 }
 
 }  // namespace

@@ -27,7 +27,7 @@ std::string told::bytes() const {
   header.sequence = sequence;
   header.lost = lost;
   header.time_ns = time_ns;
-  header.monotonic_ns = time_ns / 2;
+  header.monotonic_ns = monotonic_ns != 0 ? monotonic_ns : time_ns / 2;
   header.sent_ns = sent_ns;
   header.pid = 4711;
   header.flags = is_management ? record_is_management : 0;

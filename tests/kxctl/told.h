@@ -19,6 +19,7 @@ struct told {
   std::uint32_t src = 3;
   std::uint32_t id = 0x1001;
   std::uint64_t time_ns = 1'000'000'000;
+  std::uint64_t monotonic_ns = 0;  // 0: half of the time
   std::uint64_t sent_ns = 0;
   std::uint32_t sequence = 0;
   std::uint32_t lost = 0;

@@ -1,4 +1,7 @@
 // kxctl: the bus from a shell.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -9,8 +12,16 @@
 namespace {
 
 int complain(status_e status, const char* why) {
-  if (*why != '\0') std::fprintf(stderr, "kxctl: %s\n", why);
+  if (*why != '\0') std::fprintf(stderr, "kxctl: %s\n", printable(why).c_str());
   return status;
+}
+
+// What is opened later must not be taken for a standard stream that was closed.
+void occupy_standard_streams() {
+  int taken = 0;
+  while (taken >= 0 && taken <= STDERR_FILENO)
+    taken = open("/dev/null", O_PATH | O_CLOEXEC);
+  close(taken);
 }
 
 std::string usage_problem(const CLI::App& app, const CLI::ParseError& error) {
@@ -43,6 +54,7 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  occupy_standard_streams();
   std::signal(SIGPIPE, SIG_IGN);
   try {
     return run(argc, argv);

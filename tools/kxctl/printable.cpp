@@ -21,8 +21,9 @@ std::size_t character_size(std::string_view text) {
   const bool is_control = first == 0xC2 && second < 0xA0;
   const bool is_overlong = (first == 0xE0 && second < 0xA0) || (first == 0xF0 && second < 0x90);
   const bool is_surrogate = first == 0xED && second >= 0xA0;
+  const bool is_none = text.substr(0, 2) == "\xEF\xBF" && static_cast<unsigned char>(text[2]) >= 0xBE;
   const bool is_beyond = first == 0xF4 && second >= 0x90;
-  return is_control || is_overlong || is_surrogate || is_beyond ? 0 : size;
+  return is_control || is_overlong || is_surrogate || is_none || is_beyond ? 0 : size;
 }
 
 }  // namespace

@@ -21,6 +21,22 @@ void add_common_options(CLI::App& app, options& given) {
       ->check(check_seconds);
 }
 
+void add_count(CLI::App& verb, options& given, const std::string& help) {
+  verb.add_option("-n", given.count, help)->check([](const std::string& text) {
+    const bool is_count =
+        !text.empty() && text.size() <= 9 && text.find_first_not_of("0123456789") == text.npos;
+    return is_count ? "" : "'" + text + "' is no count up to 999999999";
+  });
+}
+
+std::string check_number(const std::string& text, double least, double most) {
+  double number = 0;
+  const bool is_within = CLI::detail::lexical_cast(text, number) && number >= least && number <= most;
+  return is_within ? ""
+                   : "'" + text + "' is not between " + CLI::detail::to_string(least) + " and " +
+                         CLI::detail::to_string(most);
+}
+
 steady::time_point end_of_stream(const CLI::App& app, const options& given) {
   return app.get_option("--timeout")->count() > 0 ? given.deadline() : steady::time_point::max();
 }

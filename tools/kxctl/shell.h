@@ -42,6 +42,12 @@ struct options {
 // The options that every verb has.
 void add_common_options(CLI::App& app, options& given);
 
+// Adds the option -n of a stream.
+void add_count(CLI::App& verb, options& given, const std::string& help);
+
+// Whether a text is a number within bounds, as CLI11 asks: why not, or an empty text.
+std::string check_number(const std::string& text, double least, double most);
+
 // When a stream ends: never, unless the command line says so.
 steady::time_point end_of_stream(const CLI::App& app, const options& given);
 

@@ -16,7 +16,7 @@ bool audience::take(std::string_view record) {
   if (!m_wanted.matches(*parsed) || is_ignored(*parsed)) return true;
   m_view.show({*parsed, step, m_lost});
   m_lost = 0;
-  return ++m_shown != m_count;
+  return m_count == 0 || ++m_shown != m_count;
 }
 
 // Before it is registered, a component is known by the path of its socket, in brackets.
@@ -26,8 +26,9 @@ bool audience::is_ignored(const entry& what) const {
          what.head.sender == "[/tmp/kxcore/" + m_ignored + "]";
 }
 
-void audience::finish() {
-  m_view.finish();
+void audience::finish() { m_view.finish(); }
+
+void audience::complain() const {
   if (m_unreadable > 0)
     throw failure(REFUSED, std::to_string(m_unreadable) + " packets are no records of version " +
                                std::to_string(record_version));

@@ -26,6 +26,9 @@ class audience {
   // Nothing follows. Throws failure when something was no record.
   void finish();
 
+  // Throws failure when something was no record.
+  void complain() const;
+
   std::uint64_t lost() const { return m_all_lost; }
 
  private:

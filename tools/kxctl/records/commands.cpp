@@ -17,7 +17,7 @@ record_options common(const CLI::App& app, const options& given, std::vector<std
 CLI::App* add_verb(CLI::App& app, options& given, const char* name, const char* help,
                    const char* count_help) {
   CLI::App* const verb = app.add_subcommand(name, help);
-  verb->add_option("-n", given.count, count_help);
+  add_count(*verb, given, count_help);
   return verb;
 }
 

@@ -74,8 +74,9 @@ exchanges::step exchanges::follow_answer(const entry& what) {
 // before. One that answers out of order does not wait for the later ones.
 void exchanges::note_answer(exchange& of, const entry& what) {
   of.answered_ns = what.sent_ns();
-  if (of.handed_ns == 0 || what.head.sender != of.server) return;
+  if (of.handed_ns == 0) return;
   of.begun_ns = of.handed_ns;
+  if (what.head.sender != of.server) return;  // which has ended with it in its hands
   served& last = m_servers[of.server];
   if (last.handed_ns <= of.handed_ns)
     of.begun_ns = std::max(of.begun_ns, std::min(last.answered_ns, of.answered_ns));

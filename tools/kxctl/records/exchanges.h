@@ -23,7 +23,7 @@ struct exchange {
 
   std::uint64_t asked_ns = 0;     // the client has sent it
   std::uint64_t handed_ns = 0;    // the server has it
-  std::uint64_t begun_ns = 0;     // the server was through with what it had before; 0: the core has answered
+  std::uint64_t begun_ns = 0;     // the server was through with what it had before; 0: it never had it
   std::uint64_t answered_ns = 0;  // the answer was sent
   std::uint64_t done_ns = 0;      // the client has that
   bool is_error = false;

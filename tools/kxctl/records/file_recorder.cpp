@@ -1,11 +1,14 @@
 // Keeps everything in a file, or in the newest of several.
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <limits>
 
 #include "amount.h"
 #include "pcapng.h"
 #include "recorder.h"
 #include "recording_file.h"
+#include "shell.h"
 
 namespace {
 
@@ -47,7 +50,8 @@ class file_recorder : public recorder {
   void rotate() {
     flush();
     for (unsigned int i = m_rotation.files; i-- > 1;)
-      std::rename(name(i - 1).c_str(), name(i).c_str());
+      if (std::rename(name(i - 1).c_str(), name(i).c_str()) != 0 && errno != ENOENT)
+        throw failure(REFUSED, name(i) + ": " + strerror(errno));
     m_file = std::make_unique<recording_file>(m_path);
   }
   std::string name(unsigned int age) const { return age == 0 ? m_path : m_path + '.' + std::to_string(age); }

@@ -20,6 +20,7 @@ constexpr char core_path[] = "/tmp/kxcore/kxcore";
 constexpr std::size_t batch = 32;
 constexpr std::size_t record_room = 8192;  // more than any has
 constexpr auto drain_time = std::chrono::seconds(1);
+constexpr int rest_ms = 1;  // so that the core need not wake a monitor for each record
 constexpr auto mark_pause = std::chrono::milliseconds(50);  // then the core is asked again
 
 [[noreturn]] void fail_to_connect(int error) {
@@ -33,7 +34,7 @@ constexpr auto mark_pause = std::chrono::milliseconds(50);  // then the core is 
                   "this core shows no traffic: " + std::string(monitor_path) + " is missing");
   if (error == ENOENT || error == ECONNREFUSED)
     throw failure(NO_CORE, "no kxcore runs here: start one, or see `kxctl doctor`");
-  if (error == EAGAIN) throw failure(TIMED_OUT, "kxcore does not answer");
+  if (error == EAGAIN) throw failure(NO_CORE, "kxcore does not answer");
   throw failure(NO_CORE, std::string(monitor_path) + ": " + strerror(error));
 }
 
@@ -52,7 +53,8 @@ monitor_client::monitor_client(const std::string& components, const std::string&
   greet(components, services);
   pollfd answer[] = {{m_socket.get(), POLLIN, 0}, {m_stop.fd(), POLLIN, 0}};
   while (poll(answer, 2, pause_until(answer_by)) <= 0)
-    if (steady::now() >= answer_by) throw failure(TIMED_OUT, "kxcore does not answer");
+    if (steady::now() >= answer_by) throw failure(NO_CORE, "kxcore does not answer");
+  if (answer[1].revents != 0) throw failure(INTERRUPTED, "");
 }
 
 void monitor_client::connect_by(steady::time_point answer_by) {
@@ -85,8 +87,11 @@ monitor_client::end_e monitor_client::watch(const take_t& take, const std::funct
     if (steady::now() >= until) return TIME_OVER;
     const received_e got = receive(take);
     caught_up();
-    if (got == CORE_ENDED) fail_at_end();
+    if (got == CORE_ENDED && m_is_first)
+      throw failure(REFUSED, "kxcore lets no monitor in: it has as many as it takes, or ends");
+    if (got == CORE_ENDED) return ENDED;
     if (got == UNWANTED) return ENOUGH;
+    if (got == NOTHING_MORE) poll(&ready[1], 1, rest_ms);
   }
 }
 
@@ -120,13 +125,13 @@ monitor_client::received_e monitor_client::receive(const take_t& take) {
     messages[i].msg_hdr.msg_iovlen = 1;
   }
   const int count = recvmmsg(m_socket.get(), messages, batch, MSG_DONTWAIT, nullptr);
-  if (count < 0 && (errno == EAGAIN || errno == EINTR)) return NOTHING_YET;
+  if (count < 0 && (errno == EAGAIN || errno == EINTR)) return NOTHING_MORE;
   if (count <= 0) return CORE_ENDED;
   for (int i = 0; i < count; ++i) {
     if (messages[i].msg_len == 0) return CORE_ENDED;  // no record is empty
     if (!hand_on({static_cast<const char*>(parts[i].iov_base), messages[i].msg_len}, take)) return UNWANTED;
   }
-  return RECEIVED;
+  return count == static_cast<int>(batch) ? RECEIVED : NOTHING_MORE;
 }
 
 // The state of the bus comes first, unless the core refuses.
@@ -136,9 +141,4 @@ bool monitor_client::hand_on(std::string_view record, const take_t& take) {
   if (first && first->head.event == RECORD_REFUSED)
     throw failure(REFUSED, "kxcore refuses a monitor: " + std::string(first->head.reason));
   return take(record);
-}
-
-void monitor_client::fail_at_end() const {
-  if (m_is_first) throw failure(REFUSED, "kxcore lets no monitor in: it has as many as it takes, or ends");
-  throw failure(NO_CORE, "kxcore has ended");
 }

@@ -25,21 +25,20 @@ class monitor_client {
   using take_t = std::function<bool(std::string_view record)>;
 
   // Hands records on until no more are wanted, the end of time, or a signal to stop; `caught_up` is called
-  // whenever all have been handed on that were there. Throws failure when the core ends.
-  enum end_e { ENOUGH, TIME_OVER, STOPPED };
+  // whenever all have been handed on that were there; or the end of the core.
+  enum end_e { ENOUGH, TIME_OVER, STOPPED, ENDED };
   end_e watch(const take_t& take, const std::function<void()>& caught_up, steady::time_point until);
 
   // Hands on what is still on its way, so that every loss is told. Waits a moment, no longer.
   void drain(const take_t& take);
 
  private:
-  enum received_e { NOTHING_YET, RECEIVED, UNWANTED, CORE_ENDED };
+  enum received_e { NOTHING_MORE, RECEIVED, UNWANTED, CORE_ENDED };
 
   void connect_by(steady::time_point answer_by);
   void greet(const std::string& components, const std::string& services);
   received_e receive(const take_t& take);
   bool hand_on(std::string_view record, const take_t& take);
-  [[noreturn]] void fail_at_end() const;
 
   const interruption m_stop;
   unique_fd m_socket;

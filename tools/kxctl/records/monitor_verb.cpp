@@ -21,5 +21,6 @@ void monitor(const record_options& how, const names::fetch_t& fetch) {
   heard.finish();
   out.flush();
   tell_losses(heard.lost());
+  heard.complain();
   end_as(end);
 }

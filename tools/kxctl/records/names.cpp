@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "bus_events.h"
+
 namespace {
 
 constexpr std::size_t max_known = 65536;  // services; the names of more come from a broken recording
@@ -52,14 +54,27 @@ names::names(fetch_t fetch) : m_fetch(std::move(fetch)) {
 }
 
 void names::learn(const entry& from) {
+  if (from.head.event == RECORD_EVENT) return learn_event(from);
   const bool is_offer = from.is_management() && from.has_message && from.type == MSG_REQ &&
                         !from.is_failure() && (from.cmd == CMD_REG_FUNCTION || from.cmd == CMD_REG_SIGNAL);
   if (!is_offer) return;
   const decoded_payload offer = decoded(from);  // of: component, service, comment, class, kind
-  if (offer.signature() != "ssssu" || m_known.size() >= max_known) return;
+  if (offer.signature() != "ssssu" || m_known.size() + m_offered.size() >= max_known) return;
   const auto& service = std::get<std::string>(offer.values[1].content);
   if (service.rfind("kxcore.", 0) == 0) return;  // is refused
-  m_known[service] = description::parse(std::get<std::string>(offer.values[2].content));
+  m_offered[service] = std::get<std::string>(offer.values[2].content);
+}
+
+// Only what was granted counts. Of an offer that was not seen the description is to be fetched again.
+void names::learn_event(const entry& from) {
+  if (from.cmd != EVENT_OFFERED && from.cmd != EVENT_WITHDRAWN) return;
+  const std::string service(from.head.service);
+  const auto offer = m_offered.find(service);
+  if (from.cmd == EVENT_OFFERED && offer != m_offered.end())
+    m_known[service] = description::parse(offer->second);
+  else if (m_fetch)
+    m_known.erase(service);
+  m_offered.erase(service);
 }
 
 const description::command* names::find(const entry& what) {

@@ -27,10 +27,12 @@ class names {
   std::vector<description::field> fields_of(const entry& what, const decoded_payload& payload);
 
  private:
+  void learn_event(const entry& from);
   const description::command* find(const entry& what);
 
   fetch_t m_fetch;
   std::map<std::string, std::optional<description>> m_known;
+  std::map<std::string, std::string> m_offered;  // descriptions of what is not granted yet
 };
 
 #endif

@@ -28,5 +28,6 @@ void tell_losses(std::uint64_t lost) {
 
 void end_as(monitor_client::end_e end) {
   if (end == monitor_client::TIME_OVER) throw failure(TIMED_OUT, "");
+  if (end == monitor_client::ENDED) throw failure(NO_CORE, "kxcore has ended");
   if (end == monitor_client::STOPPED) throw failure(INTERRUPTED, "");
 }

@@ -2,6 +2,7 @@
 
 #include "pcapng.h"
 #include "pcapng_format.h"
+#include "printable.h"
 
 namespace {
 
@@ -85,7 +86,7 @@ void append_packet(std::string& to, const entry& what) {
   std::string flags;
   append(flags, direction(what));
   append_option(body, pcapng::packet_flags, flags);
-  if (!what.head.reason.empty()) append_option(body, pcapng::comment, what.head.reason);
+  if (!what.head.reason.empty()) append_option(body, pcapng::comment, printable(what.head.reason));
   end_options(body);
   append_block(to, pcapng::packet_block, body);
 }

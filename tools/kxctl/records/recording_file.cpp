@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "patient_write.h"
 #include "pcapng.h"
 #include "shell.h"
 
@@ -22,7 +23,7 @@ recording_file::recording_file(const std::string& path)
 void recording_file::write(const std::string& blocks) {
   std::size_t done = 0;
   while (done < blocks.size()) {
-    const ssize_t written = ::write(m_fd, blocks.data() + done, blocks.size() - done);
+    const ssize_t written = write_some(m_fd, std::string_view(blocks).substr(done));
     if (written < 0 && errno == EINTR) continue;
     if (written < 0) {
       const int error = errno;

@@ -29,7 +29,7 @@ class ring_recorder : public recorder {
     if (is_wanted || is_trigger) {
       std::string packet;
       append_packet(packet, what);
-      m_ring.add(what.head.time_ns, std::move(packet));
+      m_ring.add(what.head.monotonic_ns, std::move(packet));  // the other clock may be set
     }
     if (is_trigger) write(name_at(m_path, what.head.time_ns));
     return is_wanted || is_trigger;

@@ -48,4 +48,5 @@ void show(const record_options& how, const show_options& what) {
   heard.finish();
   out.flush();
   tell_losses(heard.lost());
+  heard.complain();
 }

@@ -52,7 +52,7 @@ void add_replay_verb(CLI::App& app, options& given) {
   verb->add_option("--ignore", what->ignore,
                    "Fields of answers that are not compared: names, or numbers from 1 on")
       ->delimiter(',');
-  verb->add_option("-n", given.count, "End after so many");
+  add_count(*verb, given, "End after so many");
   verb->callback([&app, &given, what, rate] {
     what->rate = rate_of(*rate);
     replay(app, given, *what);

@@ -28,11 +28,11 @@ void add_top(CLI::App& app, options& given) {
   const auto how = std::make_shared<top_options>();
   verb->add_option("-d", how->interval_s, "Seconds from one look to the next")
       ->capture_default_str()
-      ->check(CLI::Range(0.01, 3600.0));
+      ->check([](const std::string& text) { return check_number(text, 0.01, 3600); });
   verb->add_option("-s", how->key, "What to sort by")
       ->capture_default_str()
       ->check(CLI::IsMember(top_keys()));
-  verb->add_option("-n", given.count, "End after so many looks");
+  add_count(*verb, given, "End after so many looks");
   verb->callback([&app, &given, how] { top(given, *how, end_of_stream(app, given)); });
 }
 

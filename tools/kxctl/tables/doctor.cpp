@@ -63,7 +63,8 @@ void check_bus(bus_client& client, const options& given, findings& found) {
     session bus(client, given);
     check_components(bus, found);
   } catch (const failure& error) {
-    if (error.status != NO_INTROSPECTION) throw;
+    if (error.status == INTERRUPTED) throw;
+    if (error.status != NO_INTROSPECTION) return found.push_back({finding::FAIL, error.what(), ""});
     found.push_back({finding::WARN, error.what(), "the components cannot be looked at: see kxcore(8)"});
   }
 }

@@ -84,8 +84,10 @@ void check_directory(const std::string& path, findings& found) {
 void check_stale_sockets(const std::string& path, findings& found) {
   std::set<std::string> stale;
   std::error_code error;
-  for (const auto& each : std::filesystem::recursive_directory_iterator(path, error))
-    if (each.is_socket(error) && probe_socket(each.path()) == ECONNREFUSED) stale.insert(each.path());
+  namespace fs = std::filesystem;
+  for (fs::recursive_directory_iterator each(path, fs::directory_options::skip_permission_denied, error), end;
+       !error && each != end; each.increment(error))
+    if (each->is_socket(error) && probe_socket(each->path()) == ECONNREFUSED) stale.insert(each->path());
   if (stale.empty()) return found.push_back({finding::OK, "no socket file is without a process", ""});
   found.push_back({finding::WARN, "socket files without a process: " + listed(stale),
                    "their programs were killed: remove the files, or start them again"});
@@ -102,7 +104,8 @@ void check_queue_length(const std::string& setting, findings& found) {
        "sysctl -w net.unix.max_dgram_qlen=16384, before the components start (porting.md)"});
 }
 
-// Two sockets have had the same path: who bound it later has taken it away from a process that lives.
+// Two sockets have had the same path: who bound it later has taken it away from a process that lives, unless
+// that one sees another directory there.
 void check_names(const std::string& sockets, findings& found) {
   std::ifstream table(sockets);
   std::map<std::string, int> bound;
@@ -115,8 +118,10 @@ void check_names(const std::string& sockets, findings& found) {
   for (const auto& [path, count] : bound)
     if (count > 1) twice.insert(path);
   if (twice.empty()) return found.push_back({finding::OK, "no two programs have one name", ""});
-  found.push_back({finding::FAIL, "two programs have one name: " + listed(twice),
-                   "the earlier one gets nothing any more: end it, and give each a name of its own"});
+  found.push_back(
+      {finding::WARN, "two programs have one name: " + listed(twice),
+       "unless a container has a bus of its own there, the earlier one gets nothing any more: end it, "
+       "and give each a name of its own"});
 }
 
 void check_descriptors(const std::string& process, findings& found) {

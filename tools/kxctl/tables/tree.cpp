@@ -41,19 +41,33 @@ std::string head_of(const json& component) {
          (state.empty() ? "" : ", " + state);
 }
 
+[[noreturn]] void fail_without(const std::string& component) {
+  throw failure(REFUSED, "no component '" + printable(component) + "' is registered");
+}
+
+// Of one component, or of all without a name.
+std::string json_text(const session::relations& bus, const std::string& component) {
+  json shown = {{"components", json::array()}, {"services", json::array()}};
+  for (const auto& [part, rows] : {std::pair("components", &bus.components), {"services", &bus.services}})
+    for (const json& each : *rows)
+      if (component.empty() || each["component"] == component) shown[part].push_back(each);
+  if (!component.empty() && component != "kxcore" && shown["components"].empty()) fail_without(component);
+  return dump(shown);
+}
+
 }  // namespace
 
 void tree(const options& given, const std::string& component) {
   bus_client client(given.deadline());
   session connection(client, given);
   const session::relations bus = connection.all();
-  if (given.json) return write_out(dump({{"components", bus.components}, {"services", bus.services}}) + "\n");
+  if (given.json) return write_out(json_text(bus, component) + "\n");
   std::string text;
   if (component.empty() || component == "kxcore") text = branch_text("kxcore", branches_of("kxcore", bus));
   for (const json& each : bus.components)
     if (component.empty() || each["component"] == component)
       text += branch_text(head_of(each), branches_of(each["component"], bus));
-  if (text.empty()) throw failure(REFUSED, "no component '" + printable(component) + "' is registered");
+  if (text.empty()) fail_without(component);
   const columns::row orphans = branches_of("", bus);
   if (component.empty() && !orphans.empty()) text += branch_text("(offered by nobody)", orphans);
   write_out(text);

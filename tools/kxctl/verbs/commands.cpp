@@ -42,7 +42,7 @@ void add_listen(CLI::App& app, options& given) {
   CLI::App* const verb = app.add_subcommand("listen", "Show signals as they come");
   const auto services = std::make_shared<words>();
   verb->add_option("SERVICE", *services, "The signals")->required();
-  verb->add_option("-n", given.count, "End after so many");
+  add_count(*verb, given, "End after so many");
   verb->callback([&app, &given, services] { listen(given, *services, end_of_stream(app, given)); });
 }
 
@@ -59,7 +59,7 @@ void add_serve(CLI::App& app, options& given) {
   verb->add_option("--jobs", what->jobs, "How many commands run side by side")
       ->capture_default_str()
       ->check(CLI::Range(1, 64));
-  verb->add_option("-n", given.count, "End after so many requests");
+  add_count(*verb, given, "End after so many requests");
   verb->callback([&app, &given, what] { serve(given, *what, end_of_stream(app, given)); });
 }
 

@@ -12,6 +12,7 @@ using time_point = bus_client::time_point;
 
 constexpr auto first_pause = std::chrono::milliseconds(50);
 constexpr auto longest_pause = std::chrono::seconds(1);
+constexpr auto last_look = std::chrono::milliseconds(500);
 
 bool is_listed(const wait_options& what, core_services& core) {
   const core_services::rows rows = what.is_component ? core.components() : core.services();
@@ -54,9 +55,9 @@ bool is_there(bus_client& client, const wait_options& what, time_point until) {
 // With a core that tells nothing.
 bool wait_by_trying(bus_client& client, const wait_options& what, time_point until) {
   steady::duration pause = first_pause;
-  while (is_there(client, what, until) == what.gone) {
-    if (steady::now() + pause >= until) return false;
-    client.rest(steady::now() + pause);
+  while (is_there(client, what, std::max(until, steady::now() + last_look)) == what.gone) {
+    if (steady::now() >= until) return false;
+    client.rest(std::min(steady::now() + pause, until));
     pause = std::min<steady::duration>(2 * pause, longest_pause);
   }
   return true;
