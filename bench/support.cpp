@@ -63,6 +63,14 @@ void progress::at(long done) {
   m_next = now_seconds() + 1;
 }
 
+bool take_suffix(options& given, const std::string& suffix) {
+  std::string& mode = given.mode;
+  if (mode.size() < suffix.size() || mode.compare(mode.size() - suffix.size(), suffix.size(), suffix) != 0)
+    return false;
+  mode.resize(mode.size() - suffix.size());
+  return true;
+}
+
 bool is_oneway(const options& given, const char* usage) {
   if (given.mode != "rtt" && given.mode != "oneway") fail("%s", usage);
   return given.mode == "oneway";

@@ -36,14 +36,17 @@ class progress {
 };
 
 // How much is under way at a time, and how many messages an answer stands for. A receiver of the bus holds 11
-// unread datagrams; a stream stays below that, so that none is lost.
+// unread datagrams and kxcore more for it: of so many none is lost.
 struct load {
   int window;
   int answered_at_once;
 };
 
 constexpr load round_trips = {1, 1};
-constexpr load stream = {8, 4};
+constexpr load stream = {64, 8};
+
+// Whether the mode ends so; then it does no more.
+bool take_suffix(options& given, const std::string& suffix);
 
 // Whether the mode is "oneway", which loads with a stream, or "rtt"; ends the program when it is neither.
 bool is_oneway(const options& given, const char* usage);

@@ -1,4 +1,5 @@
-// The loads of kxbench over D-Bus: two processes with sd-bus, and a dbus-daemon of their own between them.
+// The loads of kxbench over D-Bus: two processes with sd-bus, and a dbus-daemon or dbus-broker of their own
+// between them.
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
@@ -8,15 +9,18 @@
 #include <string>
 
 #include "child_process.h"
+#include "dbus_broker.h"
 #include "private_bus.h"
 #include "support.h"
 
 namespace {
 
 constexpr char usage[] =
-    "usage: sdbusbench rtt|oneway N [--size BYTES] [--pin CPU]\n"
+    "usage: sdbusbench rtt[-broker]|oneway[-broker] N [--size BYTES] [--pin CPU]\n"
     "\n"
-    "  The loads of kxbench over D-Bus: method calls, and calls without a reply.\n"
+    "  The loads of kxbench over D-Bus: method calls, and calls without a reply; through dbus-daemon, or "
+    "with\n"
+    "  -broker through dbus-broker.\n"
     "  --size BYTES  size of the datagram whose number and text are sent, at least 27\n";
 
 constexpr char socket_path[] = "/tmp/kxcore/dbus";
@@ -38,7 +42,7 @@ void write_configuration() {
          " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">"
          "<busconfig><type>session</type><auth>EXTERNAL</auth><listen>unix:path="
       << socket_path
-      << "</listen><policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
+      << "</listen><policy context=\"default\"><allow send_destination=\"*\"/>"
          "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>";
 }
 
@@ -162,13 +166,18 @@ void measure_notes(sd_bus* bus, const bench::options& options, const char* text)
 }  // namespace
 
 int main(int argc, char** argv) {
-  const bench::options options = bench::parse(argc, argv, usage, smallest_size);
+  bench::options options = bench::parse(argc, argv, usage, smallest_size);
+  const bool is_broker = bench::take_suffix(options, "-broker");
   const bool oneway = bench::is_oneway(options, usage);
   const std::string text(static_cast<std::size_t>(options.size - size_without_text), 'x');
   enter_private_bus();
 
   write_configuration();
-  child_process daemon({"dbus-daemon", "--nofork", std::string("--config-file=") + configuration_path});
+  child_process daemon([is_broker] {
+    if (is_broker) become_dbus_broker(socket_path, configuration_path);
+    execlp("dbus-daemon", "dbus-daemon", "--nofork", "--config-file", configuration_path, nullptr);
+    bench::fail("cannot start dbus-daemon");
+  });
   child_process server(serve);
   sd_bus* bus = connect();
   wait_for_server(bus);
