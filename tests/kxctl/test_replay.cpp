@@ -52,14 +52,28 @@ std::string text_of(const std::vector<recorded_call>& calls) {
   return text.str();
 }
 
-told offered_with_siid(std::uint32_t siid) {
+told state_with_owner(const std::string& component) {
   told rows = make_told(RECORD_SERVICES);
   KXmessage page;
-  page << 1u, page << false, page << "sysmon.metric", page << 0u, page << siid, page << 0u, page << "sysmon",
+  page << 1u, page << false, page << "sysmon.metric", page << 0u, page << 2u, page << 0u, page << component,
       page << 1u;
   rows.payload.assign(reinterpret_cast<const char*>(page.data + page.offset),
                       static_cast<std::size_t>(page.size));
   return rows;
+}
+
+told offered_by(const std::string& component, const std::string& service = "sysmon.metric") {
+  told event = make_told(RECORD_EVENT);
+  event.type = MSG_SIG, event.cmd = 3, event.service = service;
+  event.payload = text_payload(component) + text_payload(service) + text_payload("");
+  return event;
+}
+
+told signal_of(const std::string& sender, const std::string& receiver, const std::string& text,
+               std::uint64_t time_ns) {
+  told made = request(0, text, time_ns);
+  made.type = MSG_SIG, made.from = sender, made.to = receiver;
+  return made;
 }
 
 verdict_e compared(const std::optional<recorded_answer>& then, const std::optional<recorded_answer>& now,
@@ -99,30 +113,56 @@ TEST(recordings, only_what_is_asked_for_counts) {
   EXPECT_EQ(R"(REQ 2 "second")", text_of(calls_in({load, second}, {"cmd=2"}).calls()));
 }
 
-TEST(recordings, signals_of_a_service_are_told_from_those_to_it_by_its_siid) {
-  told to_service = request(0, "to it", 1 * ms), of_service = request(0, "of it", 2 * ms);
-  to_service.type = of_service.type = MSG_SIG;
-  of_service.src = 2, of_service.dst = 9;
-  told to_another = of_service;
-  to_another.to = "another";
-  const auto recorded = calls_in({offered_with_siid(2), to_service, of_service, to_another});
-  EXPECT_EQ(R"(SIG 1 "to it")", text_of(recorded.calls()));
-  EXPECT_EQ(R"(SIG 1 "of it")", text_of(recorded.signals()));
+TEST(recordings, signals_of_a_service_are_those_that_its_owner_sends) {
+  const told load = request(1, "load", 1 * ms), to_it = signal_of("watch", "sysmon", "to", 2 * ms),
+             of_it = signal_of("sysmon", "watch", "of", 3 * ms);
+  const struct {
+    const char* known_by;
+    std::vector<told> records;
+    const char *calls, *signals;
+  } rows[] = {{"the state", {state_with_owner("sysmon"), to_it, of_it}, "SIG 1 \"to\"", "SIG 1 \"of\""},
+              {"the event", {offered_by("sysmon"), to_it, of_it}, "SIG 1 \"to\"", "SIG 1 \"of\""},
+              {"a request", {load, to_it, of_it}, R"(REQ 1 "load", SIG 1 "to")", "SIG 1 \"of\""},
+              {"the newest event",
+               {state_with_owner("watch"), offered_by("sysmon"), to_it, of_it},
+               "SIG 1 \"to\"",
+               "SIG 1 \"of\""},
+              {"its own event",
+               {offered_by("sysmon"), offered_by("watch", "another"), to_it, of_it},
+               "SIG 1 \"to\"",
+               "SIG 1 \"of\""},
+              {"nothing", {of_it}, "", "SIG 1 \"of\""}};
+  for (const auto& row : rows) {
+    const auto recorded = calls_in(row.records);
+    EXPECT_EQ(row.calls, text_of(recorded.calls())) << row.known_by;
+    EXPECT_EQ(row.signals, text_of(recorded.signals())) << row.known_by;
+  }
 }
 
-TEST(recordings, the_siid_of_a_service_that_was_offered_later_is_in_the_answer) {
-  told offer = request(7, "", 1 * ms);
-  offer.is_management = true, offer.cmd = CMD_REG_SIGNAL, offer.dst = offer.src = 1;
-  offer.payload =
-      text_payload("sysmon") + text_payload("sysmon.metric") + text_payload("none") + text_payload("none");
-  told granted = offer;
-  granted.type = MSG_RSP;
+TEST(recordings, a_signal_to_several_subscribers_counts_once) {
+  const told first = signal_of("sysmon", "watch", "of", 1 * ms),
+             second = signal_of("sysmon", "log", "of", 1 * ms);
+  EXPECT_EQ(R"(SIG 1 "of")", text_of(calls_in({offered_by("sysmon"), first, second}).signals()));
+}
+
+TEST(recordings, answers_are_found_whichever_siid_the_service_has) {
+  told offer = request(1, "", 1 * ms);  // by another component, with an id that this one has used, too
+  offer.is_management = true, offer.cmd = CMD_REG_FUNCTION, offer.dst = offer.src = 1;
+  offer.payload = text_payload("sysmon") + text_payload("sysmon.metric");
+  told granted_to_another = offer.answer(MSG_RSP);
   KXmessage siid;
-  siid << 2;
-  granted.payload.assign(reinterpret_cast<const char*>(siid.data + siid.offset), 5);
-  told of_service = request(0, "of it", 2 * ms);
-  of_service.type = MSG_SIG, of_service.src = 2, of_service.dst = 9;
-  EXPECT_EQ(R"(SIG 1 "of it")", text_of(calls_in({offer, granted, of_service}).signals()));
+  siid << 9;
+  granted_to_another.to = "another";
+  granted_to_another.payload.assign(reinterpret_cast<const char*>(siid.data + siid.offset),
+                                    static_cast<std::size_t>(siid.size));
+  const told before = request(1, "before", 2 * ms);
+  told after = request(2, "after", 4 * ms);  // the service was offered anew
+  after.dst = 7;
+  EXPECT_EQ(R"(REQ 1 "before" = RSP "5" 1 ms, REQ 1 "after" = RSP "6" 1 ms)",
+            text_of(calls_in({offer, granted_to_another, state_with_owner("sysmon"), before,
+                              answer_to(before, MSG_RSP, "5", 3 * ms), after,
+                              answer_to(after, MSG_RSP, "6", 5 * ms)})
+                        .calls()));
 }
 
 TEST(comparison, tells_how_an_answer_differs) {

@@ -1,21 +1,13 @@
 #include "replay/recorded_calls.h"
 
+#include "bus_events.h"
 #include "datagram.h"
-#include "management.h"
 #include "pcapng.h"
 
 namespace {
 
 const std::string* text_at(const decoded_payload& payload, std::size_t i) {
   return i < payload.values.size() ? std::get_if<std::string>(&payload.values[i].content) : nullptr;
-}
-
-std::uint32_t number_at(const decoded_payload& payload, std::size_t i) {
-  if (const auto* number = std::get_if<std::uint64_t>(&payload.values[i].content))
-    return static_cast<std::uint32_t>(*number);
-  if (const auto* number = std::get_if<std::int64_t>(&payload.values[i].content))
-    return static_cast<std::uint32_t>(*number);
-  return 0;
 }
 
 }  // namespace
@@ -38,34 +30,40 @@ recorded_calls::recorded_calls(std::istream& from, const std::string& name, cons
 }
 
 void recorded_calls::note(const entry& what, bool is_wanted) {
-  learn_siid(what);
+  learn_owner(what);
   const bool is_ours = what.head.service == m_service && what.has_message && !what.is_management();
   const bool is_new = what.head.event == RECORD_SENT || what.head.event == RECORD_QUEUED;  // once for each
   if (!is_ours || !is_new) return;
-  const bool is_from_service = m_siid ? what.src_siid == *m_siid : what.is_answer();
-  if (is_from_service && what.is_answer()) return add_answer(what);
+  if (what.type == MSG_REQ) m_owner = what.head.receiver;
+  if (what.is_answer()) return add_answer(what);
   if (!is_wanted) return;
-  if (is_from_service && what.type == MSG_SIG) return add_signal(what);
-  if (!is_from_service && (what.type == MSG_REQ || what.type == MSG_SIG)) add_call(what);
+  if (what.type == MSG_SIG && is_of_owner(what)) return add_signal(what);
+  if (what.type == MSG_REQ || what.type == MSG_SIG) add_call(what);
 }
 
-// The state at the beginning, or the registration, tells the siid.
-void recorded_calls::learn_siid(const entry& what) {
+// The state at the beginning tells it, and later the event: that passes filters for the service.
+void recorded_calls::learn_owner(const entry& what) {
   if (what.head.event == RECORD_SERVICES) return learn_from_rows(what);
-  if (!what.is_management() || !what.has_message || facts_of(what.cmd).kind != OFFER) return;
-  const decoded_payload values = decode(std::string(what.payload));
-  const std::string* const name = text_at(values, 1);
-  if (what.type == MSG_REQ && name != nullptr && *name == m_service) m_offer_id = what.msg_id;
-  if (what.type == MSG_RSP && m_offer_id == what.msg_id && !values.values.empty())
-    m_siid = number_at(values, 0);
+  if (what.head.event != RECORD_EVENT || what.cmd != EVENT_OFFERED) return;
+  const decoded_payload values = decode(std::string(what.payload));  // component, service, details
+  const std::string* const component = text_at(values, 0);
+  const std::string* const service = text_at(values, 1);
+  if (component != nullptr && service != nullptr && *service == m_service) m_owner = *component;
 }
 
 void recorded_calls::learn_from_rows(const entry& what) {
-  constexpr std::size_t first_row = 2, columns = 6, siid = 2;
+  constexpr std::size_t first_row = 2, columns = 6, component = 4;
   const decoded_payload rows = decode(std::string(what.payload));
-  for (std::size_t i = first_row; i + columns <= rows.values.size(); i += columns)
-    if (const std::string* const name = text_at(rows, i); name != nullptr && *name == m_service)
-      m_siid = number_at(rows, i + siid);
+  for (std::size_t i = first_row; i + columns <= rows.values.size(); i += columns) {
+    const std::string* const name = text_at(rows, i);
+    const std::string* const owner = text_at(rows, i + component);
+    if (name != nullptr && owner != nullptr && *name == m_service) m_owner = *owner;
+  }
+}
+
+// Most signals are those of a service: so is one of which nothing else is known.
+bool recorded_calls::is_of_owner(const entry& signal) const {
+  return m_owner.empty() || signal.head.sender == m_owner;
 }
 
 void recorded_calls::add_call(const entry& what) {

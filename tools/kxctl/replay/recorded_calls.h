@@ -43,15 +43,15 @@ class recorded_calls {
   using key_t = std::tuple<std::string, std::uint32_t, std::uint32_t, std::uint32_t>;
 
   void note(const entry& what, bool is_wanted);
-  void learn_siid(const entry& what);
+  void learn_owner(const entry& what);
   void learn_from_rows(const entry& what);
+  bool is_of_owner(const entry& signal) const;
   void add_call(const entry& what);
   void add_answer(const entry& what);
   void add_signal(const entry& what);
 
   const std::string m_service;
-  std::optional<std::uint32_t> m_siid{};      // of the service's stub
-  std::optional<std::uint32_t> m_offer_id{};  // of its registration, while that is not answered
+  std::string m_owner{};  // the component that offers it, "" while that is not known
   std::vector<recorded_call> m_calls{};
   std::vector<recorded_call> m_signals{};
   std::map<key_t, std::size_t> m_open{};  // calls without an answer, by client, siids and id
